@@ -1,0 +1,239 @@
+// The script of the simulated Windows: what a test says about the devices, the failures and the
+// clock, and what it asks afterwards.
+//
+// Every call of the product is served at once and on the calling thread, as Windows would serve it;
+// nothing happens by itself unless a test asks for a driver thread. Script functions may be called
+// from any thread unless their comment says otherwise. Mistakes in a test (an unknown function
+// name, a device that does not exist) end the process with a message.
+//
+// For ThreadSanitizer: the simulation orders threads only where Windows does, by SetEvent to the
+// wait that it releases, and by the driver's own lock between handing a buffer in and getting it
+// back. Counting, injected failures and the scripted clock add no order. The call log adds none
+// between the threads that it records. No lock is held while a callback, a hook or an observer
+// runs. A driver thread sets MHDR_DONE with an atomic release store, so a poll of dwFlags must be
+// an atomic load.
+#pragma once
+
+#include "mmsystem.h"
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sim {
+
+// ---- The whole ----------------------------------------------------------------------------------
+
+// Back to the fresh state: no devices, no handles, no failures or hooks, counters at zero, log on
+// and empty, real time, heap low. Stops every driver thread. What was still in use is released by
+// force, except task memory. No other thread may be inside the simulation.
+void reset();
+
+// What the product holds at this moment.
+struct Resources
+{
+    int handles = 0;       // open event handles
+    int heapBlocks = 0;    // HeapAlloc without HeapFree
+    int taskBlocks = 0;    // CoTaskMemAlloc without CoTaskMemFree
+    int virtualBlocks = 0; // VirtualAlloc without VirtualFree
+    int inputPorts = 0;    // open HMIDIIN
+    int outputPorts = 0;   // open HMIDIOUT
+    int inputBuffers = 0;  // headers in the queues of open inputs
+    int outputBuffers = 0; // headers in the queues of open outputs
+};
+bool operator==(const Resources& a, const Resources& b);
+bool operator!=(const Resources& a, const Resources& b);
+std::ostream& operator<<(std::ostream& stream, const Resources& resources);
+
+Resources inUse();
+
+// ---- Failures, counters, hooks and the log ------------------------------------------------------
+// Functions are named as Windows names them: "midiInAddBuffer", "CreateEventW".
+
+constexpr unsigned kAllFromThere = UINT_MAX;
+
+// The n-th call from now (1 is the next one), and the count - 1 calls behind it, fail without doing
+// anything. A function with an MMRESULT, an HRESULT or a wait result returns `result`; one that
+// returns a handle, a pointer or a BOOL returns null or FALSE and leaves `result` to GetLastError.
+// Without a result: MMSYSERR_ERROR, E_FAIL, WAIT_FAILED, or ERROR_NOT_ENOUGH_MEMORY respectively.
+// Functions that cannot fail (Sleep, GetLastError, timeGetTime, ...) are refused.
+void failCall(std::string_view function, unsigned n = 1);
+void failCall(std::string_view function, unsigned n, DWORD result, unsigned count = 1);
+void clearFailures();
+
+// Calls of one function since reset(), failed ones included.
+std::uint64_t callCount(std::string_view function);
+
+struct Call
+{
+    const char* function = nullptr;
+    std::uint64_t handle = 0;        // first handle of the call, or the address freed
+    std::uint64_t header = 0;        // address of the MIDIHDR, 0 if the call has none
+    int headerIndex = -1;            // its position in its memory block of 112-byte headers, or -1
+    std::uint64_t arguments[2] = {}; // further arguments in the order of the call
+    DWORD headerFlags = 0;           // dwFlags as the call began
+    DWORD headerLength = 0;          // dwBufferLength as the call began
+    std::uint64_t thread = 0;        // as currentThread() gives it
+    bool returned = false;           // false while the call is still blocked
+    std::uint64_t result = 0;        // what it returned
+};
+
+// The calls in the order in which they began; all, or those of one function.
+std::vector<Call> calls();
+std::vector<Call> calls(std::string_view function);
+// Only the names, in order: handy for comparing sequences.
+std::vector<std::string> callNames();
+void clearCalls();
+// For stress runs. The log holds 1,048,576 calls and ends the process when it is full.
+void logCalls(bool on);
+
+// A small number that names the calling thread in the log.
+std::uint64_t currentThread();
+
+// Runs `hook` on the calling thread before each call of the function does its work: the place to
+// let something happen in the middle of a sequence. Hooks see the calls that they make themselves
+// too.
+void onCall(std::string_view function, std::function<void(const Call&)> hook);
+void clearHooks();
+
+// ---- Time ---------------------------------------------------------------------------------------
+
+// From here on timeGetTime is a counter that only Sleep and the two functions below move; Sleep
+// returns at once (and yields). Waits with a time-out still take real time.
+void useVirtualTime(DWORD now = 1000);
+void setTime(DWORD now);
+void advanceTime(DWORD milliseconds);
+// Virtual time only: Sleep returns this much too late, or, when negative, too early. A Sleep of at
+// least 1 ms always takes at least 1 ms.
+void setSleepError(int milliseconds);
+// Runs `hook` at every Sleep, Sleep(0) included, before the time passes.
+void onSleep(std::function<void(DWORD milliseconds)> hook);
+
+// ---- Memory -------------------------------------------------------------------------------------
+// A heap block ends where an inaccessible page begins (or up to 15 bytes before it), so that an
+// overrun stops the program; the bytes around it are poisoned for AddressSanitizer. Blocks not
+// asked to be zeroed are filled with 0xA5. Freed blocks stay inaccessible for a while.
+
+// The heap gives addresses below 4 GB (the default, false) or above them.
+void setHeapHigh(bool high);
+// VirtualQuery shows the whole range below 4 GB as taken, and VirtualAlloc refuses it.
+void setLowRangeOccupied(bool occupied);
+
+// ---- Events -------------------------------------------------------------------------------------
+
+// The names of the named events that are open, in order of creation.
+std::vector<std::u16string> eventNames();
+// Whether the event is signalled, without consuming the signal.
+bool isSignalled(HANDLE event);
+
+// ---- Devices ------------------------------------------------------------------------------------
+
+// Which of its calls waits for a callback in progress on another thread. Waiting for it in neither,
+// as some drivers do, lets a callback outlive the close.
+enum class DriverKind { WaitsInReset, WaitsInClose, WaitsInNeither };
+
+enum class Completion {
+    Manual, // completeOutput() finishes the sends
+    Inline, // finished, with MOM_DONE, before midiOutLongMsg returns
+    Thread, // finished in order by a driver thread of the device
+};
+
+struct DeviceOptions
+{
+    MMRESULT capsResult = MMSYSERR_NOERROR; // what the capability query answers
+    MMRESULT openResult = MMSYSERR_NOERROR; // what opening answers
+    unsigned maximumClients = 1;            // further opens answer MMSYSERR_ALLOCATED; at most 8
+    DriverKind kind = DriverKind::WaitsInReset;
+    Completion completion = Completion::Inline; // outputs only
+    bool keepSent = true;                       // outputs only: record for sent()
+};
+
+// Add a device and return its index (WinMM's device identifier). The name is cut to 31 characters.
+int addInput(const std::u16string& name, const DeviceOptions& options = {});
+int addOutput(const std::u16string& name, const DeviceOptions& options = {});
+// Take all devices away, as between two runs. No port may be open.
+void removeDevices();
+
+void setDriverKind(DriverKind kind); // of all devices present
+void setCompletion(int output, Completion completion);
+
+// ---- Input ------------------------------------------------------------------------------------
+// All of these act as the driver: they call the callback on the calling thread and return when it
+// has returned. An input that is not started takes no data. Inputs with several clients give every
+// client its copy. One thread at a time may inject into one input if the order matters.
+
+// MIM_DATA. False if no started client took it.
+bool shortMessage(int input, DWORD packed);
+// MIM_LONGDATA: fills the queued buffers in order and returns each when it is full or the bytes
+// end. Returns the number of bytes that found a buffer; the rest is lost.
+std::size_t sysEx(int input, const void* bytes, std::size_t length);
+// Hands the next queued buffer back with any code and any dwBytesRecorded, whether or not the port
+// is started. As many of the bytes as fit are copied into it. Null if no buffer is queued.
+MIDIHDR* returnBuffer(int input, DWORD bytesRecorded, const void* bytes = nullptr,
+                      std::size_t length = 0, UINT code = MIM_LONGDATA);
+// Calls the callback with arbitrary arguments, started or not. False if no port is open.
+bool raw(int input, UINT message, DWORD parameter1, DWORD parameter2);
+
+bool isStarted(int input);
+std::size_t queuedBuffers(int input);
+
+struct FloodOptions
+{
+    unsigned sysExEvery = 0;           // every n-th message is a SysEx message; 0: none, 1: all
+    std::size_t sysExLength = 5000;    // with F0 and F7; at least 8
+    unsigned pauseEvery = 0;           // after so many messages ...
+    unsigned pauseMicroseconds = 1000; // ... this long a pause; 0 messages: never
+    std::uint64_t limit = UINT64_MAX;  // messages, after which the thread stops by itself
+    // Instead of all that: called over and over on the driver's thread with 0, 1, 2, ...
+    std::function<void(std::uint64_t number)> message;
+};
+
+struct FloodReport
+{
+    std::uint64_t shortMessages = 0; // taken by the port
+    std::uint64_t sysExMessages = 0; // taken whole
+    std::uint64_t refused = 0;       // port closed or stopped, or too few buffers for the SysEx
+};
+
+// A driver thread that injects without end. Messages are numbered from 0 as they are attempted;
+// number n is floodShort(n) or floodSysEx(n, length). A SysEx message is only begun when the
+// buffers queued hold it whole, but a reset may still cut it short; such a one is counted as
+// refused.
+void startFlood(int input, const FloodOptions& options = {});
+FloodReport stopFlood(int input);    // waits for the thread
+FloodReport waitForFlood(int input); // waits until the limit is reached
+
+// 0x90 and the low 14 bits of n as its two data bytes, lower 7 first.
+DWORD floodShort(std::uint64_t n);
+// F0 7D, n in four 7-bit bytes, lowest first, then bytes that follow from n, then F7.
+std::vector<unsigned char> floodSysEx(std::uint64_t n, std::size_t length);
+
+// ---- Output -------------------------------------------------------------------------------------
+
+struct Sent
+{
+    bool isShort = false; // sent by midiOutShortMsg; bytes then holds the 4 bytes of the word
+    std::vector<unsigned char> bytes;
+    DWORD time = 0; // timeGetTime as it was accepted
+    const MIDIHDR* header = nullptr;
+};
+// What the output has accepted since reset(), in order.
+std::vector<Sent> sent(int output);
+void clearSent(int output);
+
+std::size_t pendingOutputs(int output); // accepted, not yet finished
+// Finishes the oldest pending send: MHDR_DONE, then MOM_DONE on the calling thread. Null if none
+// is.
+MIDIHDR* completeOutput(int output);
+// Calls the output callback with arbitrary arguments. False if no port is open.
+bool rawOutput(int output, UINT message, DWORD parameter1, DWORD parameter2);
+
+// What the output finishes arrives at the input, before its MOM_DONE: SysEx through the buffers,
+// everything else as short messages, as a lead from one socket to the other would do it.
+void connect(int output, int input);
+
+} // namespace sim

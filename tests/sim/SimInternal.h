@@ -1,0 +1,149 @@
+// Shared by the parts of the simulation; not for tests.
+#pragma once
+
+#include "Sim.h"
+
+#include <atomic>
+#include <type_traits>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define SIM_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SIM_ADDRESS_SANITIZER 1
+#endif
+#endif
+
+// Every simulated function, and what it gives back when a test makes it fail.
+#define SIM_FUNCTIONS(X)                                                                           \
+    X(CreateEventW, Null)                                                                          \
+    X(SetEvent, Null)                                                                              \
+    X(ResetEvent, Null)                                                                            \
+    X(CloseHandle, Null)                                                                           \
+    X(WaitForSingleObject, Wait)                                                                   \
+    X(WaitForMultipleObjects, Wait)                                                                \
+    X(GetLastError, Never)                                                                         \
+    X(Sleep, Never)                                                                                \
+    X(GetProcessHeap, Null)                                                                        \
+    X(HeapAlloc, Null)                                                                             \
+    X(HeapFree, Null)                                                                              \
+    X(VirtualAlloc, Null)                                                                          \
+    X(VirtualFree, Null)                                                                           \
+    X(VirtualQuery, Null)                                                                          \
+    X(GetSystemInfo, Never)                                                                        \
+    X(CoTaskMemAlloc, Null)                                                                        \
+    X(CoTaskMemFree, Never)                                                                        \
+    X(CoCreateGuid, Com)                                                                           \
+    X(timeGetTime, Never)                                                                          \
+    X(midiInGetNumDevs, Null)                                                                      \
+    X(midiInGetDevCapsW, Multimedia)                                                               \
+    X(midiInOpen, Multimedia)                                                                      \
+    X(midiInClose, Multimedia)                                                                     \
+    X(midiInStart, Multimedia)                                                                     \
+    X(midiInStop, Multimedia)                                                                      \
+    X(midiInReset, Multimedia)                                                                     \
+    X(midiInPrepareHeader, Multimedia)                                                             \
+    X(midiInUnprepareHeader, Multimedia)                                                           \
+    X(midiInAddBuffer, Multimedia)                                                                 \
+    X(midiOutGetNumDevs, Null)                                                                     \
+    X(midiOutGetDevCapsW, Multimedia)                                                              \
+    X(midiOutOpen, Multimedia)                                                                     \
+    X(midiOutClose, Multimedia)                                                                    \
+    X(midiOutReset, Multimedia)                                                                    \
+    X(midiOutPrepareHeader, Multimedia)                                                            \
+    X(midiOutUnprepareHeader, Multimedia)                                                          \
+    X(midiOutLongMsg, Multimedia)                                                                  \
+    X(midiOutShortMsg, Multimedia)
+
+namespace sim::internal {
+
+enum class Function {
+#define SIM_NAME(name, failure) name,
+    SIM_FUNCTIONS(SIM_NAME)
+#undef SIM_NAME
+};
+#define SIM_COUNT(name, failure) +1
+constexpr std::size_t kFunctionCount = 0 SIM_FUNCTIONS(SIM_COUNT);
+#undef SIM_COUNT
+
+struct LogRecord;
+
+// Stands at the head of every simulated function: counts the call, logs it, runs the hooks and
+// looks whether the script wants it to fail.
+class Entry
+{
+public:
+    explicit Entry(Function function, const void* handle = nullptr, const MIDIHDR* header = nullptr,
+                   std::uint64_t argument1 = 0, std::uint64_t argument2 = 0);
+    ~Entry();
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+
+    bool fails() const { return failing; }
+    DWORD failure() const { return failureResult; }
+    // Notes the result in the log and passes it on.
+    template <typename Result>
+    Result returns(Result value)
+    {
+        if constexpr (std::is_pointer_v<Result>)
+            result = reinterpret_cast<std::uintptr_t>(value);
+        else
+            result = static_cast<std::uint64_t>(value);
+        return value;
+    }
+    // For functions that fail with null or FALSE and an error code.
+    template <typename Result>
+    Result fail()
+    {
+        setLastError(failureResult);
+        return returns(Result{});
+    }
+
+private:
+    static void setLastError(DWORD error);
+    void consultScript(Function function, const Call& call, std::uint64_t number);
+
+    LogRecord* record = nullptr;
+    std::uint64_t result = 0;
+    DWORD failureResult = 0;
+    bool failing = false;
+};
+
+void setLastError(DWORD error);
+
+// timeGetTime without the log.
+DWORD now();
+
+// dwFlags is shared between the driver's threads and whoever polls it. Its offset of 24 in the
+// packed header keeps it aligned.
+inline DWORD* flagsAddress(const MIDIHDR& header)
+{
+    const char* const bytes = reinterpret_cast<const char*>(&header);
+    return reinterpret_cast<DWORD*>(const_cast<char*>(bytes + offsetof(MIDIHDR, dwFlags)));
+}
+
+inline DWORD flagsOf(const MIDIHDR& header)
+{
+    return __atomic_load_n(flagsAddress(header), __ATOMIC_ACQUIRE);
+}
+
+inline void setFlags(MIDIHDR& header, DWORD flags)
+{
+    __atomic_store_n(flagsAddress(header), flags, __ATOMIC_RELEASE);
+}
+
+// The position of an address in its memory block, in units of `size`; -1 if no block holds it.
+int positionInBlock(std::uint64_t address, std::size_t size);
+
+void countKernel(Resources& resources);
+void countMemory(Resources& resources);
+void countMidi(Resources& resources);
+
+void resetKernel();
+void resetMemory();
+void resetMidi();
+
+// A mistake in the test or an exhausted simulation: says so and ends the process.
+[[noreturn]] void stopWith(const char* what, std::string_view detail = {});
+
+} // namespace sim::internal

@@ -1,0 +1,24 @@
+// The slice of <objbase.h> that the library touches, for native builds against the simulation.
+#pragma once
+
+#include "windows.h"
+
+constexpr HRESULT S_OK = 0;
+constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
+constexpr HRESULT E_OUTOFMEMORY = static_cast<HRESULT>(0x8007000E);
+
+constexpr bool SUCCEEDED(HRESULT result)
+{
+    return result >= 0;
+}
+
+constexpr bool FAILED(HRESULT result)
+{
+    return result < 0;
+}
+
+extern "C" {
+LPVOID WINAPI CoTaskMemAlloc(SIZE_T bytes);
+void WINAPI CoTaskMemFree(LPVOID memory);
+HRESULT WINAPI CoCreateGuid(GUID* guid);
+}

@@ -1,0 +1,11 @@
+#ifndef LUMORA_UTILITIES_OLESTRING_H
+#define LUMORA_UTILITIES_OLESTRING_H
+
+#include <QString>
+#include <windows.h>
+
+/// A zero-terminated UTF-16 copy of `text` in COM task memory; its receiver frees it with
+/// CoTaskMemFree. A null QString gives an empty copy. Null if there is no memory.
+WCHAR* CreateOLEString(const QString& text);
+
+#endif
