@@ -1,0 +1,115 @@
+#ifndef LUMORA_PORTS_MIDIPORTACCESSOR_H
+#define LUMORA_PORTS_MIDIPORTACCESSOR_H
+
+#include "ports/Export.h"
+
+#include <QMap>
+#include <QString>
+#include <QUuid>
+
+// Who is who: every MIDI port is known by an identifier that survives from run to run, not by its
+// position in the system's device list, which changes when devices come and go.
+//
+// A port label is "number;name": the device's 1-based position in the system's list, in decimal,
+// then ';', then the device name as the system gives it.
+//
+// Every bool that selects a direction means false = input, true = output.
+
+/// Port labels by port identifier, in ascending order of the identifiers.
+class LUMORA_TRANSPORT_EXPORT TSystemMIDIMap : public QMap<QUuid, QString>
+{
+public:
+    TSystemMIDIMap();
+    TSystemMIDIMap(const TSystemMIDIMap& other);
+    ~TSystemMIDIMap();
+    TSystemMIDIMap& operator=(const TSystemMIDIMap& other);
+};
+
+/// The ports of the system as they were when the accessor was made. Made by MIDIPortAccessor(),
+/// ended by Release().
+///
+/// The accessor has no lock: it is filled before anyone can see it and only read afterwards, on
+/// any thread. Release() must not run while another thread reads.
+class IMIDIPortAccessor
+{
+public:
+    /// Appends the ports first seen in this run to the stored table and deletes the accessor, which
+    /// must outlive every transport that was made for it. A store that cannot be written is not
+    /// reported: the new identifiers are then made afresh in the next run.
+    virtual void Release() = 0;
+
+    /// The identifier of the port whose device name is exactly `name`; the null QUuid if there is
+    /// none. Both directions are searched, inputs first, whatever `output` says: a device that has
+    /// an input and an output of one name yields its input's identifier. A name that contains ';'
+    /// is never found.
+    virtual QUuid portIdentity(const QString& name, bool output) const = 0;
+
+    /// The whole label of the port `id`, inputs first; "<unknown port name>" if there is none.
+    virtual QString portName(const QUuid& id) const = 0;
+
+    /// The number of ports of a direction.
+    virtual int numberOfPlugs(bool output) const = 0;
+
+    /// The ports of a direction. The reference is valid until Release().
+    virtual const TSystemMIDIMap& plugs(bool output) const = 0;
+
+protected:
+    ~IMIDIPortAccessor() = default;
+};
+
+/// Everything about the accessor that does not depend on the platform. A platform is a subclass
+/// that supplies systemPortName() and numberOfSystemPorts() and nothing else.
+class LUMORA_TRANSPORT_EXPORT UniIMIDIPortAccessor : public IMIDIPortAccessor
+{
+public:
+    /// Starts with no ports. `organization` and `application` name the settings store that holds
+    /// the table of known ports, in its system-wide scope.
+    UniIMIDIPortAccessor(const QString& organization, const QString& application);
+    UniIMIDIPortAccessor(const UniIMIDIPortAccessor& other);
+    UniIMIDIPortAccessor& operator=(const UniIMIDIPortAccessor& other);
+
+    /// Gives every device that is present now the identifier that the stored table has for its
+    /// label, or a fresh one. Writes nothing. Called once, by the factory.
+    void init();
+
+    void Release() override;
+    QUuid portIdentity(const QString& name, bool output) const override;
+    QString portName(const QUuid& id) const override;
+    int numberOfPlugs(bool output) const override;
+    const TSystemMIDIMap& plugs(bool output) const override;
+
+protected:
+    /// Reached through Release(), which alone saves the table.
+    virtual ~UniIMIDIPortAccessor();
+
+    /// The system's name of device `index` (0-based); empty if the system cannot name it.
+    virtual QString systemPortName(int index, bool output) = 0;
+
+    /// The number of devices the system has now.
+    virtual int numberOfSystemPorts(bool output) = 0;
+
+private:
+    TSystemMIDIMap plugMaps[2];
+    QString organization;
+    QString application;
+};
+
+/// The ports of Windows, as WinMM counts and names them.
+class WinIMIDIPortAccessor : public UniIMIDIPortAccessor
+{
+public:
+    WinIMIDIPortAccessor(const QString& organization, const QString& application);
+
+protected:
+    ~WinIMIDIPortAccessor() override;
+
+    QString systemPortName(int index, bool output) override;
+    int numberOfSystemPorts(bool output) override;
+};
+
+/// Makes the accessor of this system's ports, with the identifiers that earlier runs stored under
+/// `organization` and `application`. The caller owns it and ends it with Release().
+LUMORA_TRANSPORT_EXPORT IMIDIPortAccessor* MIDIPortAccessor(const QString& organization,
+                                                            const QString& application);
+
+#endif

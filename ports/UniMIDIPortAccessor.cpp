@@ -1,0 +1,105 @@
+#include "ports/Export.h"
+
+#include <QMap>
+#include <QString>
+#include <QUuid>
+
+// The whole container behind TSystemMIDIMap is part of the library's interface. This has to stand
+// before the class that derives from it.
+template class LUMORA_TRANSPORT_EXPORT QMap<QUuid, QString>;
+
+#include "ports/MIDIPortAccessor.h"
+#include "ports/PortLabel.h"
+#include "ports/PortTable.h"
+
+#include <objbase.h>
+
+TSystemMIDIMap::TSystemMIDIMap() = default;
+TSystemMIDIMap::TSystemMIDIMap(const TSystemMIDIMap& other) = default;
+TSystemMIDIMap::~TSystemMIDIMap() = default;
+TSystemMIDIMap& TSystemMIDIMap::operator=(const TSystemMIDIMap& other) = default;
+
+static QUuid freshIdentifier()
+{
+    GUID guid = {};
+    CoCreateGuid(&guid);
+    // Field by field, which needs no GUID conversion of QUuid's.
+    return QUuid(guid.Data1, guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2],
+                 guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
+}
+
+UniIMIDIPortAccessor::UniIMIDIPortAccessor(const QString& organization, const QString& application)
+    : organization(organization), application(application)
+{}
+
+UniIMIDIPortAccessor::UniIMIDIPortAccessor(const UniIMIDIPortAccessor& other) = default;
+UniIMIDIPortAccessor& UniIMIDIPortAccessor::operator=(const UniIMIDIPortAccessor& other) = default;
+UniIMIDIPortAccessor::~UniIMIDIPortAccessor() = default;
+
+void UniIMIDIPortAccessor::init()
+{
+    const PortTable table(organization, application);
+    for (const bool output : {false, true}) {
+        const StoredPorts stored = table.read(output);
+        const int count = numberOfSystemPorts(output);
+        for (int index = 0; index < count; ++index) {
+            const QString label = PortLabel::compose(index, systemPortName(index, output));
+            QUuid id;
+            if (!stored.find(label, &id))
+                id = freshIdentifier();
+            plugMaps[output][id] = label;
+        }
+    }
+}
+
+void UniIMIDIPortAccessor::Release()
+{
+    {
+        PortTable table(organization, application);
+        for (const bool output : {false, true}) {
+            StoredPorts stored = table.read(output);
+            stored.appendNew(plugMaps[output]);
+            table.write(output, stored);
+        }
+    }
+    delete this;
+}
+
+QUuid UniIMIDIPortAccessor::portIdentity(const QString& name, bool) const
+{
+    QUuid result;
+    for (const TSystemMIDIMap& map : plugMaps) {
+        // The null identifier can be a real key: the outputs are still searched behind it.
+        if (!result.isNull())
+            break;
+        for (TSystemMIDIMap::const_iterator port = map.begin(); port != map.end(); ++port) {
+            const PortLabel label(port.value());
+            if (label.hasName() && label.name() == name) {
+                result = port.key();
+                break;
+            }
+        }
+    }
+    return result;
+}
+
+QString UniIMIDIPortAccessor::portName(const QUuid& id) const
+{
+    for (const TSystemMIDIMap& map : plugMaps) {
+        const TSystemMIDIMap::const_iterator port = map.find(id);
+        if (port != map.end())
+            return port.value();
+    }
+    return QLatin1String("<unknown port name>");
+}
+
+int UniIMIDIPortAccessor::numberOfPlugs(bool output) const
+{
+    // Through the virtual plugs(): a subclass that overrides it changes the count too.
+    return static_cast<int>(plugs(output).size());
+}
+
+const TSystemMIDIMap& UniIMIDIPortAccessor::plugs(bool output) const
+{
+    return plugMaps[output];
+}

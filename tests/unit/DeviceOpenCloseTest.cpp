@@ -1,0 +1,382 @@
+#include "tests/unit/TestSupport.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace {
+
+class DeviceOpenCloseTest : public DeviceTest
+{
+protected:
+    static std::vector<std::string> midiCalls()
+    {
+        std::vector<std::string> names;
+        for (const std::string& name : sim::callNames()) {
+            if (name.compare(0, 4, "midi") == 0)
+                names.push_back(name);
+        }
+        return names;
+    }
+
+    /// Nothing is open, no thread runs and no flag is left behind.
+    void expectClosed()
+    {
+        EXPECT_EQ(device().hMidiIn, nullptr);
+        EXPECT_FALSE(device().closingInput);
+        EXPECT_EQ(Access::pusher(*transport), nullptr);
+        EXPECT_EQ(sim::inUse().inputPorts, 0);
+        EXPECT_EQ(sim::inUse().inputBuffers, 0);
+        EXPECT_EQ(transport->closeInput(), -1);
+    }
+};
+
+TEST_F(DeviceOpenCloseTest, ConstructionSetsUpTheEventAndAllBuffersInOrder)
+{
+    releaseTransport();
+    sim::clearCalls();
+    makeTransport();
+    const std::vector<sim::Call> events = sim::calls("CreateEventW");
+    ASSERT_EQ(events.size(), 2u); // the transport's own, then this one
+    EXPECT_FALSE(sim::isSignalled(device().doneEvent));
+    std::vector<std::uint64_t> sizes;
+    for (const sim::Call& call : sim::calls("HeapAlloc"))
+        sizes.push_back(call.arguments[1]);
+    EXPECT_EQ(sizes, (std::vector<std::uint64_t>{86016, 3145728, 896, 32768}));
+    EXPECT_EQ(device().recordQueue.space(), 524288);
+}
+
+TEST_F(DeviceOpenCloseTest, EachFailedSetUpStepSkipsTheLaterOnesAndIsSurvived)
+{
+    struct
+    {
+        const char* function;
+        unsigned call;
+        int heapCalls;
+    } const steps[] = {{"CreateEventW", 2, 0},
+                       {"HeapAlloc", 1, 1},
+                       {"HeapAlloc", 2, 2},
+                       {"HeapAlloc", 3, 3},
+                       {"HeapAlloc", 4, 4}};
+    for (const auto& step : steps) {
+        SCOPED_TRACE(std::string(step.function) + " " + std::to_string(step.call));
+        releaseTransport();
+        sim::failCall(step.function, step.call);
+        sim::clearCalls();
+        makeTransport();
+        EXPECT_TRUE(transport->valid());
+        EXPECT_EQ(sim::calls("HeapAlloc").size(), std::size_t(step.heapCalls));
+
+        const unsigned char message[3] = {0x90, 1, 2};
+        EXPECT_EQ(transport->outputData(3, message), false);
+        ASSERT_NE(transport->openOutput(1), nullptr);
+        EXPECT_FALSE(transport->outputData(3, message));
+        EXPECT_EQ(transport->closeOutput(), 0);
+        transport->openInput(1);
+        transport->closeInput();
+        expectClosed();
+    }
+}
+
+TEST_F(DeviceOpenCloseTest, WithoutInputBuffersAnInputStillDeliversShortMessages)
+{
+    releaseTransport();
+    sim::failCall("HeapAlloc", 1);
+    makeTransport();
+    ASSERT_NE(transport->openInput(1), nullptr);
+    sim::shortMessage(input, 0x643C90);
+    EXPECT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(transport->closeInput(), 0);
+}
+
+TEST_F(DeviceOpenCloseTest, CountsComeFromTheAccessor)
+{
+    accessor.maps[0].insert(uuid(1), "1;A");
+    accessor.maps[0].insert(uuid(2), "2;B");
+    accessor.maps[1].insert(uuid(3), "1;C");
+    EXPECT_EQ(transport->numberOfInputs(), 2);
+    EXPECT_EQ(transport->numberOfOutputs(), 1);
+}
+
+TEST_F(DeviceOpenCloseTest, DescriptorsAreFoundByTheNumberInTheLabel)
+{
+    accessor.maps[0].insert(uuid(7), "2;Device");
+    EXPECT_EQ(transport->getInpPortDescriptor(2), uuid(7));
+    EXPECT_TRUE(transport->getInpPortDescriptor(3).isNull());
+    EXPECT_TRUE(transport->getOutPortDescriptor(2).isNull());
+    accessor.maps[1].insert(uuid(8), "11;Other");
+    EXPECT_EQ(transport->getOutPortDescriptor(11), uuid(8));
+}
+
+TEST_F(DeviceOpenCloseTest, OfTwoEntriesWithOneNumberTheFirstInMapOrderWins)
+{
+    accessor.maps[0].insert(uuid(2), "1;B");
+    accessor.maps[0].insert(uuid(1), "1;A");
+    EXPECT_EQ(transport->getInpPortDescriptor(1), uuid(1));
+}
+
+TEST_F(DeviceOpenCloseTest, AnEntryWithoutANumberIsPortZero)
+{
+    accessor.maps[1].insert(uuid(1), "x;A");
+    EXPECT_EQ(transport->getOutPortDescriptor(0), uuid(1));
+}
+
+TEST_F(DeviceOpenCloseTest, WithoutAnAccessorThereAreNoPorts)
+{
+    TMIDITransport& bare = MIDITransportInstance(nullptr);
+    EXPECT_EQ(bare.numberOfInputs(), 0);
+    EXPECT_EQ(bare.numberOfOutputs(), 0);
+    EXPECT_TRUE(bare.getInpPortDescriptor(1).isNull());
+    EXPECT_TRUE(bare.getOutPortDescriptor(1).isNull());
+    bare.Release();
+}
+
+TEST_F(DeviceOpenCloseTest, APortNumberBelowOneOpensNothing)
+{
+    for (const int port : {0, -1, INT_MIN}) {
+        EXPECT_EQ(transport->openInput(port), nullptr);
+        EXPECT_EQ(transport->openOutput(port), nullptr);
+    }
+    EXPECT_TRUE(midiCalls().empty());
+
+    void* const in = transport->openInput(1);
+    void* const out = transport->openOutput(1);
+    ASSERT_NE(in, nullptr);
+    ASSERT_NE(out, nullptr);
+    sim::clearCalls();
+    EXPECT_EQ(transport->openInput(0), in);
+    EXPECT_EQ(transport->openInput(-3), in);
+    EXPECT_EQ(transport->openOutput(0), out);
+    EXPECT_TRUE(midiCalls().empty());
+}
+
+TEST_F(DeviceOpenCloseTest, APortBeyondTheLastOneIsNotOpened)
+{
+    EXPECT_EQ(transport->openInput(2), nullptr);
+    EXPECT_EQ(transport->openInput(INT_MAX), nullptr);
+    expectClosed();
+    EXPECT_EQ(transport->openOutput(2), nullptr);
+    EXPECT_EQ(transport->closeOutput(), -1);
+}
+
+TEST_F(DeviceOpenCloseTest, OpeningAnInputPreparesAndQueuesAllHeadersThenStarts)
+{
+    sim::clearCalls();
+    void* const handle = transport->openInput(1);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle, device().hMidiIn);
+    EXPECT_NE(Access::pusher(*transport), nullptr);
+    EXPECT_EQ(sim::queuedBuffers(input), 768u);
+    EXPECT_TRUE(sim::isStarted(input));
+
+    std::vector<std::string> names = midiCalls();
+    ASSERT_GE(names.size(), 2u + 2 * 768);
+    EXPECT_EQ(names.front(), "midiInOpen");
+    EXPECT_EQ(names[1 + 2 * 768], "midiInStart");
+    const std::vector<sim::Call> prepares = sim::calls("midiInPrepareHeader");
+    const std::vector<sim::Call> adds = sim::calls("midiInAddBuffer");
+    for (int i = 0; i < 768; ++i) {
+        EXPECT_EQ(names[std::size_t(1 + 2 * i)], "midiInPrepareHeader");
+        EXPECT_EQ(names[std::size_t(2 + 2 * i)], "midiInAddBuffer");
+        EXPECT_EQ(prepares[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(prepares[std::size_t(i)].headerFlags, 0u);
+        EXPECT_EQ(adds[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(adds[std::size_t(i)].headerLength, 4096u);
+    }
+}
+
+TEST_F(DeviceOpenCloseTest, OpeningClearsWhatAnEarlierUseLeftInTheHeaders)
+{
+    for (MIDIHDR& header : device().inHeaders) {
+        header.dwFlags = MHDR_DONE | MHDR_PREPARED;
+        header.dwBytesRecorded = 12;
+        header.dwUser = 34;
+        header.lpNext = &header;
+        header.dwOffset = 56;
+    }
+    ASSERT_NE(transport->openInput(1), nullptr);
+    for (const sim::Call& call : sim::calls("midiInPrepareHeader"))
+        EXPECT_EQ(call.headerFlags, 0u);
+    for (const MIDIHDR& header : device().inHeaders) {
+        EXPECT_EQ(header.dwBytesRecorded, 0u);
+        EXPECT_EQ(header.dwUser, 0u);
+        EXPECT_EQ(header.dwOffset, 0u);
+    }
+}
+
+TEST_F(DeviceOpenCloseTest, ClosingAnInputRunsTheStepsInOrder)
+{
+    ASSERT_NE(transport->openInput(1), nullptr);
+    sim::clearCalls();
+    bool closing = false;
+    sim::onCall("midiInStop", [&](const sim::Call&) {
+        closing = device().closingInput && !Access::pusher(*transport);
+    });
+    EXPECT_EQ(transport->closeInput(), 0);
+    EXPECT_TRUE(closing);
+
+    const std::vector<std::string> names = midiCalls();
+    ASSERT_EQ(names.size(), 768u + 3);
+    EXPECT_EQ(names[0], "midiInStop");
+    EXPECT_EQ(names[1], "midiInReset");
+    const std::vector<sim::Call> unprepares = sim::calls("midiInUnprepareHeader");
+    for (int i = 0; i < 768; ++i) {
+        EXPECT_EQ(names[std::size_t(2 + i)], "midiInUnprepareHeader");
+        EXPECT_EQ(unprepares[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(unprepares[std::size_t(i)].result, DWORD(MMSYSERR_NOERROR));
+    }
+    EXPECT_EQ(names.back(), "midiInClose");
+    expectClosed();
+}
+
+TEST_F(DeviceOpenCloseTest, ClosingTwiceSaysThatNothingWasOpen)
+{
+    transport->openInput(1);
+    transport->openOutput(1);
+    EXPECT_EQ(transport->closeInput(), 0);
+    EXPECT_EQ(transport->closeInput(), -1);
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_EQ(transport->closeOutput(), -1);
+}
+
+TEST_F(DeviceOpenCloseTest, EveryFailureOfAnOpenEndsInAFullClose)
+{
+    struct Failure
+    {
+        const char* function;
+        unsigned call;
+    };
+    std::vector<Failure> failures = {{"midiInOpen", 1}, {"midiInStart", 1}};
+    for (unsigned n = 1; n <= 768; ++n)
+        failures.push_back({"midiInAddBuffer", n});
+    sim::logCalls(false);
+    for (const Failure& failure : failures) {
+        SCOPED_TRACE(std::string(failure.function) + " " + std::to_string(failure.call));
+        sim::failCall(failure.function, failure.call);
+        ASSERT_EQ(transport->openInput(1), nullptr);
+        expectClosed();
+        sim::clearFailures();
+    }
+    ASSERT_NE(transport->openInput(1), nullptr);
+    EXPECT_EQ(sim::queuedBuffers(input), 768u);
+}
+
+TEST_F(DeviceOpenCloseTest, AFailedPrepareShowsAsTheRefusedBuffer)
+{
+    sim::failCall("midiInPrepareHeader", 5);
+    EXPECT_EQ(transport->openInput(1), nullptr);
+    expectClosed();
+}
+
+TEST_F(DeviceOpenCloseTest, FailuresWhileClosingAreIgnored)
+{
+    for (const char* function : {"midiInStop", "midiInUnprepareHeader"}) {
+        ASSERT_NE(transport->openInput(1), nullptr);
+        sim::failCall(function, 1);
+        EXPECT_EQ(transport->closeInput(), 0);
+        expectClosed();
+    }
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    sim::failCall("midiOutReset", 1);
+    sim::failCall("midiOutUnprepareHeader", 3);
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_EQ(sim::inUse().outputPorts, 0);
+}
+
+TEST_F(DeviceOpenCloseTest, OpeningOverAnOpenInputThatFailsClosesTheOldOne)
+{
+    ASSERT_NE(transport->openInput(1), nullptr);
+    EXPECT_EQ(transport->openInput(9), nullptr);
+    expectClosed();
+}
+
+TEST_F(DeviceOpenCloseTest, AnOutputIsOpenedWithoutPreparingAHeader)
+{
+    sim::clearCalls();
+    void* const handle = transport->openOutput(1);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle, device().hMidiOut);
+    EXPECT_EQ(midiCalls(), std::vector<std::string>{"midiOutOpen"});
+    sim::clearCalls();
+    EXPECT_EQ(transport->closeOutput(), 0);
+    const std::vector<std::string> names = midiCalls();
+    ASSERT_EQ(names.size(), 10u);
+    EXPECT_EQ(names.front(), "midiOutReset");
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(sim::calls("midiOutUnprepareHeader")[std::size_t(i)].headerIndex, i);
+    EXPECT_EQ(names.back(), "midiOutClose");
+    EXPECT_FALSE(device().closingOutput);
+}
+
+TEST_F(DeviceOpenCloseTest, ARefusedOutputOpenGivesNull)
+{
+    sim::failCall("midiOutOpen", 1);
+    EXPECT_EQ(transport->openOutput(1), nullptr);
+    EXPECT_EQ(device().hMidiOut, nullptr);
+    EXPECT_EQ(transport->closeOutput(), -1);
+}
+
+TEST_F(DeviceOpenCloseTest, TheLastReleaseClosesBothPortsAndFreesEverythingInOrder)
+{
+    ASSERT_NE(transport->openInput(1), nullptr);
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    const std::uint64_t inData =
+        reinterpret_cast<std::uint64_t>(device().inHeaders.buffer(device().inHeaders.begin()));
+    const std::uint64_t outData =
+        reinterpret_cast<std::uint64_t>(device().outHeaders.buffer(device().outHeaders.begin()));
+    const std::uint64_t inHeaders = reinterpret_cast<std::uint64_t>(device().inHeaders.begin());
+    const std::uint64_t outHeaders = reinterpret_cast<std::uint64_t>(device().outHeaders.begin());
+    sim::clearCalls();
+    releaseTransport();
+    EXPECT_EQ(sim::inUse(), sim::Resources());
+    std::vector<std::uint64_t> freed;
+    for (const sim::Call& call : sim::calls("HeapFree")) {
+        for (const std::uint64_t value : {call.handle, call.arguments[0], call.arguments[1]}) {
+            if (value == inData || value == outData || value == inHeaders || value == outHeaders)
+                freed.push_back(value);
+        }
+    }
+    EXPECT_EQ(freed, (std::vector<std::uint64_t>{inData, outData, outHeaders, inHeaders}));
+    const std::vector<std::string> names = sim::callNames();
+    const auto position = [&](const char* name) {
+        return std::find(names.begin(), names.end(), name) - names.begin();
+    };
+    EXPECT_LT(position("midiInClose"), position("midiOutClose"));
+    EXPECT_LT(position("midiOutClose"), position("HeapFree"));
+    EXPECT_LT(position("HeapFree"), position("CloseHandle"));
+}
+
+TEST_F(DeviceOpenCloseTest, WithAHighHeapPortsOpenAndReceiveAllTheSame)
+{
+    releaseTransport();
+    sim::setHeapHigh(true);
+    makeTransport();
+    ASSERT_NE(transport->openInput(1), nullptr);
+    const Bytes message = {0xF0, 1, 2, 3, 0xF7};
+    sim::sysEx(input, message.data(), message.size());
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.received()[0].bytes, message);
+    EXPECT_EQ(transport->closeInput(), 0);
+    releaseTransport();
+    sim::setHeapHigh(false);
+}
+
+TEST_F(DeviceOpenCloseTest, ManyCyclesGiveAllBuffersBackEveryTime)
+{
+    sim::logCalls(false);
+    for (const sim::DriverKind kind : {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
+                                       sim::DriverKind::WaitsInNeither}) {
+        sim::setDriverKind(kind);
+        sim::FloodOptions options;
+        options.sysExEvery = 5;
+        sim::startFlood(input, options);
+        for (int round = 0; round < 50; ++round) {
+            ASSERT_NE(transport->openInput(1), nullptr);
+            ASSERT_EQ(transport->closeInput(), 0);
+            EXPECT_EQ(sim::inUse().inputBuffers, 0);
+        }
+        sim::stopFlood(input);
+    }
+    expectClosed();
+}
+
+} // namespace

@@ -1,0 +1,64 @@
+#include "tests/unit/OutOfMemory.h"
+
+#include <cstdlib>
+#include <new>
+
+static thread_local bool failing = false;
+
+OutOfMemory::OutOfMemory()
+{
+    failing = true;
+}
+
+OutOfMemory::~OutOfMemory()
+{
+    failing = false;
+}
+
+// In place of the program's allocation functions; the array and nothrow forms end up here too.
+void* operator new(std::size_t size)
+{
+    void* const block = failing ? nullptr : std::malloc(size);
+    if (!block)
+        throw std::bad_alloc();
+    return block;
+}
+
+void* operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept
+{
+    return operator new(size, tag);
+}
+
+void operator delete(void* block) noexcept
+{
+    std::free(block);
+}
+
+void operator delete[](void* block) noexcept
+{
+    std::free(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept
+{
+    std::free(block);
+}
+
+void operator delete[](void* block, std::size_t) noexcept
+{
+    std::free(block);
+}

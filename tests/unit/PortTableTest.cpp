@@ -1,0 +1,261 @@
+#include "tests/unit/TestSupport.h"
+
+#include <QSet>
+#include <objbase.h>
+
+namespace {
+
+const char kOrganization[] = "Lumora Tests";
+const char kApplication[] = "Port Table";
+
+const char kInputNames[] = "/preferences/SystemPorts/Input/portNames";
+const char kInputIds[] = "/preferences/SystemPorts/Input/portIds";
+const char kOutputNames[] = "/preferences/SystemPorts/Output/portNames";
+const char kOutputIds[] = "/preferences/SystemPorts/Output/portIds";
+
+const char kIdA[] = "{aaaaaaaa-0000-4000-8000-000000000001}";
+const char kIdB[] = "{bbbbbbbb-0000-4000-8000-000000000002}";
+
+/// A fresh, private system-wide store for each test.
+class PortTableTest : public SimTest
+{
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        ASSERT_TRUE(folder.isValid());
+        QSettings::setPath(QSettings::NativeFormat, QSettings::SystemScope, folder.path());
+    }
+
+    static QStringList stored(const char* key)
+    {
+        QSettings settings(QSettings::SystemScope, kOrganization, kApplication);
+        return settings.value(QLatin1String(key)).toStringList();
+    }
+
+    static void store(const char* key, const QStringList& list)
+    {
+        QSettings settings(QSettings::SystemScope, kOrganization, kApplication);
+        settings.setValue(QLatin1String(key), list);
+    }
+
+    static void setInputs(const std::vector<std::u16string>& names)
+    {
+        sim::removeDevices();
+        for (const std::u16string& name : names)
+            sim::addInput(name);
+    }
+
+    /// One run of a host: the labels of its inputs by identifier.
+    static TSystemMIDIMap run()
+    {
+        IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+        const TSystemMIDIMap inputs = accessor->plugs(false);
+        accessor->Release();
+        return inputs;
+    }
+
+    QTemporaryDir folder;
+};
+
+TEST_F(PortTableTest, TheFirstRunStoresEveryDeviceAndTheSecondReusesIt)
+{
+    setInputs({u"First", u"Second"});
+    sim::addOutput(u"Out");
+    const TSystemMIDIMap first = run();
+    const QStringList names = stored(kInputNames);
+    const QStringList ids = stored(kInputIds);
+    EXPECT_EQ(QSet<QString>(names.begin(), names.end()), QSet<QString>({"1;First", "2;Second"}));
+    ASSERT_EQ(ids.size(), 2);
+    EXPECT_EQ(stored(kOutputNames), QStringList({"1;Out"}));
+    EXPECT_EQ(stored(kOutputIds).size(), 1);
+    for (int k = 0; k < 2; ++k)
+        EXPECT_EQ(first.value(QUuid(ids.at(k))), names.at(k));
+
+    EXPECT_EQ(run(), first);
+    EXPECT_EQ(stored(kInputNames), names);
+    EXPECT_EQ(stored(kInputIds), ids);
+}
+
+TEST_F(PortTableTest, IdentifiersAreStoredInBracesAndLowercase)
+{
+    setInputs({u"A"});
+    run();
+    const QString id = stored(kInputIds).at(0);
+    EXPECT_EQ(id.size(), 38);
+    EXPECT_EQ(id, QUuid(id).toString());
+    EXPECT_EQ(id, id.toLower());
+}
+
+TEST_F(PortTableTest, NewPortsAreAppendedInTheOrderOfTheirIdentifiers)
+{
+    setInputs({u"A", u"B", u"C", u"D", u"E"});
+    run();
+    const QStringList ids = stored(kInputIds);
+    ASSERT_EQ(ids.size(), 5);
+    for (int k = 1; k < ids.size(); ++k)
+        EXPECT_LT(QUuid(ids.at(k - 1)), QUuid(ids.at(k)));
+}
+
+TEST_F(PortTableTest, InitWritesNothing)
+{
+    setInputs({u"A"});
+    IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+    EXPECT_EQ(stored(kInputNames), QStringList());
+    accessor->Release();
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;A"}));
+}
+
+TEST_F(PortTableTest, ADeviceThatMovesGetsANewIdentifierAndFindsTheOldOneWhenItReturns)
+{
+    setInputs({u"Synth"});
+    const QUuid old = run().firstKey();
+    setInputs({u"Newcomer", u"Synth"});
+    const TSystemMIDIMap moved = run();
+    EXPECT_FALSE(moved.contains(old));
+    EXPECT_EQ(stored(kInputNames).count("1;Synth"), 1);
+    EXPECT_EQ(stored(kInputNames).count("2;Synth"), 1);
+    EXPECT_EQ(stored(kInputNames).size(), 3);
+    setInputs({u"Synth"});
+    EXPECT_EQ(run().firstKey(), old);
+    EXPECT_EQ(stored(kInputNames).size(), 3);
+}
+
+TEST_F(PortTableTest, OfEqualLabelsTheFirstOneCounts)
+{
+    store(kInputNames, {"1;A", "1;A"});
+    store(kInputIds, {kIdB, kIdA});
+    setInputs({u"A"});
+    EXPECT_EQ(run().firstKey(), QUuid(QString(kIdB)));
+}
+
+TEST_F(PortTableTest, ADeviceWithoutANameKeepsItsIdentifierAtItsNumber)
+{
+    setInputs({u"A", u"B", u""});
+    const QUuid id = run().key("3;");
+    EXPECT_FALSE(id.isNull());
+    EXPECT_TRUE(stored(kInputNames).contains("3;"));
+    EXPECT_EQ(run().key("3;"), id);
+}
+
+TEST_F(PortTableTest, AnUnreadableIdentifierGivesTheNullOneAndIsAppendedOnce)
+{
+    store(kInputNames, {"1;A"});
+    store(kInputIds, {"no identifier"});
+    setInputs({u"A"});
+    for (int i = 0; i < 2; ++i) {
+        IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+        EXPECT_EQ(accessor->plugs(false).firstKey(), QUuid());
+        EXPECT_EQ(accessor->portName(QUuid()), QString("1;A"));
+        accessor->Release();
+        EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "1;A"}));
+        EXPECT_EQ(stored(kInputIds), QStringList({"no identifier", QUuid().toString()}));
+    }
+}
+
+TEST_F(PortTableTest, ANullIdentifierAmongTheInputsDoesNotHideTheOutputOfThatName)
+{
+    store(kInputNames, {"1;A"});
+    store(kInputIds, {"no identifier"});
+    store(kOutputNames, {"1;A"});
+    store(kOutputIds, {kIdB});
+    setInputs({u"A"});
+    sim::addOutput(u"A");
+    IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+    EXPECT_EQ(accessor->portIdentity("A", false), QUuid(QString(kIdB)));
+    accessor->Release();
+}
+
+TEST_F(PortTableTest, AnUppercaseIdentifierIsReadAndAppendedOnceInLowercase)
+{
+    store(kInputNames, {"1;A"});
+    store(kInputIds, {QString(kIdA).toUpper()});
+    setInputs({u"A"});
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(run().firstKey(), QUuid(QString(kIdA)));
+        EXPECT_EQ(stored(kInputIds), QStringList({QString(kIdA).toUpper(), kIdA}));
+        EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "1;A"}));
+    }
+}
+
+TEST_F(PortTableTest, TwoLabelsWithOneIdentifierLeaveTheLaterDevicesLabel)
+{
+    store(kInputNames, {"1;A", "2;B"});
+    store(kInputIds, {kIdA, kIdA});
+    setInputs({u"A", u"B"});
+    const TSystemMIDIMap inputs = run();
+    ASSERT_EQ(inputs.size(), 1);
+    EXPECT_EQ(inputs.first(), QString("2;B"));
+}
+
+TEST_F(PortTableTest, AStoredIdentifierIsNotRelabelled)
+{
+    store(kInputNames, {"1;A", "2;B"});
+    store(kInputIds, {kIdA, kIdB});
+    setInputs({u"A"});
+    run();
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "2;B"}));
+    EXPECT_EQ(stored(kInputIds), QStringList({kIdA, kIdB}));
+}
+
+TEST_F(PortTableTest, FewerIdentifiersThanNamesIsNoIdentifier)
+{
+    store(kInputNames, {"1;A", "2;B"});
+    store(kInputIds, {kIdA});
+    setInputs({u"A", u"B"});
+    const TSystemMIDIMap inputs = run();
+    EXPECT_EQ(inputs.key("1;A"), QUuid(QString(kIdA)));
+    const QUuid fresh = inputs.key("2;B");
+    EXPECT_FALSE(fresh.isNull());
+    // The lists are not repaired, only appended to equally.
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "2;B", "2;B"}));
+    EXPECT_EQ(stored(kInputIds), QStringList({kIdA, fresh.toString()}));
+}
+
+TEST_F(PortTableTest, TwoAccessorsAtOnceBothStoreTheirsAndTheFirstToReleaseWins)
+{
+    setInputs({u"A"});
+    IMIDIPortAccessor* const one = MIDIPortAccessor(kOrganization, kApplication);
+    IMIDIPortAccessor* const two = MIDIPortAccessor(kOrganization, kApplication);
+    const QUuid first = one->plugs(false).firstKey();
+    EXPECT_NE(first, two->plugs(false).firstKey());
+    one->Release();
+    two->Release();
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "1;A"}));
+    EXPECT_EQ(run().firstKey(), first);
+}
+
+TEST_F(PortTableTest, AnAccessorThatIsNotReleasedStoresNothing)
+{
+    class Unreleased : public WinIMIDIPortAccessor
+    {
+    public:
+        Unreleased() : WinIMIDIPortAccessor(kOrganization, kApplication) { init(); }
+        ~Unreleased() override = default;
+    };
+    setInputs({u"A"});
+    {
+        Unreleased accessor;
+        EXPECT_EQ(accessor.numberOfPlugs(false), 1);
+    }
+    EXPECT_EQ(stored(kInputNames), QStringList());
+}
+
+TEST_F(PortTableTest, AFailingIdentifierSourceIsNotReported)
+{
+    setInputs({u"A", u"B"});
+    sim::failCall("CoCreateGuid", 1, 0x80004005 /* E_FAIL */, sim::kAllFromThere);
+    IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+    ASSERT_EQ(accessor->numberOfPlugs(false), 1);
+    EXPECT_EQ(accessor->portName(QUuid()), QString("2;B"));
+    accessor->Release();
+}
+
+TEST_F(PortTableTest, NamesWithSeparatorsAndAnyCharacterSurviveTheStore)
+{
+    setInputs({u"a;b, c \"d\" \\ @x %41", u"\u00e9\u4e16\U0001F3B9"});
+    const TSystemMIDIMap first = run();
+    EXPECT_EQ(run(), first);
+}
+
+} // namespace

@@ -1,0 +1,178 @@
+#include "tests/unit/OutOfMemory.h"
+#include "tests/unit/TestSupport.h"
+
+namespace {
+
+/// A backend without a device.
+class BareTransport : public TMIDITransport
+{
+public:
+    explicit BareTransport(IMIDIPortAccessor* accessor = nullptr) : TMIDITransport(accessor) {}
+
+    int numberOfInputs() const override { return 0; }
+    int numberOfOutputs() const override { return 0; }
+    QUuid getInpPortDescriptor(int) const override { return QUuid(); }
+    QUuid getOutPortDescriptor(int) const override { return QUuid(); }
+    void* openInput(int) override { return nullptr; }
+    int closeInput() override { return -1; }
+    void* openOutput(int) override { return nullptr; }
+    int closeOutput() override { return -1; }
+    bool outputData(int, const void*) override { return false; }
+
+    bool* destroyed = nullptr;
+
+protected:
+    ~BareTransport() override
+    {
+        if (destroyed)
+            *destroyed = true;
+    }
+};
+
+class TransportTest : public SimTest
+{
+protected:
+    using Access = TransportTestAccess;
+};
+
+int numberIn(const std::u16string& eventName)
+{
+    const QString name = QString::fromStdU16String(eventName);
+    const QString before = "lumora.framework.transport - (";
+    EXPECT_TRUE(name.startsWith(before)) << name;
+    EXPECT_TRUE(name.endsWith(") - ")) << name;
+    return name.mid(before.size()).chopped(4).toInt();
+}
+
+TEST_F(TransportTest, EventsAreNamedByTheNumberOfTheTransport)
+{
+    TMIDITransport* const one = new BareTransport;
+    TMIDITransport* const two = new BareTransport;
+    const std::vector<std::u16string> names = sim::eventNames();
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_GE(numberIn(names[0]), 1);
+    EXPECT_EQ(numberIn(names[1]), numberIn(names[0]) + 1);
+    one->Release();
+    two->Release();
+
+    // The number is never used again in this process.
+    TMIDITransport* const three = new BareTransport;
+    EXPECT_EQ(numberIn(sim::eventNames().at(0)), numberIn(names[0]) + 2);
+    three->Release();
+}
+
+TEST_F(TransportTest, TheEventStartsSignalledAndResetsItself)
+{
+    TMIDITransport* const transport = new BareTransport;
+    const HANDLE event = Access::dataEvent(*transport);
+    ASSERT_NE(event, nullptr);
+    EXPECT_TRUE(sim::isSignalled(event));
+    EXPECT_EQ(WaitForSingleObject(event, 0), DWORD(WAIT_OBJECT_0));
+    EXPECT_FALSE(sim::isSignalled(event));
+    transport->Release();
+}
+
+TEST_F(TransportTest, ConstructionCreatesTheEventAndFreesItsName)
+{
+    sim::clearCalls();
+    TMIDITransport* const transport = new BareTransport;
+    EXPECT_EQ(sim::callNames(), (std::vector<std::string>{"CoTaskMemAlloc", "CreateEventW",
+                                                          "GetLastError", "CoTaskMemFree"}));
+    EXPECT_EQ(sim::inUse().taskBlocks, 0);
+    transport->Release();
+}
+
+TEST_F(TransportTest, AFailedEventLeavesATransportWithoutOne)
+{
+    sim::failCall("CreateEventW");
+    TMIDITransport* const transport = new BareTransport;
+    EXPECT_EQ(Access::dataEvent(*transport), nullptr);
+    EXPECT_TRUE(transport->valid());
+    EXPECT_EQ(transport->Release(), 0u);
+}
+
+TEST_F(TransportTest, AnEventOfTheSameNameIsShared)
+{
+    TMIDITransport* const probe = new BareTransport;
+    const int number = numberIn(sim::eventNames().at(0));
+    probe->Release();
+    const QString next = QString("lumora.framework.transport - (%1) - ").arg(number + 1);
+    const HANDLE other =
+        CreateEventW(nullptr, FALSE, FALSE, reinterpret_cast<const WCHAR*>(next.utf16()));
+    TMIDITransport* const transport = new BareTransport;
+    ASSERT_NE(Access::dataEvent(*transport), nullptr);
+    SetEvent(Access::dataEvent(*transport));
+    EXPECT_EQ(WaitForSingleObject(other, 0), DWORD(WAIT_OBJECT_0));
+    CloseHandle(other);
+    transport->Release();
+}
+
+TEST_F(TransportTest, ReferencesAreCountedAndTheLastOneDestroys)
+{
+    bool destroyed = false;
+    BareTransport* const transport = new BareTransport;
+    transport->destroyed = &destroyed;
+    EXPECT_EQ(transport->AddRef(), 2u);
+    EXPECT_EQ(transport->Release(), 1u);
+    EXPECT_FALSE(destroyed);
+    EXPECT_EQ(transport->Release(), 0u);
+    EXPECT_TRUE(destroyed);
+}
+
+TEST_F(TransportTest, DestructionWithoutInputSignalsAndClosesTheEventWithoutWaiting)
+{
+    TMIDITransport* const transport = new BareTransport;
+    sim::clearCalls();
+    transport->Release();
+    EXPECT_EQ(sim::callNames(), (std::vector<std::string>{"SetEvent", "CloseHandle"}));
+}
+
+TEST_F(TransportTest, DestructionStopsAPusherThatStillRuns)
+{
+    TMIDITransport* const transport = new BareTransport;
+    Access::start(*transport);
+    EXPECT_EQ(transport->Release(), 0u);
+}
+
+TEST_F(TransportTest, ATerminatedTransportIsStillValid)
+{
+    TMIDITransport* const transport = new BareTransport;
+    EXPECT_TRUE(transport->valid());
+    transport->terminate();
+    EXPECT_TRUE(transport->valid());
+    transport->Release();
+}
+
+TEST_F(TransportTest, IsAQObjectWithoutAMetaObjectOfItsOwn)
+{
+    TMIDITransport* const transport = new BareTransport;
+    EXPECT_STREQ(transport->metaObject()->className(), "QObject");
+    EXPECT_EQ(transport->parent(), nullptr);
+    transport->Release();
+}
+
+TEST_F(TransportTest, TheFactoryMakesANewTransportOnEveryCall)
+{
+    TMIDITransport& one = MIDITransportInstance(nullptr);
+    TMIDITransport& two = MIDITransportInstance(nullptr);
+    EXPECT_TRUE(one.valid());
+    EXPECT_TRUE(two.valid());
+    EXPECT_NE(&one, &two);
+    EXPECT_EQ(sim::eventNames().size(), 2u);
+    EXPECT_EQ(one.Release(), 0u);
+    EXPECT_EQ(two.Release(), 0u);
+}
+
+// A null reference is what the factory promises here, so the sanitizer is not asked about it.
+__attribute__((no_sanitize("null", "undefined"))) bool factoryMakesOneWithoutMemory()
+{
+    OutOfMemory shortage;
+    return MIDITransportInstance(nullptr).valid();
+}
+
+TEST_F(TransportTest, WithoutMemoryTheFactoryReturnsAReferenceThatIsNotValid)
+{
+    EXPECT_FALSE(factoryMakesOneWithoutMemory());
+}
+
+} // namespace

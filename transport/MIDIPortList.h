@@ -1,0 +1,40 @@
+#ifndef LUMORA_TRANSPORT_MIDIPORTLIST_H
+#define LUMORA_TRANSPORT_MIDIPORTLIST_H
+
+#include <cstddef>
+#include <windows.h>
+
+// The port list as plain memory, for code that shares nothing with this library but the layout:
+// neither Qt nor a C++ runtime. Offsets are part of the contract.
+
+/// One port: 32 bytes.
+struct TMIDIPortEntry
+{
+    /// 1-based; 0 if the stored label has no number.
+    long long portNumber;
+
+    /// The port's identifier; all zero if it could not be read.
+    GUID portId;
+
+    /// The device name, zero-terminated; in COM task memory of its own, and possibly null.
+    WCHAR* portName;
+};
+
+/// What TMIDITransport::MIDIPorts() fills. The caller supplies the record with `entries` null, and
+/// owns what comes back: it frees each entry's portName and then `entries` with CoTaskMemFree.
+struct TMIDIPortList
+{
+    unsigned int count;
+    TMIDIPortEntry* entries; ///< `count` entries; null if there are none
+};
+
+static_assert(sizeof(TMIDIPortEntry) == 32, "the stride of the array");
+static_assert(offsetof(TMIDIPortEntry, portNumber) == 0, "layout shared with other binaries");
+static_assert(offsetof(TMIDIPortEntry, portId) == 8, "layout shared with other binaries");
+static_assert(sizeof(GUID) == 16, "layout shared with other binaries");
+static_assert(offsetof(TMIDIPortEntry, portName) == 24, "layout shared with other binaries");
+static_assert(sizeof(TMIDIPortList) == 16, "layout shared with other binaries");
+static_assert(offsetof(TMIDIPortList, count) == 0, "layout shared with other binaries");
+static_assert(offsetof(TMIDIPortList, entries) == 8, "layout shared with other binaries");
+
+#endif

@@ -1,0 +1,114 @@
+#include "transport/MIDITransport.h"
+
+#include "transport/MIDIEventPushThread.h"
+#include "transport/MIDIObserverBlock.h"
+#include "utilities/OLEString.h"
+
+#include <climits>
+#include <new>
+#include <objbase.h>
+#include <windows.h>
+
+// Transports made so far in this process. Not locked, never counted down.
+static int transportCount = 0;
+
+static HANDLE createDataEvent(int number)
+{
+    const QString name = QString::fromLatin1("lumora.framework.transport - (%1) - ").arg(number);
+    WCHAR* const wideName = CreateOLEString(name);
+    // Another process may have made a transport of this number. Both then share its event, and a
+    // signal wakes only one of their two threads; that condition is accepted and not looked at.
+    const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, wideName);
+    GetLastError();
+    CoTaskMemFree(wideName);
+    return event;
+}
+
+TMIDIProxyInOut::~TMIDIProxyInOut() = default;
+
+TMIDITransport::TMIDITransport(IMIDIPortAccessor* accessor)
+    : accessor(accessor), refCount(1), terminated(false), observerBlock(new TMIDIObserverBlock),
+      pusher(nullptr), dataEvent(nullptr)
+{
+    ++transportCount;
+    dataEvent = createDataEvent(transportCount);
+}
+
+TMIDITransport::~TMIDITransport()
+{
+    stopPusherThread();
+    if (dataEvent) {
+        CloseHandle(dataEvent);
+        dataEvent = nullptr;
+    }
+    delete observerBlock->pendingSysEx;
+    delete observerBlock;
+}
+
+unsigned int TMIDITransport::AddRef()
+{
+    return ++refCount;
+}
+
+unsigned int TMIDITransport::Release()
+{
+    const unsigned int count = --refCount;
+    if (count == 0) {
+        terminated = true;
+        delete this;
+    }
+    return count;
+}
+
+void TMIDITransport::terminate()
+{
+    terminated = true;
+}
+
+bool TMIDITransport::valid() const
+{
+    // The reference may come from a failed allocation. This file is compiled so that the compiler
+    // does not take a member function's object for granted.
+    return this != nullptr;
+}
+
+void TMIDITransport::registerMIDIobserver(TMIDIReaderRefConInterface* observer)
+{
+    if (observerBlock->observers.findRef(observer) < 0)
+        observerBlock->observers.append(observer);
+}
+
+void TMIDITransport::doEvent(TMIDIEvent& event)
+{
+    const QByteArray& message = event.message;
+    for (uint i = 0; i < observerBlock->observers.count(); ++i) {
+        if (TMIDIReaderRefConInterface* observer = observerBlock->observers.at(i))
+            observer->read(static_cast<int>(message.size()), message.constData(), true, false);
+    }
+}
+
+void TMIDITransport::startPusherThread()
+{
+    if (pusher)
+        return;
+    try {
+        pusher = new TMIDIEventPushThread(this);
+    } catch (const std::bad_alloc&) {
+        return; // the input is queued, then, but never delivered
+    }
+    pusher->start(QThread::TimeCriticalPriority);
+}
+
+void TMIDITransport::stopPusherThread()
+{
+    // The event resets itself when it wakes the thread, and this first signal may be consumed by a
+    // drain that began before the request; the second one cannot.
+    SetEvent(dataEvent);
+    if (!pusher)
+        return;
+    pusher->requestStop();
+    SetEvent(dataEvent);
+    pusher->wait(ULONG_MAX);
+    delete pusher;
+    pusher = nullptr;
+}

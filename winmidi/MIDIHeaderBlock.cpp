@@ -1,0 +1,99 @@
+#include "winmidi/MIDIHeaderBlock.h"
+
+#include <algorithm>
+#include <cstdint>
+
+static const std::uintptr_t kLowLimit = std::uintptr_t(1) << 32;
+
+// The unit in which VirtualAlloc hands out addresses; the lowest one is never handed out.
+static const std::uintptr_t kGranularity = 0x10000;
+
+static bool liesLow(const void* block, std::size_t bytes)
+{
+    return reinterpret_cast<std::uintptr_t>(block) + bytes <= kLowLimit;
+}
+
+// Zero-filled pages below 4 GB, from the first free region that is large enough; null if there is
+// none. For a process whose heap lies higher, as a 64-bit one's usually does.
+static void* allocateLowPages(std::size_t bytes)
+{
+    std::uintptr_t address = kGranularity;
+    MEMORY_BASIC_INFORMATION region;
+    while (address + bytes <= kLowLimit &&
+           VirtualQuery(reinterpret_cast<void*>(address), &region, sizeof region) != 0) {
+        const std::uintptr_t regionEnd =
+            reinterpret_cast<std::uintptr_t>(region.BaseAddress) + region.RegionSize;
+        if (region.State == MEM_FREE && address + bytes <= std::min(regionEnd, kLowLimit)) {
+            void* const pages = VirtualAlloc(reinterpret_cast<void*>(address), bytes,
+                                             MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+            if (pages)
+                return pages;
+            address += kGranularity; // another thread was quicker; look again right behind
+        } else {
+            address = (regionEnd + kGranularity - 1) / kGranularity * kGranularity;
+        }
+    }
+    return nullptr;
+}
+
+MIDIHeaderBlock::~MIDIHeaderBlock()
+{
+    freeData();
+    freeHeaders();
+}
+
+bool MIDIHeaderBlock::allocateHeaders()
+{
+    const std::size_t bytes = size * sizeof(MIDIHDR);
+    void* block = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, bytes);
+    headersFromHeap = block && liesLow(block, bytes);
+    if (block && !headersFromHeap) {
+        HeapFree(GetProcessHeap(), 0, block);
+        block = allocateLowPages(bytes);
+    }
+    headers = static_cast<MIDIHDR*>(block);
+    return headers != nullptr;
+}
+
+bool MIDIHeaderBlock::allocateData()
+{
+    data = static_cast<unsigned char*>(
+        HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, std::size_t(size) * kBufferSize));
+    if (!data)
+        return false;
+    for (MIDIHDR& header : *this) {
+        header.lpData = reinterpret_cast<LPSTR>(buffer(&header));
+        header.dwBufferLength = kBufferSize;
+    }
+    return true;
+}
+
+void MIDIHeaderBlock::freeData()
+{
+    if (data)
+        HeapFree(GetProcessHeap(), 0, data);
+    data = nullptr;
+}
+
+void MIDIHeaderBlock::freeHeaders()
+{
+    if (headers && headersFromHeap)
+        HeapFree(GetProcessHeap(), 0, headers);
+    else if (headers)
+        VirtualFree(headers, 0, MEM_RELEASE);
+    headers = nullptr;
+}
+
+MIDIHDR* MIDIHeaderBlock::find(DWORD address) const
+{
+    // Below the first header the offset wraps round and lies far beyond the last one.
+    const std::uintptr_t offset = address - reinterpret_cast<std::uintptr_t>(headers);
+    if (!headers || !data || offset >= size * sizeof(MIDIHDR) || offset % sizeof(MIDIHDR) != 0)
+        return nullptr;
+    return headers + offset / sizeof(MIDIHDR);
+}
+
+unsigned char* MIDIHeaderBlock::buffer(const MIDIHDR* header) const
+{
+    return data + (header - headers) * std::ptrdiff_t(kBufferSize);
+}

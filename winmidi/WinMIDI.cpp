@@ -1,0 +1,191 @@
+#include "winmidi/WinMIDI.h"
+
+#include "ports/MIDIPortAccessor.h"
+#include "ports/PortLabel.h"
+#include "transport/MIDIEventPushThread.h"
+#include "winmidi/WinMIDIPrivate.h"
+
+#include <new>
+
+// What can fail while the object is set up. Caught in the constructor.
+enum errorCode {
+    noDoneEvent = 0,
+    noInputHeaders = 1,
+    noInputData = 2,
+    noOutputHeaders = 3,
+    noOutputData = 4
+};
+
+// What can fail while an input is opened. Caught in openInput().
+enum errCode { notOpened = 0, bufferNotAdded = 1, notStarted = 2 };
+
+static UINT deviceNumber(int port)
+{
+    return static_cast<UINT>(port) - 1;
+}
+
+TMIDITransport& MIDITransportInstance(IMIDIPortAccessor* accessor)
+{
+    TMIDITransport* transport = nullptr;
+    try {
+        transport = new TWinMIDI(accessor);
+    } catch (const std::bad_alloc&) {
+        // The caller finds out with valid().
+    }
+    return *transport;
+}
+
+TWinMIDI::TWinMIDI(IMIDIPortAccessor* accessor) : TMIDITransport(accessor), d(new TWinMIDIPrivate)
+{
+    try {
+        d->doneEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+        if (!d->doneEvent)
+            throw noDoneEvent;
+        if (!d->inHeaders.allocateHeaders())
+            throw noInputHeaders;
+        if (!d->inHeaders.allocateData())
+            throw noInputData;
+        if (!d->outHeaders.allocateHeaders())
+            throw noOutputHeaders;
+        if (!d->outHeaders.allocateData())
+            throw noOutputData;
+    } catch (errorCode) {
+        // Deliberately silent: the object lacks what was not created.
+    }
+}
+
+TWinMIDI::~TWinMIDI()
+{
+    TWinMIDI::closeInput();
+    TWinMIDI::closeOutput();
+    d->inHeaders.freeData();
+    d->outHeaders.freeData();
+    d->outHeaders.freeHeaders();
+    d->inHeaders.freeHeaders();
+    if (d->doneEvent) {
+        CloseHandle(d->doneEvent);
+        d->doneEvent = nullptr;
+    }
+    delete d;
+}
+
+int TWinMIDI::numberOfInputs() const
+{
+    return accessor ? accessor->numberOfPlugs(false) : 0;
+}
+
+int TWinMIDI::numberOfOutputs() const
+{
+    return accessor ? accessor->numberOfPlugs(true) : 0;
+}
+
+static QUuid identifierOfPort(const TSystemMIDIMap& map, int port)
+{
+    for (TSystemMIDIMap::const_iterator entry = map.begin(); entry != map.end(); ++entry) {
+        if (PortLabel(entry.value()).number() == port)
+            return entry.key();
+    }
+    return QUuid();
+}
+
+QUuid TWinMIDI::getInpPortDescriptor(int port) const
+{
+    return accessor ? identifierOfPort(accessor->plugs(false), port) : QUuid();
+}
+
+QUuid TWinMIDI::getOutPortDescriptor(int port) const
+{
+    return accessor ? identifierOfPort(accessor->plugs(true), port) : QUuid();
+}
+
+// Gives every input buffer to the device.
+static void addBuffers(HMIDIIN handle, const MIDIHeaderBlock& headers)
+{
+    for (MIDIHDR& header : headers) {
+        header.dwFlags = 0;
+        header.dwBytesRecorded = 0;
+        header.dwUser = 0;
+        header.lpNext = nullptr;
+        header.dwOffset = 0;
+        midiInPrepareHeader(handle, &header, sizeof header);
+        if (midiInAddBuffer(handle, &header, sizeof header) != MMSYSERR_NOERROR)
+            throw bufferNotAdded;
+    }
+}
+
+void* TWinMIDI::openInput(int port)
+{
+    if (port >= 1 && TMIDIEventPushThread::isCurrent(this))
+        return nullptr;
+    const RecursiveMutexLocker locker(&d->mutex);
+    if (port < 1)
+        return d->hMidiIn;
+    try {
+        HMIDIIN handle = nullptr;
+        if (midiInOpen(&handle, deviceNumber(port), reinterpret_cast<DWORD_PTR>(&MidiInProc),
+                       reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION) != MMSYSERR_NOERROR)
+            throw notOpened;
+        d->hMidiIn = handle;
+        d->markQueueStale();
+        addBuffers(handle, d->inHeaders);
+        if (midiInStart(handle) != MMSYSERR_NOERROR)
+            throw notStarted;
+        startPusherThread();
+    } catch (errCode) {
+        closeInput();
+        d->hMidiIn = nullptr;
+    }
+    return d->hMidiIn;
+}
+
+int TWinMIDI::closeInput()
+{
+    if (TMIDIEventPushThread::isCurrent(this))
+        return -1;
+    const RecursiveMutexLocker locker(&d->mutex);
+    const HMIDIIN handle = d->hMidiIn;
+    if (!handle)
+        return -1;
+    d->closingInput = true;
+    stopPusherThread();
+    midiInStop(handle);
+    d->hMidiIn = nullptr;
+    midiInReset(handle);
+    for (MIDIHDR& header : d->inHeaders)
+        midiInUnprepareHeader(handle, &header, sizeof header);
+    midiInClose(handle);
+    while (d->callbacksRunning != 0)
+        Sleep(0);
+    d->closingInput = false;
+    return 0;
+}
+
+void* TWinMIDI::openOutput(int port)
+{
+    if (port < 1)
+        return d->hMidiOut;
+    const RecursiveMutexLocker locker(&d->mutex);
+    HMIDIOUT handle = nullptr;
+    if (midiOutOpen(&handle, deviceNumber(port), reinterpret_cast<DWORD_PTR>(&MidiOutProc), 0,
+                    CALLBACK_FUNCTION) != MMSYSERR_NOERROR)
+        handle = nullptr;
+    d->hMidiOut = handle;
+    return handle;
+}
+
+int TWinMIDI::closeOutput()
+{
+    const RecursiveMutexLocker locker(&d->mutex);
+    const HMIDIOUT handle = d->hMidiOut;
+    if (!handle)
+        return -1;
+    d->closingOutput = true;
+    midiOutReset(handle);
+    for (MIDIHDR& header : d->outHeaders)
+        midiOutUnprepareHeader(handle, &header, sizeof header);
+    midiOutClose(handle);
+    d->freeOutputHeaders();
+    d->hMidiOut = nullptr;
+    d->closingOutput = false;
+    return 0;
+}

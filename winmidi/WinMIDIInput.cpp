@@ -1,0 +1,100 @@
+#include "winmidi/WinMIDI.h"
+#include "winmidi/WinMIDIPrivate.h"
+
+#include <algorithm>
+#include <cstring>
+
+// WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
+void CALLBACK TWinMIDI::MidiInProc(HMIDIIN, UINT message, DWORD_PTR instance, DWORD param1, DWORD)
+{
+    TWinMIDI* const self = reinterpret_cast<TWinMIDI*>(instance);
+    TWinMIDIPrivate* const d = self->d;
+    const InputRecord record = {message, param1};
+    const int room = message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
+
+    ++d->callbacksRunning;
+    bool closing;
+    {
+        const MutexLocker locker(d->recordQueue.mutex());
+        closing = d->closingInput;
+        if (!closing && d->recordQueue.space() >= room)
+            d->recordQueue.write(&record, sizeof record);
+    }
+    if (!closing)
+        SetEvent(self->dataEvent);
+    --d->callbacksRunning; // the last touch: closeInput() may be waiting to let the object go
+}
+
+void TWinMIDIPrivate::markQueueStale()
+{
+    const MutexLocker locker(recordQueue.mutex());
+    staleRecords = recordQueue.avail() / int(sizeof(InputRecord));
+}
+
+bool TWinMIDIPrivate::takeRecord(InputRecord* record)
+{
+    const MutexLocker locker(recordQueue.mutex());
+    if (recordQueue.read(record, sizeof *record) == 0)
+        return false;
+    if (staleRecords > 0) {
+        --staleRecords;
+        if (record->message == MIM_LONGDATA || record->message == MIM_LONGERROR)
+            record->param = 0;
+    }
+    return true;
+}
+
+int TWinMIDIPrivate::takeLongData(MIDIHDR* header,
+                                  unsigned char (&copy)[MIDIHeaderBlock::kBufferSize])
+{
+    // A broken driver may claim more than the buffer holds.
+    const DWORD length = std::min<DWORD>(header->dwBytesRecorded, sizeof copy);
+    std::memcpy(copy, inHeaders.buffer(header), length);
+    recycle(header);
+    return static_cast<int>(length);
+}
+
+void TWinMIDIPrivate::recycle(MIDIHDR* header)
+{
+    const HMIDIIN handle = hMidiIn;
+    MMRESULT result = midiInUnprepareHeader(handle, header, sizeof *header);
+    // A closing port reclaims all its buffers itself, and must not wait here for a device that
+    // never lets go of one.
+    while (result == MIDIERR_STILLPLAYING && !closingInput) {
+        Sleep(0);
+        result = midiInUnprepareHeader(handle, header, sizeof *header);
+    }
+    if (result != MMSYSERR_NOERROR)
+        return;
+    header->dwFlags = 0;
+    header->dwBytesRecorded = 0;
+    if (midiInPrepareHeader(handle, header, sizeof *header) == MMSYSERR_NOERROR)
+        midiInAddBuffer(handle, header, sizeof *header);
+}
+
+int TWinMIDI::read(int, const void*, bool strictStart, bool spare)
+{
+    unsigned char copy[MIDIHeaderBlock::kBufferSize];
+    InputRecord record;
+    while (d->takeRecord(&record)) {
+        switch (record.message) {
+        case MIM_CLOSE:
+            return 1; // what is behind it stays queued for the next call
+        case MIM_DATA:
+            TMIDITransport::read(sizeof record.param, &record.param, strictStart, spare);
+            break;
+        case MIM_LONGDATA:
+            // The buffer is back with the device before any observer runs.
+            if (MIDIHDR* const header = d->inHeaders.find(record.param))
+                TMIDITransport::read(d->takeLongData(header, copy), copy, strictStart, spare);
+            break;
+        case MIM_LONGERROR:
+            if (MIDIHDR* const header = d->inHeaders.find(record.param))
+                d->recycle(header);
+            break;
+        default:
+            break;
+        }
+    }
+    return 0;
+}
