@@ -43,8 +43,8 @@ void TMIDIObserverBlock::assemble(int length, const void* data, bool strictStart
         if (!mayStart)
             return;
         if (endsSysEx) {
-            deliver(length, data, strictStart,
-                    terminated); // whole in one chunk: the caller's bytes, no copy
+            // Whole in one chunk: the caller's bytes, no copy.
+            deliver(length, data, strictStart, terminated);
             return;
         }
     }

@@ -60,8 +60,10 @@ struct TMIDIEvent
 ///
 /// Threads. Opening, closing and releasing belong to the host's threads; AddRef() and Release()
 /// take no lock and are called by one thread at a time. Register observers before openInput() or
-/// while no input arrives. An observer may call back into the transport, but cannot close, reopen
-/// or release it: that waits for the very thread which the observer runs on.
+/// while no input arrives. An observer may call back into the transport, and open and close the
+/// output, unless the input is being closed at that moment. It cannot close or reopen the input,
+/// which returns -1 or null and changes nothing, and it must not release the transport: that waits
+/// for the very thread which the observer runs on.
 class LUMORA_TRANSPORT_EXPORT TMIDITransport : public QObject, public TMIDIReaderRefConInterface
 {
 public:

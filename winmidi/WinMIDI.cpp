@@ -115,8 +115,8 @@ static void addBuffers(HMIDIIN handle, const MIDIHeaderBlock& headers)
 
 void* TWinMIDI::openInput(int port)
 {
-    if (port >= 1 && TMIDIEventPushThread::isCurrent(this))
-        return nullptr;
+    if (TMIDIEventPushThread::isCurrent(this))
+        return port < 1 ? d->hMidiIn.load() : nullptr;
     const RecursiveMutexLocker locker(&d->mutex);
     if (port < 1)
         return d->hMidiIn;
@@ -160,11 +160,48 @@ int TWinMIDI::closeInput()
     return 0;
 }
 
+// The device lock, for the operations that an observer may call. On the pusher thread it is given up
+// if the input is being closed: the closing thread holds the lock and waits for this very thread.
+class OutputLocker
+{
+public:
+    OutputLocker(TWinMIDIPrivate* d, bool onPusherThread) : mutex(d->mutex), held(true)
+    {
+        if (!onPusherThread) {
+            mutex.lock();
+            return;
+        }
+        while (!mutex.tryLock()) {
+            if (d->closingInput) {
+                held = false;
+                return;
+            }
+            Sleep(0);
+        }
+    }
+    ~OutputLocker()
+    {
+        if (held)
+            mutex.unlock();
+    }
+
+    OutputLocker(const OutputLocker&) = delete;
+    OutputLocker& operator=(const OutputLocker&) = delete;
+
+    bool isLocked() const { return held; }
+
+private:
+    RecursiveMutex& mutex;
+    bool held;
+};
+
 void* TWinMIDI::openOutput(int port)
 {
     if (port < 1)
         return d->hMidiOut;
-    const RecursiveMutexLocker locker(&d->mutex);
+    const OutputLocker locker(d, TMIDIEventPushThread::isCurrent(this));
+    if (!locker.isLocked())
+        return nullptr;
     HMIDIOUT handle = nullptr;
     if (midiOutOpen(&handle, deviceNumber(port), reinterpret_cast<DWORD_PTR>(&MidiOutProc), 0,
                     CALLBACK_FUNCTION) != MMSYSERR_NOERROR)
@@ -175,7 +212,9 @@ void* TWinMIDI::openOutput(int port)
 
 int TWinMIDI::closeOutput()
 {
-    const RecursiveMutexLocker locker(&d->mutex);
+    const OutputLocker locker(d, TMIDIEventPushThread::isCurrent(this));
+    if (!locker.isLocked())
+        return -1;
     const HMIDIOUT handle = d->hMidiOut;
     if (!handle)
         return -1;

@@ -197,4 +197,48 @@ TEST_F(EventPushThreadTest, AnObserverCannotCloseOrReopenItsInputAndNothingHangs
     EXPECT_EQ(current, handle);
 }
 
+TEST_F(EventPushThreadTest, AnObserverMayOpenAndCloseTheOutput)
+{
+    std::atomic<bool> done{false};
+    void* opened = nullptr;
+    int closed = -1;
+    recorder.onRead = [&] {
+        opened = transport->openOutput(1);
+        closed = transport->closeOutput();
+        done = true;
+    };
+    ASSERT_NE(transport->openInput(1), nullptr);
+    sim::shortMessage(input, 0x643C90);
+    while (!done)
+        std::this_thread::yield();
+    EXPECT_EQ(transport->closeInput(), 0);
+    EXPECT_NE(opened, nullptr);
+    EXPECT_EQ(closed, 0);
+}
+
+TEST_F(EventPushThreadTest, AnObserverThatOpensOrClosesWhileTheInputClosesIsTurnedAway)
+{
+    void* opened = this;
+    int closed = 0;
+    void* current = nullptr;
+    std::atomic<bool> inObserver{false};
+    recorder.onRead = [&] {
+        inObserver = true;
+        while (!device().closingInput)
+            std::this_thread::yield();
+        // The closing thread holds the device lock now and waits for this thread.
+        opened = transport->openOutput(1);
+        closed = transport->closeOutput();
+        current = transport->openInput(0);
+    };
+    void* const handle = transport->openInput(1);
+    sim::shortMessage(input, 0x643C90);
+    while (!inObserver)
+        std::this_thread::yield();
+    EXPECT_EQ(transport->closeInput(), 0);
+    EXPECT_EQ(opened, nullptr);
+    EXPECT_EQ(closed, -1);
+    EXPECT_EQ(current, handle);
+}
+
 } // namespace
