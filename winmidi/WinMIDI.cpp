@@ -19,6 +19,10 @@ enum errorCode {
 // What can fail while an input is opened. Caught in openInput().
 enum errCode { notOpened = 0, bufferNotAdded = 1, notStarted = 2 };
 
+// How often an output that still plays is reset and closed. A sender pauses 100 ms between chunks,
+// so the second attempt finds the port quiet; more is for a device that never is.
+static const int kCloseAttempts = 10;
+
 static UINT deviceNumber(int port)
 {
     return static_cast<UINT>(port) - 1;
@@ -160,8 +164,9 @@ int TWinMIDI::closeInput()
     return 0;
 }
 
-// The device lock, for the operations that an observer may call. On the pusher thread it is given up
-// if the input is being closed: the closing thread holds the lock and waits for this very thread.
+// The device lock, for the operations that an observer may call. On the pusher thread it is given
+// up if the input is being closed: the closing thread holds the lock and waits for this very
+// thread.
 class OutputLocker
 {
 public:
@@ -219,10 +224,16 @@ int TWinMIDI::closeOutput()
     if (!handle)
         return -1;
     d->closingOutput = true;
-    midiOutReset(handle);
-    for (MIDIHDR& header : d->outHeaders)
-        midiOutUnprepareHeader(handle, &header, sizeof header);
-    midiOutClose(handle);
+    MMRESULT result;
+    int attempts = 0;
+    do {
+        midiOutReset(handle);
+        for (MIDIHDR& header : d->outHeaders)
+            midiOutUnprepareHeader(handle, &header, sizeof header);
+        result = midiOutClose(handle);
+        // A thread that is sending may have put a chunk behind the reset, which keeps the port
+        // open.
+    } while (result == MIDIERR_STILLPLAYING && ++attempts < kCloseAttempts);
     d->freeOutputHeaders();
     d->hMidiOut = nullptr;
     d->closingOutput = false;

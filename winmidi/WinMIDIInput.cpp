@@ -5,18 +5,22 @@
 #include <cstring>
 
 // WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
-void CALLBACK TWinMIDI::MidiInProc(HMIDIIN, UINT message, DWORD_PTR instance, DWORD param1, DWORD)
+void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR instance, DWORD param1,
+                                   DWORD)
 {
     TWinMIDI* const self = reinterpret_cast<TWinMIDI*>(instance);
     TWinMIDIPrivate* const d = self->d;
     const InputRecord record = {message, param1};
     const int room = message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
+    const bool returnsBuffer = message == MIM_LONGDATA || message == MIM_LONGERROR;
 
     ++d->callbacksRunning;
     bool closing;
     {
         const MutexLocker locker(d->recordQueue.mutex());
-        closing = d->closingInput;
+        // A driver that does not wait for its own thread may still return a buffer of a port that
+        // is closed by now; that buffer may be with the next opening already.
+        closing = d->closingInput || (returnsBuffer && handle != d->hMidiIn);
         if (!closing && d->recordQueue.space() >= room)
             d->recordQueue.write(&record, sizeof record);
     }

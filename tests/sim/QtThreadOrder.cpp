@@ -129,7 +129,7 @@ bool QThread::wait(QDeadlineTimer deadline)
     return waitOn(this, wait(this, deadline));
 }
 
-void QMutex::lock()
+void QMutex::lock() noexcept
 {
     using Lock = void (*)(QMutex*);
     static const Lock lock = qtFunction<Lock>("_ZN6QMutex4lockEv");
@@ -138,7 +138,7 @@ void QMutex::lock()
     __tsan_mutex_post_lock(this, kMutexFlags, 1);
 }
 
-bool QMutex::tryLock(int timeout)
+bool QMutex::tryLock(int timeout) noexcept
 {
     using TryLock = bool (*)(QMutex*, int);
     static const TryLock tryLock = qtFunction<TryLock>("_ZN6QMutex7tryLockEi");

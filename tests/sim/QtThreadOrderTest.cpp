@@ -4,6 +4,8 @@
 
 #include <QMutex>
 #include <QThread>
+#include <atomic>
+#include <climits>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
@@ -37,14 +39,18 @@ TEST(QtThreadOrder, ATriedLockOrdersOnlyWhenItSucceeds)
 {
     QMutex mutex;
     int plain = 0;
+    std::atomic<bool> refused{false};
     mutex.lock();
     std::thread other([&] {
         EXPECT_FALSE(mutex.tryLock());
+        refused.store(true, std::memory_order_relaxed);
         while (!mutex.tryLock(1)) {
         }
         ++plain;
         mutex.unlock();
     });
+    while (!refused.load(std::memory_order_relaxed))
+        std::this_thread::yield();
     ++plain;
     mutex.unlock();
     other.join();

@@ -7,11 +7,12 @@
 // name, a device that does not exist) end the process with a message.
 //
 // For ThreadSanitizer: the simulation orders threads only where Windows does, by SetEvent to the
-// wait that it releases, and by the driver's own lock between handing a buffer in and getting it
-// back. Counting, injected failures and the scripted clock add no order. The call log adds none
-// between the threads that it records. No lock is held while a callback, a hook or an observer
-// runs. A driver thread sets MHDR_DONE with an atomic release store, so a poll of dwFlags must be
-// an atomic load.
+// wait that it releases, by the driver's own lock between handing a buffer in and getting it back,
+// and by a reset or close that waits for a callback. Heap calls share a lock, as on Windows.
+// Counting, the clock and the call log order nothing; a failure or hook only puts the test that
+// ordered it before the call that meets it. No lock is held while a callback or a hook runs. A
+// driver thread sets MHDR_DONE with an atomic release store, so a poll of dwFlags must be an atomic
+// load.
 #pragma once
 
 #include "mmsystem.h"
@@ -188,7 +189,7 @@ struct FloodOptions
     unsigned pauseEvery = 0;           // after so many messages ...
     unsigned pauseMicroseconds = 1000; // ... this long a pause; 0 messages: never
     std::uint64_t limit = UINT64_MAX;  // messages, after which the thread stops by itself
-    // Instead of all that: called over and over on the driver's thread with 0, 1, 2, ...
+    // Instead of those messages: called over and over on the driver's thread with 0, 1, 2, ...
     std::function<void(std::uint64_t number)> message;
 };
 

@@ -335,6 +335,18 @@ TEST_F(Memory, VirtualQueryAndVirtualAllocFindLowMemory)
     EXPECT_EQ(sim::inUse(), sim::Resources());
 }
 
+TEST_F(Memory, VirtualAllocRoundsTheAddressDownToTheGranularity)
+{
+    void* const place = allocateLow(0x20000);
+    ASSERT_TRUE(place);
+    VirtualFree(place, 0, MEM_RELEASE);
+    void* const memory = VirtualAlloc(static_cast<char*>(place) + 0x3456, 0x100,
+                                      MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    EXPECT_EQ(memory, place);
+    std::memset(memory, 1, 0x3556);
+    EXPECT_TRUE(VirtualFree(memory, 0, MEM_RELEASE));
+}
+
 TEST_F(Memory, VirtualAllocWithoutAnAddressTakesAnyAlignedPlace)
 {
     void* const memory = VirtualAlloc(nullptr, 100000, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
@@ -744,6 +756,18 @@ TEST_F(Input, SysExFillsTheQueuedBuffersInOrder)
 
     EXPECT_EQ(sim::sysEx(device, bytes.data(), bytes.size()), 4u);
     EXPECT_EQ(sim::sysEx(device, bytes.data(), bytes.size()), 0u);
+    EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
+}
+
+TEST_F(Input, SysExFindsNoBufferWhileTheInputIsStopped)
+{
+    Headers headers(1, 4);
+    const HMIDIIN handle = openWith(headers, 1);
+    midiInStop(handle);
+    EXPECT_EQ(sim::sysEx(device, "abc", 3), 0u);
+    EXPECT_EQ(headers[0].dwFlags, MHDR_PREPARED | MHDR_INQUEUE);
+    midiInStart(handle);
+    EXPECT_EQ(sim::sysEx(device, "abc", 3), 3u);
     EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
 }
 
@@ -1362,6 +1386,34 @@ TEST_F(Lead, LongMessagesArriveAsWhatTheyHold)
          {0x90, 60, 100, 61, 0, 0xF8, 0xC3, 5, 0xF0, 1, 0xFE, 2, 0xF7, 0xF2, 1, 2, 0xF6, 9});
     EXPECT_EQ(arrived(), (std::vector<std::string>{"643c90", "3d90", "f8", "5c3", "F0 01 ", "fe",
                                                    "02 F7 ", "201f2", "f6"}));
+    midiOutClose(handle);
+}
+
+TEST_F(Lead, RunningStatusEndsWithASystemMessage)
+{
+    const HMIDIOUT handle = open();
+    send(handle, headers[0], {0xF3, 5, 6, 7, 0xB0, 1, 2, 0xF8, 3, 4});
+    EXPECT_EQ(arrived(), (std::vector<std::string>{"5f3", "201b0", "f8", "403b0"}));
+    midiOutClose(handle);
+}
+
+TEST_F(Lead, AMessageTakenAwayByAResetWhileItPlaysIsFinishedOnce)
+{
+    sim::setCompletion(device, sim::Completion::Manual);
+    const HMIDIOUT handle = open();
+    send(handle, headers[0], {0xF0, 1, 0xF7});
+    inputReceiver.also = [&](UINT message) {
+        if (message == MIM_LONGDATA) {
+            midiOutReset(handle);
+            send(handle, headers[1], {0xF0, 2, 0xF7});
+        }
+    };
+    receiver.take();
+    EXPECT_EQ(sim::completeOutput(device), nullptr);
+    inputReceiver.also = nullptr;
+    EXPECT_EQ(receiver.messages(), std::vector<UINT>{MOM_DONE});
+    EXPECT_EQ(headers[1].dwFlags, MHDR_PREPARED | MHDR_INQUEUE);
+    EXPECT_EQ(sim::completeOutput(device), &headers[1]);
     midiOutClose(handle);
 }
 

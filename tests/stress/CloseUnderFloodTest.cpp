@@ -1,0 +1,165 @@
+// An input that is opened and closed over and over while its driver never stops sending.
+
+#include "tests/stress/Stress.h"
+
+namespace {
+
+constexpr int kCycles = kThreadSanitizer ? 300 : 2000;
+constexpr std::size_t kSysExLength = 5000; // two buffers, so that a close can cut a message in two
+
+class CloseUnderFloodTest : public SimTest, public testing::WithParamInterface<sim::DriverKind>
+{
+protected:
+    using Access = TransportTestAccess;
+
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        sim::logCalls(false);
+        sim::DeviceOptions options;
+        options.kind = GetParam();
+        input = sim::addInput(u"Flooded", options);
+    }
+
+    void startFlood()
+    {
+        sim::FloodOptions flood;
+        flood.sysExEvery = 3;
+        flood.sysExLength = kSysExLength;
+        sim::startFlood(input, flood);
+    }
+
+    /// The headers that are the library's again: with no device and not prepared.
+    static int headersBack(TMIDITransport& transport)
+    {
+        int back = 0;
+        for (const MIDIHDR& header : Access::device(transport).inHeaders)
+            back += (header.dwFlags & (MHDR_INQUEUE | MHDR_PREPARED)) == 0;
+        return back;
+    }
+
+    /// What the simulation itself keeps on the heap of each port that was opened.
+    std::size_t bytesPerPort()
+    {
+        constexpr std::size_t kPorts = 100;
+        const std::size_t before = allocatedBytes();
+        for (std::size_t i = 0; i < kPorts; ++i) {
+            HMIDIIN port = nullptr;
+            midiInOpen(&port, static_cast<UINT>(input), 0, 0, CALLBACK_NULL);
+            midiInClose(port);
+        }
+        return (allocatedBytes() - before) / kPorts;
+    }
+
+    MapAccessor accessor;
+    FloodChecker checker{kSysExLength};
+    int input = -1;
+};
+
+class LateCallbackTest : public DeviceTest
+{};
+
+TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
+{
+    const std::size_t portBytes = bytesPerPort();
+    const Watchdog watchdog(std::chrono::seconds(120));
+    TMIDITransport& transport = MIDITransportInstance(&accessor);
+    transport.registerMIDIobserver(&checker);
+    startFlood();
+
+    int buffersGiven = 0;
+    sim::onCall("midiInStart", [&](const sim::Call&) {
+        buffersGiven = static_cast<int>(sim::queuedBuffers(input));
+    });
+
+    sim::Resources resources;
+    int threads = 0;
+    std::size_t bytes = 0;
+    constexpr int kWarmUp = 20;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        const std::uint64_t before = checker.messages();
+        buffersGiven = 0;
+        ASSERT_NE(transport.openInput(1), nullptr) << "cycle " << cycle;
+        ASSERT_EQ(buffersGiven, 768) << "cycle " << cycle;
+        // Every other close comes in the middle of the delivery, the rest into the opening.
+        while (cycle % 2 == 0 && checker.messages() < before + 20)
+            std::this_thread::yield();
+        ASSERT_EQ(transport.closeInput(), 0) << "cycle " << cycle;
+        ASSERT_EQ(headersBack(transport), 768) << "cycle " << cycle;
+        if (cycle == kWarmUp) {
+            resources = sim::inUse();
+            threads = settledThreadCount(3); // this one, the flood and the watchdog
+            bytes = allocatedBytes();
+        }
+    }
+    EXPECT_EQ(sim::inUse(), resources);
+    EXPECT_EQ(settledThreadCount(threads), threads);
+    const std::size_t simulated = (kCycles - kWarmUp) * portBytes;
+    EXPECT_LT(allocatedBytes(), bytes + simulated + 100'000) << "bytes per port: " << portBytes;
+
+    sim::stopFlood(input);
+    EXPECT_EQ(checker.errors, 0u);
+    EXPECT_GT(checker.shortMessages, 0u);
+    EXPECT_GT(checker.sysExMessages, 0u);
+    transport.Release();
+    RecordProperty("shortMessages", std::to_string(checker.shortMessages));
+    RecordProperty("sysExMessages", std::to_string(checker.sysExMessages));
+    RecordProperty("cutSysExMessages", std::to_string(checker.cut));
+}
+
+TEST_P(CloseUnderFloodTest, WithThePortOpenEveryBufferIsBackAfterTheFlood)
+{
+    const Watchdog watchdog(std::chrono::seconds(120));
+    TMIDITransport& transport = MIDITransportInstance(&accessor);
+    transport.registerMIDIobserver(&checker);
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_NE(transport.openInput(1), nullptr);
+        const std::uint64_t before = checker.messages();
+        checker.restart();
+        startFlood();
+        while (checker.messages() < before + 200)
+            std::this_thread::yield();
+        sim::stopFlood(input);
+        while (sim::queuedBuffers(input) < 768)
+            std::this_thread::yield();
+        ASSERT_EQ(transport.closeInput(), 0);
+    }
+    EXPECT_EQ(checker.errors, 0u);
+    transport.Release();
+}
+
+TEST_F(LateCallbackTest, ANoticeOfAPortThatIsClosedDoesNotTakeABufferOfTheNextOne)
+{
+    const Watchdog watchdog(std::chrono::seconds(30));
+    sim::logCalls(false);
+    ASSERT_NE(transport->openInput(1), nullptr);
+    const MIDIHDR* const header = device().inHeaders.begin();
+    EXPECT_EQ(transport->closeInput(), 0);
+    ASSERT_NE(transport->openInput(1), nullptr);
+
+    // A driver that does not wait for its callbacks: this one was on its way since before the
+    // close. The header is with the device again.
+    Access::midiInProc(*transport, MIM_LONGDATA,
+                       static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(header)));
+    sim::shortMessage(input, 0x643C90);
+    EXPECT_TRUE(recorder.waitFor(1)) << "the pusher waits for a buffer that is not back";
+    EXPECT_EQ(sim::queuedBuffers(input), 768u);
+    EXPECT_EQ(transport->closeInput(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Driver, CloseUnderFloodTest,
+                         testing::Values(sim::DriverKind::WaitsInReset,
+                                         sim::DriverKind::WaitsInClose,
+                                         sim::DriverKind::WaitsInNeither),
+                         [](const auto& driver) {
+                             switch (driver.param) {
+                             case sim::DriverKind::WaitsInReset:
+                                 return "WaitsInReset";
+                             case sim::DriverKind::WaitsInClose:
+                                 return "WaitsInClose";
+                             default:
+                                 return "WaitsInNeither";
+                             }
+                         });
+
+} // namespace

@@ -1,0 +1,227 @@
+// Real threads that meet in the transport: for ThreadSanitizer, which sees what the tests do not
+// assert. Flooded opening and closing is CloseUnderFloodTest.cpp's.
+
+#include "tests/stress/Stress.h"
+
+namespace {
+
+constexpr std::size_t kSysExLength = 5000;
+
+void sleepFor(int milliseconds)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+class RaceTest : public SimTest
+{
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        sim::logCalls(false);
+        input = sim::addInput(u"In");
+        sim::DeviceOptions options;
+        options.completion = sim::Completion::Thread;
+        options.keepSent = false;
+        output = sim::addOutput(u"Out", options);
+        accessor.maps[false][uuid(1)] = "1;In";
+        accessor.maps[true][uuid(2)] = "1;Out";
+    }
+
+    static void startFlood(int input)
+    {
+        sim::FloodOptions flood;
+        flood.sysExEvery = 4;
+        flood.sysExLength = kSysExLength;
+        sim::startFlood(input, flood);
+    }
+
+    static void waitForMessages(const FloodChecker& checker, std::uint64_t count)
+    {
+        const std::uint64_t before = checker.messages();
+        while (checker.messages() < before + count)
+            std::this_thread::yield();
+    }
+
+    MapAccessor accessor;
+    FloodChecker checker{kSysExLength};
+    const Watchdog watchdog{std::chrono::seconds(60)};
+    int input = -1;
+    int output = -1;
+};
+
+TEST_F(RaceTest, AnObserverCallsBackWhileTheHostOpensAndCloses)
+{
+    TMIDITransport& transport = MIDITransportInstance(&accessor);
+    std::uint64_t wrong = 0;
+    checker.onRead = [&] {
+        const unsigned char note[] = {0x90, 60, 100};
+        transport.registerMIDIobserver(&checker);
+        transport.outputData(sizeof note, note);
+        transport.openInput(0);
+        transport.openOutput(0);
+        wrong += transport.friendlyName(uuid(2)) != QLatin1String("Out");
+        wrong += transport.getInpDescriptorPort(uuid(1)) != 1;
+        wrong += transport.getOutPortDescriptor(1) != uuid(2);
+    };
+    transport.registerMIDIobserver(&checker);
+    ASSERT_NE(transport.openOutput(1), nullptr);
+    startFlood(input);
+    for (int round = 0; round < 50; ++round) {
+        ASSERT_NE(transport.openInput(1), nullptr);
+        waitForMessages(checker, 20);
+        ASSERT_EQ(transport.closeInput(), 0);
+    }
+    sim::stopFlood(input);
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(checker.errors, 0u);
+    transport.Release();
+}
+
+TEST_F(RaceTest, AnObserverThatOpensAndClosesTheOutputDoesNotHoldUpTheClosingOfTheInput)
+{
+    TMIDITransport& transport = MIDITransportInstance(&accessor);
+    checker.onRead = [&] {
+        // Either may be turned away while the host closes the input.
+        if (!transport.openOutput(0))
+            transport.openOutput(1);
+        else
+            transport.closeOutput();
+    };
+    transport.registerMIDIobserver(&checker);
+    startFlood(input);
+    for (int round = 0; round < 50; ++round) {
+        ASSERT_NE(transport.openInput(1), nullptr);
+        waitForMessages(checker, 20);
+        ASSERT_EQ(transport.closeInput(), 0);
+    }
+    sim::stopFlood(input);
+    transport.Release();
+}
+
+TEST_F(RaceTest, TerminateStopsADeliveryInProgress)
+{
+    for (int round = 0; round < 20; ++round) {
+        TMIDITransport& transport = MIDITransportInstance(&accessor);
+        FloodChecker terminated(kSysExLength);
+        transport.registerMIDIobserver(&terminated);
+        ASSERT_NE(transport.openInput(1), nullptr);
+        startFlood(input);
+        waitForMessages(terminated, 50);
+        transport.terminate();
+        sleepFor(5); // an observer call that was under way has ended
+        const std::uint64_t messages = terminated.messages();
+        sleepFor(5);
+        EXPECT_EQ(terminated.messages(), messages);
+        ASSERT_EQ(transport.closeInput(), 0);
+        sim::stopFlood(input);
+        EXPECT_EQ(terminated.errors, 0u);
+        transport.Release();
+    }
+}
+
+// A driver that waits for its callbacks in neither reset nor close may begin one on an object that
+// is gone already; no client can help that. So for this kind the flood ends first.
+TEST_F(RaceTest, ReleaseDuringDeliveryEndsItAndClosesThePorts)
+{
+    for (const sim::DriverKind kind : {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
+                                       sim::DriverKind::WaitsInNeither}) {
+        sim::setDriverKind(kind);
+        for (int round = 0; round < 20; ++round) {
+            TMIDITransport& transport = MIDITransportInstance(&accessor);
+            FloodChecker released(kSysExLength);
+            transport.registerMIDIobserver(&released);
+            ASSERT_NE(transport.openInput(1), nullptr);
+            ASSERT_NE(transport.openOutput(1), nullptr);
+            startFlood(input);
+            waitForMessages(released, 50);
+            if (kind == sim::DriverKind::WaitsInNeither)
+                sim::stopFlood(input);
+            EXPECT_EQ(transport.Release(), 0u);
+            const std::uint64_t messages = released.messages();
+            sleepFor(1);
+            EXPECT_EQ(released.messages(), messages);
+            EXPECT_EQ(released.errors, 0u);
+            EXPECT_EQ(sim::inUse(), sim::Resources());
+            if (kind != sim::DriverKind::WaitsInNeither)
+                sim::stopFlood(input);
+        }
+    }
+}
+
+TEST_F(RaceTest, TwoTransportsWorkOnTwoInputsAtOnce)
+{
+    const int second = sim::addInput(u"Second");
+    // The factory counts transports without a lock, so one thread makes both.
+    TMIDITransport& one = MIDITransportInstance(&accessor);
+    TMIDITransport& two = MIDITransportInstance(&accessor);
+    const auto host = [&](TMIDITransport& transport, int port) {
+        FloodChecker own(kSysExLength);
+        transport.registerMIDIobserver(&own);
+        for (int round = 0; round < 20; ++round) {
+            EXPECT_NE(transport.openInput(port), nullptr);
+            waitForMessages(own, 30);
+            EXPECT_EQ(transport.closeInput(), 0);
+        }
+        EXPECT_EQ(own.errors, 0u);
+        transport.Release();
+    };
+    startFlood(input);
+    startFlood(second);
+    std::thread other([&] { host(two, second + 1); });
+    host(one, input + 1);
+    other.join();
+    sim::stopFlood(input);
+    sim::stopFlood(second);
+}
+
+TEST_F(RaceTest, DumpsGoOutWhileInputComesIn)
+{
+    sim::useVirtualTime(); // no waiting between chunks
+    const int returning = sim::addInput(u"Returning");
+    sim::connect(output, returning);
+    TMIDITransport& sender = MIDITransportInstance(&accessor);
+    TMIDITransport& receiver = MIDITransportInstance(&accessor);
+    FloodChecker returned(10'000);
+    sender.registerMIDIobserver(&checker);
+    receiver.registerMIDIobserver(&returned);
+    ASSERT_NE(sender.openInput(input + 1), nullptr);
+    ASSERT_NE(sender.openOutput(1), nullptr);
+    ASSERT_NE(receiver.openInput(returning + 1), nullptr);
+    startFlood(input);
+    for (std::uint64_t n = 0; n < 100; ++n) {
+        const Bytes dump = sim::floodSysEx(n, 10'000);
+        ASSERT_TRUE(sender.outputData(static_cast<int>(dump.size()), dump.data()));
+    }
+    while (returned.sysExMessages < 100)
+        std::this_thread::yield();
+    sim::stopFlood(input);
+    EXPECT_EQ(returned.errors, 0u);
+    EXPECT_EQ(returned.cut, 0u);
+    EXPECT_EQ(checker.errors, 0u);
+    sender.Release();
+    receiver.Release();
+}
+
+TEST_F(RaceTest, ClosingTheOutputEndsALongDumpOfAnotherThread)
+{
+    sim::useVirtualTime();
+    TMIDITransport& transport = MIDITransportInstance(&accessor);
+    const Bytes dump = sim::floodSysEx(0, 3'000'000);
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_NE(transport.openOutput(1), nullptr) << "round " << round;
+        bool sent = true;
+        std::thread sender(
+            [&] { sent = transport.outputData(static_cast<int>(dump.size()), dump.data()); });
+        const std::uint64_t before = sim::callCount("midiOutLongMsg");
+        while (sim::callCount("midiOutLongMsg") < before + std::uint64_t(round % 5))
+            std::this_thread::yield();
+        EXPECT_EQ(transport.closeOutput(), 0);
+        sender.join();
+        EXPECT_FALSE(sent);
+        ASSERT_EQ(sim::inUse().outputPorts, 0) << "round " << round;
+    }
+    transport.Release();
+}
+
+} // namespace

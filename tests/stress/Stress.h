@@ -1,0 +1,192 @@
+#ifndef LUMORA_TESTS_STRESS_STRESS_H
+#define LUMORA_TESTS_STRESS_STRESS_H
+
+#include "tests/unit/TestSupport.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <malloc.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers' own; gcc comes without the header that declares it.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#endif
+
+/// ThreadSanitizer makes everything several times slower; tests then do fewer rounds.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
+/// Ends the process with a message if the test that owns it does not end in time: a hang must not
+/// look like a slow test.
+class Watchdog
+{
+public:
+    explicit Watchdog(std::chrono::seconds limit)
+        : name(testing::UnitTest::GetInstance()->current_test_info()->name()),
+          thread([this, limit] { run(limit); })
+    {}
+
+    ~Watchdog()
+    {
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            over = true;
+        }
+        wake.notify_one();
+        thread.join();
+    }
+
+private:
+    void run(std::chrono::seconds limit)
+    {
+        std::unique_lock<std::mutex> guard(mutex);
+        if (wake.wait_for(guard, limit, [this] { return over; }))
+            return;
+        std::fprintf(stderr, "%s hangs: not done within %d s\n", name,
+                     static_cast<int>(limit.count()));
+        std::abort();
+    }
+
+    const char* const name;
+    std::mutex mutex; // guards over
+    std::condition_variable wake;
+    bool over = false;
+    std::thread thread;
+};
+
+/// The threads of this process.
+inline int threadCount()
+{
+    namespace fs = std::filesystem;
+    return static_cast<int>(
+        std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
+}
+
+/// Waits until the process has `count` threads: one that was waited for may still be on its way out
+/// of the system. Returns the number it has in the end.
+inline int settledThreadCount(int count)
+{
+    for (int round = 0; round < 500 && threadCount() != count; ++round)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return threadCount();
+}
+
+/// Bytes of the C++ heap in use.
+inline std::size_t allocatedBytes()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    return mallinfo2().uordblks;
+#endif
+}
+
+/// Checks what a flood delivers, message by message: short messages look like one, SysEx messages
+/// are byte-exact and in order. A close may cut a SysEx message after any of its buffers; what had
+/// arrived is then the beginning of the next message that is delivered.
+class FloodChecker : public TMIDIReaderRefConInterface
+{
+public:
+    explicit FloodChecker(std::size_t sysExLength) : sysExLength(sysExLength) {}
+    virtual ~FloodChecker() = default;
+
+    int read(int length, const void* data, bool, bool) override
+    {
+        const auto* const bytes = static_cast<const unsigned char*>(data);
+        if (bytes[0] == 0xF0)
+            checkSysEx(bytes, bytes + length);
+        else
+            checkShort(bytes, length);
+        if (onRead)
+            onRead();
+        return 0;
+    }
+
+    std::function<void()> onRead; ///< set before the input is opened
+
+    std::atomic<std::uint64_t> shortMessages{0};
+    std::atomic<std::uint64_t> sysExMessages{0};
+    std::atomic<std::uint64_t> cut{0};    ///< beginnings of SysEx messages that a close cut off
+    std::atomic<std::uint64_t> errors{0}; ///< anything else than the flood sent
+
+    std::uint64_t messages() const { return shortMessages + sysExMessages; }
+
+    /// For the next flood, which counts from 0 again. Not while input arrives.
+    void restart() { next = 0; }
+
+private:
+    void checkShort(const unsigned char* bytes, int length)
+    {
+        ++shortMessages;
+        if (length != 4 || bytes[0] != 0x90 || bytes[1] > 127 || bytes[2] > 127 || bytes[3] != 0)
+            ++errors;
+    }
+
+    void checkSysEx(const unsigned char* bytes, const unsigned char* end)
+    {
+        ++sysExMessages;
+        for (;;) {
+            const std::size_t left = static_cast<std::size_t>(end - bytes);
+            const std::uint64_t n = left >= 8 ? bytes[2] | bytes[3] << 7 | bytes[4] << 14 |
+                                                    std::uint64_t(bytes[5]) << 21
+                                              : 0;
+            if (left < sysExLength || n < next) {
+                ++errors;
+                return;
+            }
+            next = n + 1;
+            const std::vector<unsigned char> sent = sim::floodSysEx(n, sysExLength);
+            const auto differ = std::mismatch(sent.begin(), sent.end(), bytes).first;
+            if (differ == sent.end() && left == sysExLength)
+                return;
+            // Cut off at the end of a buffer, and the next message behind it.
+            if (differ - sent.begin() < kBuffer || left < kBuffer + sysExLength) {
+                ++errors;
+                return;
+            }
+            ++cut;
+            bytes += kBuffer;
+        }
+    }
+
+    static constexpr std::ptrdiff_t kBuffer = MIDIHeaderBlock::kBufferSize;
+
+    const std::size_t sysExLength; // of at most two buffers, so that only one place can be cut
+    std::uint64_t next = 0;        // number that the next SysEx message has at least
+};
+
+/// Opens a gate for threads that wait at it.
+class Gate
+{
+public:
+    void open()
+    {
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            isOpen = true;
+        }
+        opened.notify_all();
+    }
+
+    void wait()
+    {
+        std::unique_lock<std::mutex> guard(mutex);
+        opened.wait(guard, [this] { return isOpen; });
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable opened;
+    bool isOpen = false;
+};
+
+#endif
