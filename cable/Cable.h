@@ -1,0 +1,39 @@
+// What a test may ask the virtual MIDI cable beyond WinMM: its counters.
+//
+// Plain C, so that any client of WinMM can include it; the cable itself is reached through
+// midiInMessage and midiOutMessage and needs no import library.
+
+#ifndef LUMORA_CABLE_H
+#define LUMORA_CABLE_H
+
+#include <windows.h>
+
+#include <mmsystem.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Counted from the opening of the port. Bytes are those of SysEx messages, a short message counts
+// as one.
+typedef struct LumoraCableCounters
+{
+    DWORD size;               // set by the caller to sizeof(LumoraCableCounters)
+    DWORD queuedBuffers;      // headers that the port still owes its client
+    ULONGLONG deliveredShort; // input: messages called back; output: handed to an open input
+    ULONGLONG
+    deliveredBytes; // input: bytes in the buffers called back; output: handed to an open input
+    ULONGLONG droppedShort; // input: more than it keeps waiting; output: no input is open
+    ULONGLONG
+    droppedBytes; // input: no buffer was queued; output: no input is open, or no MIDI message
+} LumoraCableCounters;
+
+// midiInMessage or midiOutMessage with this code and the address of a LumoraCableCounters in the
+// first parameter. MMSYSERR_INVALPARAM if the address is null or `size` is another.
+#define LUMORA_CABLE_GET_COUNTERS 0x4C01
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,76 @@
+#include "EventLog.h"
+
+#include "System.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+namespace cable {
+namespace {
+
+class EventLog
+{
+public:
+    EventLog()
+    {
+        wchar_t path[MAX_PATH];
+        const DWORD length = GetEnvironmentVariableW(L"LUMORA_CABLE_LOG", path, MAX_PATH);
+        if (length == 0)
+            return;
+        if (length < MAX_PATH)
+            file_ = Handle(CreateFileW(path, FILE_APPEND_DATA | SYNCHRONIZE,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        // Wine finds the end of the file and writes there in two steps, so processes take turns.
+        turn_ = Handle(CreateMutexW(nullptr, FALSE, L"lumora-cable-log"));
+        if (!file_)
+            complain("the file that LUMORA_CABLE_LOG names cannot be written");
+    }
+
+    void write(const char* line, size_t length)
+    {
+        if (!file_)
+            return;
+        WaitForSingleObject(turn_.get(), INFINITE);
+        DWORD written = 0;
+        WriteFile(file_.get(), line, static_cast<DWORD>(length), &written, nullptr);
+        ReleaseMutex(turn_.get());
+    }
+
+    bool isOpen() const { return static_cast<bool>(file_); }
+
+private:
+    Handle file_;
+    Handle turn_;
+};
+
+} // namespace
+
+void logEvent(const char* direction, unsigned position, const char* format, ...)
+{
+    static EventLog& log = *new EventLog; // never destroyed: threads may log while the process ends
+    if (!log.isOpen())
+        return;
+    const LONGLONG now = microseconds();
+    char text[160];
+    va_list arguments;
+    va_start(arguments, format);
+    __mingw_vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    char line[240];
+    const int length = __mingw_snprintf(line, sizeof line, "%lld.%03d %s %u %s\n", now / 1000,
+                                        static_cast<int>(now % 1000), direction, position, text);
+    if (length > 0)
+        log.write(line, static_cast<size_t>(length));
+}
+
+void complain(const char* sentence)
+{
+    const std::string line = "lumora cable: " + std::string(sentence) + "\n";
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), line.data(), static_cast<DWORD>(line.size()),
+              &written, nullptr);
+}
+
+} // namespace cable

@@ -1,0 +1,41 @@
+#include "System.h"
+
+#include <memory>
+
+namespace cable {
+namespace {
+
+DWORD WINAPI runBody(void* parameter)
+{
+    const std::unique_ptr<std::function<void()>> body(
+        static_cast<std::function<void()>*>(parameter));
+    (*body)();
+    return 0;
+}
+
+} // namespace
+
+bool startThread(std::function<void()> body)
+{
+    auto owned = std::make_unique<std::function<void()>>(std::move(body));
+    const Handle thread(CreateThread(nullptr, 0, runBody, owned.get(), 0, nullptr));
+    if (!thread)
+        return false;
+    owned.release(); // runBody owns it now
+    return true;
+}
+
+LONGLONG microseconds()
+{
+    static const LONGLONG frequency = [] {
+        LARGE_INTEGER value;
+        QueryPerformanceFrequency(&value);
+        return value.QuadPart;
+    }();
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
+    // Split so that the product cannot overflow however long the machine has been up.
+    return now.QuadPart / frequency * 1000000 + now.QuadPart % frequency * 1000000 / frequency;
+}
+
+} // namespace cable

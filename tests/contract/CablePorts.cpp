@@ -1,0 +1,21 @@
+// The contract tests' ports on Wine's WinMM with the virtual cable below it.
+
+#include "ContractPorts.h"
+
+namespace contract {
+
+const bool refusedCloseFreesHandle = true;
+
+void connectOnePair()
+{
+    // The cable reads its description at the first call of WinMM and leaves nothing open between
+    // tests, so once is enough; a group of its own keeps processes that run beside this one out.
+    static const bool done = [] {
+        SetEnvironmentVariableW(L"LUMORA_CABLE", L"in \"Contract\"\nout \"Contract\"\n");
+        SetEnvironmentVariableW(L"LUMORA_CABLE_GROUP", L"contract");
+        return midiInGetNumDevs() == 1 && midiOutGetNumDevs() == 1;
+    }();
+    static_cast<void>(done);
+}
+
+} // namespace contract
