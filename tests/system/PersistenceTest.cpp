@@ -1,0 +1,132 @@
+#include "tests/system/ChildRun.h"
+
+#include <QStringList>
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <set>
+#include <windows.h>
+
+namespace {
+
+const char kOrganization[] = "Lumora Tests";
+const char kApplication[] = "Persistence";
+const wchar_t kOrganizationKey[] = L"Software\\Lumora Tests\\Persistence";
+const wchar_t kInputKey[] = L"Software\\Lumora Tests\\Persistence\\preferences\\SystemPorts\\Input";
+const wchar_t kOutputKey[] =
+    L"Software\\Lumora Tests\\Persistence\\preferences\\SystemPorts\\Output";
+
+class PersistenceTest : public testing::Test
+{
+protected:
+    void SetUp() override { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kOrganizationKey); }
+
+    static std::vector<Port> run(const std::string& cable)
+    {
+        return runHost(cable, kOrganization, kApplication);
+    }
+
+    /// A list value of the registry, read without Qt; fails the test unless it is a REG_MULTI_SZ.
+    static std::vector<std::string> registryList(const wchar_t* key, const wchar_t* value)
+    {
+        DWORD type = 0;
+        DWORD size = 0;
+        std::vector<std::string> list;
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, key, value, RRF_RT_ANY, &type, nullptr, &size) != 0)
+            return list;
+        EXPECT_EQ(type, DWORD(REG_MULTI_SZ));
+        std::vector<wchar_t> text(size / sizeof(wchar_t) + 1);
+        RegGetValueW(HKEY_LOCAL_MACHINE, key, value, RRF_RT_ANY, &type, text.data(), &size);
+        for (const wchar_t* at = text.data(); *at; at += wcslen(at) + 1)
+            list.push_back(QString::fromWCharArray(at).toStdString());
+        return list;
+    }
+
+    static std::string idOf(const std::vector<Port>& ports, const std::string& label)
+    {
+        for (const Port& port : ports) {
+            if (port.label == label)
+                return port.id;
+        }
+        return std::string();
+    }
+};
+
+const char kTwoInputs[] = "in \"First\"\nin \"Second\"\nout \"Out\"\n";
+
+TEST_F(PersistenceTest, ASecondRunFindsTheIdentifiersOfTheFirst)
+{
+    const std::vector<Port> first = run(kTwoInputs);
+    ASSERT_EQ(first.size(), 3u);
+    EXPECT_EQ(run(kTwoInputs), first);
+}
+
+TEST_F(PersistenceTest, TheTableLiesInTheRegistryAsMultiStrings)
+{
+    const std::vector<Port> ports = run(kTwoInputs);
+    const std::vector<std::string> names = registryList(kInputKey, L"portNames");
+    const std::vector<std::string> ids = registryList(kInputKey, L"portIds");
+    ASSERT_EQ(names.size(), 2u);
+    ASSERT_EQ(ids.size(), 2u);
+    for (std::size_t k = 0; k < 2; ++k)
+        EXPECT_EQ(idOf(ports, names[k]), ids[k]);
+    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+    EXPECT_EQ(registryList(kOutputKey, L"portNames"), std::vector<std::string>{"1;Out"});
+    EXPECT_EQ(registryList(kOutputKey, L"portIds"), std::vector<std::string>{idOf(ports, "1;Out")});
+
+    run(kTwoInputs);
+    EXPECT_EQ(registryList(kInputKey, L"portNames"), names);
+    EXPECT_EQ(registryList(kInputKey, L"portIds"), ids);
+}
+
+TEST_F(PersistenceTest, ADeviceThatMovesGetsANewIdentifierAndFindsItsOldOneAgain)
+{
+    const std::string old = idOf(run("in \"Synth\"\n"), "1;Synth");
+    const std::vector<Port> moved = run("in \"Newcomer\"\nin \"Synth\"\n");
+    EXPECT_NE(idOf(moved, "2;Synth"), old);
+    EXPECT_EQ(idOf(run("in \"Synth\"\n"), "1;Synth"), old);
+    const std::vector<std::string> names = registryList(kInputKey, L"portNames");
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+              (std::set<std::string>{"1;Synth", "2;Synth", "1;Newcomer"}));
+}
+
+TEST_F(PersistenceTest, EveryKindOfNameKeepsItsIdentifier)
+{
+    const char cable[] = "in \"Left;Right\"\n"
+                         "in \"A name of thirty-one characters\"\n"
+                         "in \"\"\n"
+                         "in \"Unreadable\" caps=fail\n"
+                         "in \"\u00c4ther \u97f3\u697d \U0001F3B9\"\n";
+    const std::vector<Port> first = run(cable);
+    std::set<std::string> labels;
+    for (const Port& port : first)
+        labels.insert(port.label);
+    EXPECT_EQ(labels, (std::set<std::string>{"1;Left;Right", "2;A name of thirty-one characters",
+                                             "3;", "4;", "5;\u00c4ther \u97f3\u697d \U0001F3B9"}));
+    EXPECT_EQ(run(cable), first);
+}
+
+TEST_F(PersistenceTest, ATableWrittenByHandIsRead)
+{
+    HKEY key = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kInputKey, 0, nullptr, 0, KEY_WRITE, nullptr,
+                              &key, nullptr),
+              0);
+    const wchar_t names[] = L"1;Synth\0";
+    const wchar_t ids[] = L"{01234567-89AB-4CDE-8F01-23456789ABCD}\0";
+    RegSetValueExW(key, L"portNames", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(names),
+                   sizeof names);
+    RegSetValueExW(key, L"portIds", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(ids),
+                   sizeof ids);
+    RegCloseKey(key);
+    EXPECT_EQ(idOf(run("in \"Synth\"\n"), "1;Synth"), "{01234567-89ab-4cde-8f01-23456789abcd}");
+    EXPECT_EQ(registryList(kInputKey, L"portIds"),
+              (std::vector<std::string>{"{01234567-89AB-4CDE-8F01-23456789ABCD}",
+                                        "{01234567-89ab-4cde-8f01-23456789abcd}"}));
+}
+
+TEST_F(PersistenceTest, WithoutDevicesNothingIsListed)
+{
+    EXPECT_TRUE(run("# no ports\n").empty());
+}
+
+} // namespace

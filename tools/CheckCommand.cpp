@@ -1,0 +1,215 @@
+#include "tools/CommandLine.h"
+#include "tools/Commands.h"
+#include "tools/Console.h"
+#include "tools/Decode.h"
+#include "tools/Failure.h"
+#include "tools/Interruption.h"
+#include "tools/Pacing.h"
+#include "tools/Receiver.h"
+#include "tools/Statistics.h"
+#include "tools/Text.h"
+
+#include <algorithm>
+#include <climits>
+
+using std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+static const int kShortestSysEx = 4;
+static const int kLatencySamples = 100;
+
+// Added to what the wire needs, for the system's own delays.
+static const qint64 kSlackMs = 2000;
+
+// A lead's other end may take in a whole message before it sends it on.
+static std::chrono::milliseconds replyTime(int bytes)
+{
+    return std::chrono::milliseconds(2 * sendMs(bytes) + kSlackMs);
+}
+
+// F0 7D, then bytes that differ from round to round and from chunk to chunk, then F7.
+static QByteArray testMessage(int bytes, int round)
+{
+    QByteArray message(bytes, '\0');
+    unsigned int noise = static_cast<unsigned int>(round) + 1;
+    for (char& byte : message) {
+        noise = noise * 1664525u + 1013904223u;
+        byte = static_cast<char>(noise >> 25);
+    }
+    message[0] = '\xF0';
+    message[1] = '\x7D'; // the identifier for test use
+    message[bytes - 1] = '\xF7';
+    return message;
+}
+
+static QString chunkText(int bytes)
+{
+    const QVector<int> chunks = chunksOf(bytes);
+    if (chunks.size() == 1)
+        return QStringLiteral("1 chunk");
+    QString text = QStringLiteral("%1 chunks (").arg(chunks.size());
+    const int shown = 4;
+    for (int i = 0; i < chunks.size(); ++i) {
+        if (chunks.size() > shown && i == shown - 2) {
+            text += QStringLiteral("… + ");
+            i = chunks.size() - 1;
+        }
+        text += grouped(chunks.at(i)) + (i + 1 < chunks.size() ? QStringLiteral(" + ") : QString());
+    }
+    return text + QStringLiteral("), pauses of at least %1 ms").arg(kPauseMs);
+}
+
+static QString throughputText(qint64 bytes, double milliseconds)
+{
+    return grouped(qRound64(double(bytes) * 1000 / std::max(milliseconds, 0.001))) +
+           QStringLiteral(" bytes/s");
+}
+
+static QString differenceText(const QByteArray& sent, const QByteArray& received)
+{
+    const int common = std::min(sent.size(), received.size());
+    int offset = 0;
+    while (offset < common && sent.at(offset) == received.at(offset))
+        ++offset;
+    if (offset == common)
+        return QStringLiteral("%1 sent, but %2 received, alike as far as they go")
+            .arg(counted(sent.size(), "byte"), counted(received.size(), "byte"));
+    return QStringLiteral("sent %1, but received %2 at offset %3 (%4 sent, %5 received)")
+        .arg(hex(sent.mid(offset, 1)), hex(received.mid(offset, 1)), grouped(offset),
+             counted(sent.size(), "byte"), counted(received.size(), "byte"));
+}
+
+namespace {
+
+// An open pair of ports, and the way there and back.
+class Loop
+{
+public:
+    Loop(TMIDITransport& transport, Receiver& receiver) : transport(transport), receiver(receiver)
+    {}
+
+    // Sends `message` and takes what comes back as the same kind of message, SysEx or not. The
+    // result is the time that took, in milliseconds. Throws Failure if it differs or does not come.
+    double roundTrip(const QByteArray& message)
+    {
+        const auto start = steady_clock::now();
+        if (!transport.outputData(message.size(), message.constData()))
+            throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the data.")};
+        sendingTime = steady_clock::now() - start;
+
+        const auto deadline = start + replyTime(message.size());
+        ReceivedMessage reply;
+        do {
+            if (!receiver.next(&reply, deadline))
+                throw Failure{ExitStatus::Failed, missingReply(start)};
+        } while (isSysEx(reply.bytes) != isSysEx(message)); // somebody may be playing
+        const QByteArray received = trimmed(reply.bytes);
+        if (received != message)
+            throw Failure{
+                ExitStatus::Failed,
+                QStringLiteral("The reply differs: %1.").arg(differenceText(message, received))};
+        return Milliseconds(reply.time - start).count();
+    }
+
+    // How long the library took to send the last message.
+    qint64 sendingMs() const
+    {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(sendingTime).count();
+    }
+
+private:
+    static bool isSysEx(const QByteArray& message) { return message.startsWith('\xF0'); }
+
+    static QString missingReply(steady_clock::time_point start)
+    {
+        if (interrupted())
+            return QStringLiteral("Interrupted.");
+        const auto waited =
+            std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - start);
+        return QStringLiteral("No reply within %1. Is the output connected to the input?")
+            .arg(duration(waited.count()));
+    }
+
+    TMIDITransport& transport;
+    Receiver& receiver;
+    steady_clock::duration sendingTime{};
+};
+
+} // namespace
+
+static void checkSysEx(Loop& loop, int bytes, int times)
+{
+    // Of each pause the system's clock may swallow one tick.
+    const qint64 pauses = qint64(chunksOf(bytes).size() - 1) * (kPauseMs - 1);
+    double total = 0;
+    for (int round = 0; round < times; ++round) {
+        const double elapsed = loop.roundTrip(testMessage(bytes, round));
+        if (loop.sendingMs() < pauses)
+            throw Failure{ExitStatus::Failed,
+                          QStringLiteral("The pauses between chunks were too short: sending took "
+                                         "%1, the pauses alone take %2.")
+                              .arg(duration(loop.sendingMs()), duration(pauses))};
+        total += elapsed;
+        print(QStringLiteral("Round trip %1 of %2: %3 out in %4; %3 back, identical, after %5\n")
+                  .arg(round + 1)
+                  .arg(times)
+                  .arg(counted(bytes, "byte"), chunkText(bytes), duration(qRound64(elapsed))));
+    }
+    print(QStringLiteral("Throughput: %1\n").arg(throughputText(qint64(bytes) * times, total)));
+}
+
+// Undefined controllers on the last channel: an instrument that hears them does nothing.
+static QByteArray latencyMessage(int sample)
+{
+    const char bytes[] = {'\xBF', '\x03', static_cast<char>(sample & 0x7F)};
+    return QByteArray(bytes, sizeof bytes);
+}
+
+static void checkLatency(Loop& loop)
+{
+    QVector<double> latencies;
+    for (int sample = 0; sample < kLatencySamples; ++sample)
+        latencies.append(loop.roundTrip(latencyMessage(sample)));
+    std::sort(latencies.begin(), latencies.end());
+    print(QStringLiteral("Latency of %1: min %2 ms, median %3 ms, p99 %4 ms\n")
+              .arg(counted(kLatencySamples, "short message"))
+              .arg(latencies.first(), 0, 'f', 2)
+              .arg(percentile(latencies, 50), 0, 'f', 2)
+              .arg(percentile(latencies, 99), 0, 'f', 2));
+}
+
+void checkCommand(const QStringList& arguments)
+{
+    CommandLine line(
+        QStringLiteral("check"),
+        QStringLiteral(
+            "Sends SysEx and short messages out of an output and compares what comes back at "
+            "an input that a cable connects to it."));
+    line.addArgument(QStringLiteral("IN"), QStringLiteral("The input."), QStringLiteral("IN"));
+    line.addArgument(QStringLiteral("OUT"), QStringLiteral("The output."), QStringLiteral("OUT"));
+    line.addOption(QStringLiteral("bytes"),
+                   QStringLiteral("Length of the SysEx message (default 10000)."),
+                   QStringLiteral("N"), QStringLiteral("10000"));
+    line.addOption(QStringLiteral("times"), QStringLiteral("Number of round trips (default 1)."),
+                   QStringLiteral("K"), QStringLiteral("1"));
+    if (!line.parse(arguments))
+        return;
+    line.expectArguments(2, 2);
+    // The test message and its copies stay well below the memory of any machine.
+    const int bytes = line.number("bytes", kShortestSysEx, 100 * 1000 * 1000);
+    const int times = line.number("times", 1, INT_MAX);
+
+    const auto start = steady_clock::now();
+    Receiver receiver;
+    Session session(line.store());
+    const Port input = session.openInput(line.arguments().at(0), receiver);
+    const Port output = session.openOutput(line.arguments().at(1));
+    print(QStringLiteral("From %1 to %2\n").arg(describe(output, true), describe(input, false)));
+
+    Loop loop(session.transport(), receiver);
+    checkSysEx(loop, bytes, times);
+    checkLatency(loop);
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - start);
+    print(QStringLiteral("Elapsed: %1\n").arg(duration(elapsed.count())));
+}

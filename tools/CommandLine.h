@@ -1,0 +1,50 @@
+#ifndef LUMORA_TOOLS_COMMANDLINE_H
+#define LUMORA_TOOLS_COMMANDLINE_H
+
+#include "tools/Session.h"
+
+#include <QCommandLineParser>
+#include <QStringList>
+
+/// The options and arguments of one command: declared, parsed, asked. Whatever is wrong with them
+/// is a Failure with ExitStatus::WrongUsage.
+class CommandLine
+{
+public:
+    /// `name` is the command's name, empty for the program itself.
+    CommandLine(const QString& name, const QString& description);
+
+    /// Arguments in order; the last may repeat. `syntax` stands in the usage line, "PORT" or
+    /// "[BYTES…]".
+    void addArgument(const QString& name, const QString& description, const QString& syntax);
+    void addOption(const QString& name, const QString& description);
+    void addOption(const QString& name, const QString& description, const QString& valueName,
+                   const QString& defaultValue = QString());
+
+    /// What follows the first argument is not looked at: it belongs to a command.
+    void stopAtFirstArgument();
+
+    /// False if only help was asked for, which is then printed.
+    bool parse(const QStringList& arguments);
+
+    const QStringList& arguments() const { return positional; }
+    void expectArguments(int least, int most) const;
+    bool isSet(const char* option) const;
+    QString value(const char* option) const;
+
+    /// An option that takes a whole number from `least` to `most`.
+    int number(const char* option, int least, int most) const;
+
+    /// What --organization and --application name.
+    Store store() const;
+
+private:
+    QString helpText() const;
+
+    QString name;
+    QString usage;
+    QCommandLineParser parser;
+    QStringList positional;
+};
+
+#endif

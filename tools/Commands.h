@@ -1,0 +1,14 @@
+#ifndef LUMORA_TOOLS_COMMANDS_H
+#define LUMORA_TOOLS_COMMANDS_H
+
+#include <QStringList>
+
+// The commands: `arguments` is what follows the command's name. They throw Failure.
+
+void listCommand(const QStringList& arguments);
+void monitorCommand(const QStringList& arguments);
+void sendCommand(const QStringList& arguments);
+void recordCommand(const QStringList& arguments);
+void checkCommand(const QStringList& arguments);
+
+#endif

@@ -1,0 +1,22 @@
+#ifndef LUMORA_TOOLS_CONSOLE_H
+#define LUMORA_TOOLS_CONSOLE_H
+
+#include <QString>
+
+// Both streams carry UTF-8; a console window is given UTF-16, so that its code page does not
+// matter. Nothing is buffered. Any thread.
+
+/// Writes data to standard output; false if nobody takes it any more.
+bool print(const QString& text);
+
+/// Writes a line for people to standard error.
+void say(const QString& line);
+
+/// Whether standard error is a terminal.
+bool errorIsTerminal();
+
+/// Writes `line` to the terminal in place of the one before it; an empty one clears it. Only if
+/// errorIsTerminal().
+void showInPlace(const QString& line);
+
+#endif

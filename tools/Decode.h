@@ -1,0 +1,27 @@
+#ifndef LUMORA_TOOLS_DECODE_H
+#define LUMORA_TOOLS_DECODE_H
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QString>
+
+// One received message for people and for programs. A channel message may carry padding behind its
+// own length.
+
+/// `message` without padding.
+QByteArray trimmed(const QByteArray& message);
+
+/// "Note On ch 1 C4 velocity 100"
+QString toText(const QByteArray& message);
+
+/// {"type": "note_on", "channel": 1, "note": 60, "name": "C4", "velocity": 100, "bytes": "90 3C
+/// 64"}
+QJsonObject toJson(const QByteArray& message);
+
+/// Middle C, note 60, is "C4".
+QString noteName(int note);
+
+/// "Volume" for controller 7; empty if the controller has no name of its own.
+QString controllerName(int controller);
+
+#endif

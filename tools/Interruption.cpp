@@ -1,0 +1,45 @@
+#include "tools/Interruption.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <windows.h>
+
+static std::atomic<bool> endRequested(false);
+
+// Runs on a thread of the system's own.
+static BOOL WINAPI onConsoleEvent(DWORD event)
+{
+    const bool again = endRequested.exchange(true);
+    if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT)
+        return !again;
+    // The console is closing: the process ends when this returns, so the main thread gets the time
+    // that the system grants.
+    Sleep(INFINITE);
+    return TRUE;
+}
+
+void catchInterruption()
+{
+    SetConsoleCtrlHandler(&onConsoleEvent, TRUE);
+}
+
+bool interrupted()
+{
+    return endRequested;
+}
+
+bool sleepFor(qint64 milliseconds)
+{
+    using namespace std::chrono;
+    const auto end = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!interrupted()) {
+        const auto now = steady_clock::now();
+        if (now >= end)
+            return true;
+        std::this_thread::sleep_for(std::min<steady_clock::duration>(
+            end - now, std::chrono::milliseconds(kInterruptionPollMs)));
+    }
+    return false;
+}

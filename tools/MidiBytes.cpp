@@ -1,0 +1,168 @@
+#include "tools/MidiBytes.h"
+
+#include "tools/Failure.h"
+#include "tools/Text.h"
+
+static const unsigned char kSysExStart = 0xF0;
+static const unsigned char kSysExEnd = 0xF7;
+static const unsigned char kFirstRealTime = 0xF8;
+
+static unsigned char byteAt(const QByteArray& bytes, int index)
+{
+    return static_cast<unsigned char>(bytes.at(index));
+}
+
+static bool isStatus(unsigned char byte)
+{
+    return byte >= 0x80;
+}
+
+[[noreturn]] static void refuse(const QString& what, int offset)
+{
+    throw Failure{ExitStatus::BadData,
+                  QStringLiteral("%1 at offset %2 (0x%3).")
+                      .arg(what, grouped(offset), QString::number(offset, 16).toUpper())};
+}
+
+[[noreturn]] static void refuseText(const QString& text, const QString& what, int offset)
+{
+    throw Failure{
+        ExitStatus::BadData,
+        QStringLiteral("%1 at offset %2 of \"%3\".").arg(what, QString::number(offset), text)};
+}
+
+QByteArray parseHex(const QStringList& texts)
+{
+    const QString text = texts.join(QLatin1Char(' '));
+    QByteArray bytes;
+    int first = -1; // where the first digit of the current byte is; -1 between bytes
+    for (int i = 0; i <= text.size(); ++i) {
+        const QChar c = i < text.size() ? text.at(i) : QChar(QLatin1Char(' '));
+        if (c.isSpace()) {
+            if (first >= 0)
+                refuseText(text, QStringLiteral("Odd hexadecimal digit"), first);
+            continue;
+        }
+        bool isDigit = false;
+        QString(c).toInt(&isDigit, 16);
+        if (!isDigit)
+            refuseText(text, QStringLiteral("\"%1\" is no hexadecimal digit,").arg(c), i);
+        if (first < 0) {
+            first = i;
+            continue;
+        }
+        bytes.append(static_cast<char>(text.midRef(first, 2).toInt(nullptr, 16)));
+        first = -1;
+    }
+    return bytes;
+}
+
+int messageLength(unsigned char status)
+{
+    switch (status & 0xF0) {
+    case 0x80:
+    case 0x90:
+    case 0xA0:
+    case 0xB0:
+    case 0xE0:
+        return 3;
+    case 0xC0:
+    case 0xD0:
+        return 2;
+    case 0xF0:
+        break;
+    default:
+        return 0; // a data byte
+    }
+    switch (status) {
+    case 0xF1: // time code
+    case 0xF3: // song select
+        return 2;
+    case 0xF2: // song position
+        return 3;
+    case kSysExStart:
+    case kSysExEnd:
+        return 0;
+    default:
+        return 1;
+    }
+}
+
+// The SysEx message at `start`, to its F7.
+static QByteArray takeSysEx(const QByteArray& bytes, int start)
+{
+    for (int i = start + 1; i < bytes.size(); ++i) {
+        const unsigned char byte = byteAt(bytes, i);
+        if (byte == kSysExEnd)
+            return bytes.mid(start, i + 1 - start);
+        if (isStatus(byte))
+            refuse(QStringLiteral("Status byte %1 within the SysEx message that begins at %2,")
+                       .arg(hex(byte), grouped(start)),
+                   i);
+    }
+    refuse(QStringLiteral("No F7 ends the SysEx message that begins"), start);
+}
+
+static QByteArray takeShort(const QByteArray& bytes, int start)
+{
+    const unsigned char status = byteAt(bytes, start);
+    const int length = messageLength(status);
+    if (length == 0)
+        refuse(QStringLiteral("%1 begins no message,").arg(hex(status)), start);
+    for (int i = start + 1; i < start + length; ++i) {
+        if (i == bytes.size())
+            refuse(QStringLiteral("The message that begins with %1 is cut off,").arg(hex(status)),
+                   start);
+        if (isStatus(byteAt(bytes, i)))
+            refuse(
+                QStringLiteral("Status byte %1 in place of a data byte").arg(hex(byteAt(bytes, i))),
+                i);
+    }
+    return bytes.mid(start, length);
+}
+
+QVector<QByteArray> splitMessages(const QByteArray& bytes)
+{
+    QVector<QByteArray> messages;
+    for (int i = 0; i < bytes.size(); i += messages.last().size())
+        messages.append(byteAt(bytes, i) == kSysExStart ? takeSysEx(bytes, i)
+                                                        : takeShort(bytes, i));
+    return messages;
+}
+
+QVector<QByteArray> splitSysEx(const QByteArray& bytes)
+{
+    QVector<QByteArray> messages;
+    for (int i = 0; i < bytes.size(); i += messages.last().size()) {
+        if (byteAt(bytes, i) != kSysExStart)
+            refuse(QStringLiteral("%1 lies outside of F0 … F7,").arg(hex(byteAt(bytes, i))), i);
+        messages.append(takeSysEx(bytes, i));
+    }
+    return messages;
+}
+
+bool isWholeSysEx(const QByteArray& message)
+{
+    const int last = message.size() - 1;
+    if (last < 1 || byteAt(message, 0) != kSysExStart || byteAt(message, last) != kSysExEnd)
+        return false;
+    for (int i = 1; i < last; ++i) {
+        if (isStatus(byteAt(message, i)))
+            return false;
+    }
+    return true;
+}
+
+QByteArray withoutRealTime(const QByteArray& sysEx)
+{
+    static const QByteArray padding(3, '\0');
+    QByteArray kept;
+    kept.reserve(sysEx.size());
+    for (int i = 0; i < sysEx.size(); ++i) {
+        if (byteAt(sysEx, i) >= kFirstRealTime && sysEx.mid(i + 1, padding.size()) == padding)
+            i += padding.size();
+        else
+            kept.append(sysEx.at(i));
+    }
+    return kept;
+}

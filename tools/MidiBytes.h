@@ -1,0 +1,33 @@
+#ifndef LUMORA_TOOLS_MIDIBYTES_H
+#define LUMORA_TOOLS_MIDIBYTES_H
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+// MIDI data from outside, checked before any of it is used. All of these throw Failure with
+// ExitStatus::BadData, and with the offset of the offending byte or character, from 0.
+
+/// The bytes of hexadecimal text, as in {"F0", "7D10", "F7"} or {"F0 7D 10 F7"}: two digits for
+/// each byte. Offsets count the characters of the texts joined by blanks.
+QByteArray parseHex(const QStringList& texts);
+
+/// The messages of `bytes`: complete ones only, each with its own status byte.
+QVector<QByteArray> splitMessages(const QByteArray& bytes);
+
+/// The messages of a .syx file: SysEx only, F0 … F7, nothing before, between or behind them.
+QVector<QByteArray> splitSysEx(const QByteArray& bytes);
+
+/// The length in bytes of a message that begins with `status`; 0 for SysEx, whose length is open,
+/// and for what begins no message.
+int messageLength(unsigned char status);
+
+/// Whether `message` is one SysEx message, F0 … F7, with nothing but data bytes between.
+bool isWholeSysEx(const QByteArray& message);
+
+/// `sysEx` without the real-time messages in it. Those that arrive while the library assembles a
+/// SysEx message become part of it, padded to 4 bytes like every short message.
+QByteArray withoutRealTime(const QByteArray& sysEx);
+
+#endif

@@ -1,0 +1,42 @@
+#include "tools/Text.h"
+
+#include <QLocale>
+
+QString grouped(qint64 number)
+{
+    return QLocale(QLocale::English, QLocale::UnitedStates).toString(number);
+}
+
+QString counted(qint64 number, const char* singular)
+{
+    const QString text = grouped(number) + QLatin1Char(' ') + QLatin1String(singular);
+    return number == 1 ? text : text + QLatin1Char('s');
+}
+
+QString hex(const QByteArray& bytes)
+{
+    return QString::fromLatin1(bytes.toHex(' ').toUpper());
+}
+
+QString hex(unsigned char byte)
+{
+    return hex(QByteArray(1, static_cast<char>(byte)));
+}
+
+QString sentence(const QString& text)
+{
+    return text.endsWith(QLatin1Char('.')) ? text : text + QLatin1Char('.');
+}
+
+QString duration(qint64 milliseconds)
+{
+    if (milliseconds < 1000)
+        return QString::number(milliseconds) + QLatin1String(" ms");
+    return QString::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + QLatin1String(" s");
+}
+
+QString clockTime(qint64 milliseconds)
+{
+    const qint64 seconds = (milliseconds + 999) / 1000;
+    return QStringLiteral("%1:%2").arg(seconds / 60).arg(seconds % 60, 2, 10, QLatin1Char('0'));
+}

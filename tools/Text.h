@@ -1,0 +1,26 @@
+#ifndef LUMORA_TOOLS_TEXT_H
+#define LUMORA_TOOLS_TEXT_H
+
+#include <QByteArray>
+#include <QString>
+
+/// "10,000"
+QString grouped(qint64 number);
+
+/// "10,000 bytes", "1 byte"
+QString counted(qint64 number, const char* singular);
+
+/// "F0 7D 10 F7"
+QString hex(const QByteArray& bytes);
+QString hex(unsigned char byte);
+
+/// `text` with one full stop behind it, whether it had one or not.
+QString sentence(const QString& text);
+
+/// "1.3 s", "205 ms"
+QString duration(qint64 milliseconds);
+
+/// "0:07", "5:35": how long something still takes.
+QString clockTime(qint64 milliseconds);
+
+#endif

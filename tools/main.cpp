@@ -1,0 +1,86 @@
+// lumora-midi: shows from the command line whether a MIDI port works, with nothing but the exported
+// interface of lumora_transport.
+
+#include "tools/CommandLine.h"
+#include "tools/Commands.h"
+#include "tools/Console.h"
+#include "tools/Failure.h"
+#include "tools/Interruption.h"
+
+#include <QCoreApplication>
+
+static const struct
+{
+    const char* name;
+    const char* summary;
+    void (*run)(const QStringList& arguments);
+} kCommands[] = {
+    {"list", "shows the ports with their identifiers", &listCommand},
+    {"monitor", "prints what arrives at an input", &monitorCommand},
+    {"send", "sends messages or a .syx file to an output", &sendCommand},
+    {"record", "writes the SysEx messages that arrive to a .syx file", &recordCommand},
+    {"check", "sends data out of one port and compares what comes back at another", &checkCommand},
+};
+
+static QString commandList()
+{
+    QString text = QStringLiteral("Commands:");
+    for (const auto& command : kCommands)
+        text += QStringLiteral("\n  %1  %2")
+                    .arg(QLatin1String(command.name), -8)
+                    .arg(QLatin1String(command.summary));
+    return text;
+}
+
+static const char kNotes[] = R"(
+"lumora-midi COMMAND --help" describes a command. A PORT is an identifier, a
+number, or a name that no other port of that direction has.
+
+Exit status: 0 done, 1 failed, 2 wrong usage, 3 port not found, 4 port would not
+open, 5 bad data.
+)";
+
+static void runProgram(const QStringList& arguments)
+{
+    CommandLine line(QString(), QStringLiteral("Lists MIDI ports, sends, receives and checks."));
+    line.addArgument(QStringLiteral("COMMAND"), QStringLiteral("What to do; see below."),
+                     QStringLiteral("COMMAND …"));
+    line.stopAtFirstArgument();
+    if (!line.parse(arguments)) {
+        print(QLatin1Char('\n') + commandList() + QLatin1Char('\n') + QLatin1String(kNotes));
+        return;
+    }
+    if (line.arguments().isEmpty())
+        throw Failure{ExitStatus::WrongUsage,
+                      QStringLiteral("There is no command. ") + commandList()};
+
+    const QString name = line.arguments().first();
+    for (const auto& command : kCommands) {
+        if (name != QLatin1String(command.name))
+            continue;
+        // The store may be named before the command as well as behind it.
+        QStringList rest = line.arguments().mid(1);
+        rest.prepend(QLatin1String("--application=") + line.store().application);
+        rest.prepend(QLatin1String("--organization=") + line.store().organization);
+        return command.run(rest);
+    }
+    throw Failure{ExitStatus::WrongUsage,
+                  QStringLiteral("There is no command \"%1\". ").arg(name) + commandList()};
+}
+
+// The outcome is told by this program itself, in words of its own.
+static void ignoreQtMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+int main(int argc, char* argv[])
+{
+    const QCoreApplication application(argc, argv);
+    qInstallMessageHandler(&ignoreQtMessage);
+    catchInterruption();
+    try {
+        runProgram(QCoreApplication::arguments().mid(1));
+    } catch (const Failure& failure) {
+        say(QLatin1String("lumora-midi: ") + failure.message);
+        return static_cast<int>(failure.status);
+    }
+    return static_cast<int>(ExitStatus::Done);
+}
