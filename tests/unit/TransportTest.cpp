@@ -1,6 +1,8 @@
 #include "tests/unit/OutOfMemory.h"
 #include "tests/unit/TestSupport.h"
 
+#include <cstdlib>
+
 namespace {
 
 /// A backend without a device.
@@ -59,6 +61,24 @@ TEST_F(TransportTest, EventsAreNamedByTheNumberOfTheTransport)
     TMIDITransport* const three = new BareTransport;
     EXPECT_EQ(numberIn(sim::eventNames().at(0)), numberIn(names[0]) + 2);
     three->Release();
+}
+
+TEST_F(TransportTest, TheFirstTwoTransportsOfAProcessAreNumbersOneAndTwo)
+{
+    const auto firstTwoNumbers = [] {
+        TMIDITransport* const one = new BareTransport;
+        TMIDITransport* const two = new BareTransport;
+        const std::vector<std::u16string> names = sim::eventNames();
+        const bool right = names == std::vector<std::u16string>{
+                                        u"lumora.framework.transport - (1) - ",
+                                        u"lumora.framework.transport - (2) - "};
+        one->Release();
+        two->Release();
+        return right;
+    };
+    // In a process of its own, which has made no transport yet.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::_Exit(firstTwoNumbers() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(TransportTest, TheEventStartsSignalledAndResetsItself)
