@@ -1,5 +1,8 @@
 #include "tools/Interruption.h"
 
+#include "tools/Console.h"
+#include "tools/Failure.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -7,13 +10,19 @@
 #include <windows.h>
 
 static std::atomic<bool> endRequested(false);
+static std::atomic<const char*> currentNotice(nullptr);
 
 // Runs on a thread of the system's own.
 static BOOL WINAPI onConsoleEvent(DWORD event)
 {
     const bool again = endRequested.exchange(true);
-    if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT)
-        return !again;
+    if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT) {
+        if (again)
+            ExitProcess(static_cast<UINT>(ExitStatus::Failed));
+        if (const char* const notice = currentNotice)
+            say(QString::fromUtf8(notice));
+        return TRUE;
+    }
     // The console is closing: the process ends when this returns, so the main thread gets the time
     // that the system grants.
     Sleep(INFINITE);
@@ -23,6 +32,11 @@ static BOOL WINAPI onConsoleEvent(DWORD event)
 void catchInterruption()
 {
     SetConsoleCtrlHandler(&onConsoleEvent, TRUE);
+}
+
+void answerInterruption(const char* notice)
+{
+    currentNotice = notice;
 }
 
 bool interrupted()

@@ -9,6 +9,9 @@
 /// From now on Ctrl-C and the closing of the console are caught.
 void catchInterruption();
 
+/// What a first Ctrl-C is answered with on standard error; null for nothing.
+void answerInterruption(const char* notice);
+
 /// Whether the program was asked to end. Any thread.
 bool interrupted();
 

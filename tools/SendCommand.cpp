@@ -12,7 +12,9 @@
 #include <QElapsedTimer>
 #include <QFile>
 
+#include <chrono>
 #include <climits>
+#include <thread>
 
 // A shorter wait is not worth a word.
 static const qint64 kNoticeableMs = 250;
@@ -59,34 +61,44 @@ static QVector<QByteArray> messagesOf(const CommandLine& line)
     }
 }
 
-[[noreturn]] static void refuseInterrupted(const QString& consequence)
-{
-    throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted: %1").arg(consequence)};
-}
+namespace {
 
-// The main thread sends, which blocks; the bar draws itself meanwhile.
-static WireQueue sendAll(TMIDITransport& transport, const QVector<QByteArray>& messages, int gap,
-                         const QElapsedTimer& clock, ProgressBar& bar)
+struct Sent
 {
-    WireQueue queue;
-    qint64 sent = 0;
-    for (int i = 0; i < messages.size(); ++i) {
-        if (interrupted() || (i > 0 && gap > 0 && !sleepFor(gap)))
-            refuseInterrupted(QStringLiteral("%1 of %2 sent.")
-                                  .arg(grouped(i), counted(messages.size(), "message")));
-        const QByteArray& message = messages.at(i);
-        bar.sending(sent, message.size(), queue);
-        if (!transport.outputData(message.size(), message.constData()))
+    int messages = 0;
+    WireQueue queue; // what may still be on its way
+};
+
+} // namespace
+
+// All messages, or those before Ctrl-C. The main thread sends, which blocks; the bar draws itself
+// meanwhile.
+static Sent sendAll(TMIDITransport& transport, const QVector<QByteArray>& messages, int gap,
+                    const QElapsedTimer& clock, ProgressBar& bar)
+{
+    Sent sent;
+    qint64 bytes = 0;
+    for (const QByteArray& message : messages) {
+        if (sent.messages > 0 && gap > 0)
+            sleepFor(gap);
+        if (interrupted())
+            break;
+        bar.sending(bytes, message.size(), sent.queue);
+        answerInterruption("Ending after this message; Ctrl-C again cuts it short.");
+        const bool ok = transport.outputData(message.size(), message.constData());
+        answerInterruption(nullptr);
+        if (!ok)
             throw Failure{ExitStatus::Failed,
                           QStringLiteral("The port refused the data of message %1 of %2.")
-                              .arg(grouped(i + 1), grouped(messages.size()))};
-        queue.sent(message.size(), clock.elapsed());
-        sent += message.size();
+                              .arg(grouped(sent.messages + 1), grouped(messages.size()))};
+        sent.queue.sent(message.size(), clock.elapsed());
+        bytes += message.size();
+        ++sent.messages;
     }
-    bar.sending(sent, 0, queue);
-    return queue;
+    return sent;
 }
 
+// Ctrl-C ends the wait, unless it came before: then this lets the last message finish.
 static void waitUntilThrough(const WireQueue& queue, const QElapsedTimer& clock)
 {
     const qint64 left = queue.emptyAt() + kDriverMs - clock.elapsed();
@@ -94,8 +106,13 @@ static void waitUntilThrough(const WireQueue& queue, const QElapsedTimer& clock)
         say(QStringLiteral("Waiting %1 until the last bytes must be through at MIDI's wire speed "
                            "(--no-wait does not).")
                 .arg(duration(left)));
-    if (left > 0 && !sleepFor(left))
-        refuseInterrupted(QStringLiteral("the last message may be cut short."));
+    if (left <= 0)
+        return;
+    if (interrupted())
+        std::this_thread::sleep_for(std::chrono::milliseconds(left));
+    else if (!sleepFor(left))
+        throw Failure{ExitStatus::Failed,
+                      QStringLiteral("Interrupted: the last message may be cut short.")};
 }
 
 void sendCommand(const QStringList& arguments)
@@ -135,13 +152,17 @@ void sendCommand(const QStringList& arguments)
     const Port port = session.openOutput(line.arguments().first());
     QElapsedTimer clock;
     clock.start();
-    WireQueue queue;
+    Sent sent;
     {
         ProgressBar bar(progress, clock);
-        queue = sendAll(session.transport(), messages, gap, clock, bar);
+        sent = sendAll(session.transport(), messages, gap, clock, bar);
     }
     if (!line.isSet("no-wait"))
-        waitUntilThrough(queue, clock);
+        waitUntilThrough(sent.queue, clock);
+    if (sent.messages < messages.size())
+        throw Failure{ExitStatus::Failed,
+                      QStringLiteral("Interrupted: %1 of %2 sent.")
+                          .arg(grouped(sent.messages), counted(messages.size(), "message"))};
     say(QStringLiteral("%1, %2, sent to %3 in %4.")
             .arg(counted(messages.size(), "message"), counted(progress.totalBytes(), "byte"),
                  describe(port, true), duration(clock.elapsed())));
