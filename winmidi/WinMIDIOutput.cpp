@@ -80,7 +80,8 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
     const int statusBytes = status != 0 ? 1 : 0;
     if (statusBytes)
         buffer[0] = static_cast<unsigned char>(status);
-    std::memcpy(buffer + statusBytes, data, static_cast<std::size_t>(length - statusBytes));
+    if (length > statusBytes) // a status alone comes without data
+        std::memcpy(buffer + statusBytes, data, static_cast<std::size_t>(length - statusBytes));
     header->dwBufferLength = static_cast<DWORD>(length);
     flagsOf(header) = 0;
     userOf(header) = wait ? reinterpret_cast<DWORD_PTR>(d->doneEvent) : 0;

@@ -351,6 +351,8 @@ TEST_F(OutputTest, AStatusAloneIsAMessage)
     unsigned char data = 0;
     EXPECT_TRUE(Access::outputData(*transport, 0, &data, 0xF8));
     EXPECT_EQ(sim::sent(output).back().bytes, Bytes({0xF8}));
+    EXPECT_TRUE(Access::outputLongData(*transport, 0, nullptr, 0xFA));
+    EXPECT_EQ(sim::sent(output).back().bytes, Bytes({0xFA}));
     EXPECT_FALSE(Access::outputData(*transport, -1, &data, 0xF8));
     EXPECT_FALSE(Access::outputData(*transport, 0, &data, 0));
     EXPECT_FALSE(Access::outputLongData(*transport, INT_MIN, &data, 0xF8));
