@@ -71,6 +71,7 @@ public:
             break;
         case 7:
             transport.closeInput();
+            restoreBuffers();
             open();
             break;
         }
@@ -82,11 +83,7 @@ public:
         }
         yields = 0;
         device.closingInput = false;
-        // The device gets its own pointers back, which it would fill.
-        for (MIDIHDR& header : device.inHeaders) {
-            header.lpData = reinterpret_cast<LPSTR>(device.inHeaders.buffer(&header));
-            header.dwBufferLength = MIDIHeaderBlock::kBufferSize;
-        }
+        restoreBuffers();
         FUZZ_CHECK(device.recordQueue.avail() == 0 || !allBack);
         FUZZ_CHECK(sim::queuedBuffers(input) == kInputHeaders || !allBack);
         returned = nullptr;
@@ -100,6 +97,15 @@ private:
         FUZZ_CHECK(sim::queuedBuffers(input) == kInputHeaders);
         allBack = true;
         returned = nullptr;
+    }
+
+    /// The simulated device fills what a header points to.
+    void restoreBuffers()
+    {
+        for (MIDIHDR& header : device.inHeaders) {
+            header.lpData = reinterpret_cast<LPSTR>(device.inHeaders.buffer(&header));
+            header.dwBufferLength = MIDIHeaderBlock::kBufferSize;
+        }
     }
 
     UINT code()

@@ -21,6 +21,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }                                                                                          \
     } while (false)
 
+/// The text of these UTF-16 units, without Qt's own look at a byte order mark.
+inline QString fromUnits(const std::u16string& units)
+{
+    return QString(reinterpret_cast<const QChar*>(units.data()), static_cast<int>(units.size()));
+}
+
 /// The bytes of one input, taken out as what a harness needs. Zeros follow the end.
 class FuzzInput
 {

@@ -32,7 +32,7 @@ struct Entry
 
 int numberOf(const std::u16string& text)
 {
-    return QString::fromStdU16String(text).toInt();
+    return fromUnits(text).toInt();
 }
 
 /// One line of the list, made from the text that ports are sorted by.
@@ -42,7 +42,7 @@ Entry entryOf(const std::u16string& text)
     const std::vector<std::u16string> pieces = piecesOf(text, u"<;>");
     if (pieces.size() < 2)
         return entry;
-    entry.id = QUuid(QString::fromStdU16String(pieces[1]));
+    entry.id = QUuid(fromUnits(pieces[1]));
     const std::vector<std::u16string> label = piecesOf(pieces[0], u";");
     entry.hasName = label.size() >= 2;
     if (entry.hasName) {
@@ -132,7 +132,7 @@ void checkLookups(const TMIDITransport& transport, const MapAccessor& accessor, 
     }
     removeAll(name, u"<[Inp]>");
     removeAll(name, u"<[Out]>");
-    const QString expected = name.empty() ? id.toString() : QString::fromStdU16String(name);
+    const QString expected = name.empty() ? id.toString() : fromUnits(name);
     FUZZ_CHECK(transport.friendlyName(id) == expected);
 }
 

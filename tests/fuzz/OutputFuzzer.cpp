@@ -46,7 +46,6 @@ public:
         if (failingCall > 0)
             sim::failCall(failing, failingCall, MMSYSERR_NOMEM);
 
-        bytes.reserve(1);//TEMP
         unsigned char* const data = bytes.data();
         const int length = static_cast<int>(bytes.size());
         if (kind == 0)

@@ -3,7 +3,6 @@
 
 #include "tests/fuzz/Fuzz.h"
 
-#include <QFile>
 #include <QMap>
 #include <QSet>
 #include <objbase.h>
@@ -80,7 +79,7 @@ std::vector<QString> anyDevices(FuzzInput& fuzz, bool output)
             sim::addInput(name, options);
         // As the capability record holds it: up to the first zero, 31 units at most.
         const std::u16string cut = name.substr(0, std::min<std::size_t>(name.find(u'\0'), 31));
-        names.push_back(options.capsResult ? QString() : QString::fromStdU16String(cut));
+        names.push_back(options.capsResult ? QString() : fromUnits(cut));
     }
     return names;
 }

@@ -22,8 +22,15 @@ public:
     bool outputData(int, const void*) override { return false; }
 
     bool* destroyed = nullptr;
+    std::atomic<bool> drained{false};
 
 protected:
+    int read(int, const void*, bool, bool) override
+    {
+        drained = true;
+        return 0;
+    }
+
     ~BareTransport() override
     {
         if (destroyed)
@@ -149,8 +156,11 @@ TEST_F(TransportTest, DestructionWithoutInputSignalsAndClosesTheEventWithoutWait
 
 TEST_F(TransportTest, DestructionStopsAPusherThatStillRuns)
 {
-    TMIDITransport* const transport = new BareTransport;
+    BareTransport* const transport = new BareTransport;
     Access::start(*transport);
+    // Past its first drain the thread sleeps until the destructor wakes it.
+    while (!transport->drained)
+        std::this_thread::yield();
     EXPECT_EQ(transport->Release(), 0u);
 }
 
