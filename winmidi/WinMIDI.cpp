@@ -103,16 +103,17 @@ QUuid TWinMIDI::getOutPortDescriptor(int port) const
 }
 
 // Gives every input buffer to the device.
-static void addBuffers(HMIDIIN handle, const MIDIHeaderBlock& headers)
+static void addBuffers(HMIDIIN handle, TWinMIDIPrivate* d)
 {
-    for (MIDIHDR& header : headers) {
+    d->buffersOut = 0;
+    for (MIDIHDR& header : d->inHeaders) {
         header.dwFlags = 0;
         header.dwBytesRecorded = 0;
         header.dwUser = 0;
         header.lpNext = nullptr;
         header.dwOffset = 0;
         midiInPrepareHeader(handle, &header, sizeof header);
-        if (midiInAddBuffer(handle, &header, sizeof header) != MMSYSERR_NOERROR)
+        if (!d->addBuffer(handle, &header))
             throw bufferNotAdded;
     }
 }
@@ -131,7 +132,7 @@ void* TWinMIDI::openInput(int port)
             throw notOpened;
         d->hMidiIn = handle;
         d->markQueueStale();
-        addBuffers(handle, d->inHeaders);
+        addBuffers(handle, d);
         if (midiInStart(handle) != MMSYSERR_NOERROR)
             throw notStarted;
         startPusherThread();
@@ -155,6 +156,7 @@ int TWinMIDI::closeInput()
     midiInStop(handle);
     d->hMidiIn = nullptr;
     midiInReset(handle);
+    d->awaitBuffers();
     for (MIDIHDR& header : d->inHeaders)
         midiInUnprepareHeader(handle, &header, sizeof header);
     midiInClose(handle);

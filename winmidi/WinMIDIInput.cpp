@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <cstring>
 
+// How long a closing port waits for buffers that its reset did not bring back, in milliseconds.
+static const DWORD kLateBufferLimit = 1000;
+
 // WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
 void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR instance, DWORD param1,
                                    DWORD)
@@ -15,6 +18,8 @@ void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR insta
     const bool returnsBuffer = message == MIM_LONGDATA || message == MIM_LONGERROR;
 
     ++d->callbacksRunning;
+    if (returnsBuffer)
+        --d->buffersOut;
     bool closing;
     {
         const MutexLocker locker(d->recordQueue.mutex());
@@ -27,6 +32,21 @@ void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR insta
     if (!closing)
         SetEvent(self->dataEvent);
     --d->callbacksRunning; // the last touch: closeInput() may be waiting to let the object go
+}
+
+bool TWinMIDIPrivate::addBuffer(HMIDIIN handle, MIDIHDR* header)
+{
+    ++buffersOut; // before the device may return it
+    if (midiInAddBuffer(handle, header, sizeof *header) == MMSYSERR_NOERROR)
+        return true;
+    --buffersOut;
+    return false;
+}
+
+void TWinMIDIPrivate::awaitBuffers()
+{
+    for (DWORD waited = 0; buffersOut > 0 && waited < kLateBufferLimit; ++waited)
+        Sleep(1);
 }
 
 void TWinMIDIPrivate::markQueueStale()
@@ -73,7 +93,7 @@ void TWinMIDIPrivate::recycle(MIDIHDR* header)
     header->dwFlags = 0;
     header->dwBytesRecorded = 0;
     if (midiInPrepareHeader(handle, header, sizeof *header) == MMSYSERR_NOERROR)
-        midiInAddBuffer(handle, header, sizeof *header);
+        addBuffer(handle, header);
 }
 
 int TWinMIDI::read(int, const void*, bool strictStart, bool spare)

@@ -60,8 +60,19 @@ struct TWinMIDIPrivate
     /// which gave every header to WinMM anew. Under the queue's mutex.
     int staleRecords = 0;
 
+    /// Input buffers that the device was given and has not returned. Some drivers return the last
+    /// ones only after the reset that should have brought them back.
+    std::atomic<int> buffersOut{0};
+
     /// Calls of the input callback in progress. Not every driver waits for them when it closes.
     std::atomic<int> callbacksRunning{0};
+
+    /// Hands an input buffer to the device; false if the device refuses it.
+    bool addBuffer(HMIDIIN handle, MIDIHDR* header);
+
+    /// Once the device is reset: waits for buffers that are still on their way back, which must not
+    /// be taken for those of the next opening. Gives up on a device that never returns them.
+    void awaitBuffers();
 
     /// Marks the records that are queued now as stale.
     void markQueueStale();
