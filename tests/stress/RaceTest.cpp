@@ -222,9 +222,9 @@ TEST_F(RaceTest, ClosingTheOutputEndsALongDumpOfAnotherThread)
         closed = false;
         ASSERT_NE(transport.openOutput(1), nullptr) << "round " << round;
         bool sent = true;
+        const std::uint64_t before = sim::callCount("midiOutLongMsg");
         std::thread sender(
             [&] { sent = transport.outputData(static_cast<int>(dump.size()), dump.data()); });
-        const std::uint64_t before = sim::callCount("midiOutLongMsg");
         while (sim::callCount("midiOutLongMsg") < before + std::uint64_t(round % 5))
             std::this_thread::yield();
         EXPECT_EQ(transport.closeOutput(), 0);
