@@ -1,3 +1,4 @@
+#pragma GCC diagnostic ignored "-Wold-style-cast"
 // lumora-soak MINUTES [SEED]: random traffic through the DLL over one lead of the virtual cable,
 // with stalls of the observer and with both ports closed and opened again at random moments.
 //
@@ -232,12 +233,14 @@ private:
     /// Messages `from` to `to` - 1 have not come, but for those that could not be placed.
     void skip(std::uint64_t from, std::uint64_t to)
     {
-        const std::uint64_t lost = to - from - std::min(unplaced, to - from);
+        unplaced = std::min(unplaced, to - from);
+        const std::uint64_t lost = to - from - unplaced;
+        to -= unplaced;
         unplaced = 0;
-        if (to <= traffic.lossEndClosed)
-            traffic.lostClosed += lost;
-        else if (to <= traffic.lossEndFull)
+        if (to <= traffic.lossEndFull)
             traffic.lostFull += lost;
+        else if (to <= traffic.lossEndClosed)
+            traffic.lostClosed += lost;
         else
             {std::printf("DBG %llu..%llu closed %llu full %llu\n",(unsigned long long)from,(unsigned long long)to,(unsigned long long)traffic.lossEndClosed,(unsigned long long)traffic.lossEndFull);
             for (auto n=from;n<=to;++n){auto b=makeMessage(traffic.seed,n); std::printf("DBG   %llu: %02x len %zu\n",(unsigned long long)n,b[0],b.size());}
