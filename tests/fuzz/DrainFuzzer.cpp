@@ -108,10 +108,7 @@ private:
         }
     }
 
-    UINT code()
-    {
-        return fuzz.flag() ? MIM_OPEN + fuzz.below(7) : fuzz.word();
-    }
+    UINT code() { return fuzz.flag() ? MIM_OPEN + fuzz.below(7) : fuzz.word(); }
 
     DWORD address(unsigned header)
     {

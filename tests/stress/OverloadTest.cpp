@@ -91,8 +91,7 @@ TEST_F(OverloadTest, OnlyShortMessagesThatWouldTouchTheReserveAreLostAndAllElseC
     EXPECT_GE(room, 8 * buffers + 16) << "the reserve for the other notices";
 
     observer.gate.open();
-    while (sim::queuedBuffers(input) < kBuffers ||
-           observer.received < observer.expected.size())
+    while (sim::queuedBuffers(input) < kBuffers || observer.received < observer.expected.size())
         std::this_thread::yield();
     EXPECT_EQ(observer.received, observer.expected.size());
     EXPECT_EQ(observer.wrong, 0u);

@@ -1,4 +1,3 @@
-#pragma GCC diagnostic ignored "-Wold-style-cast"
 // lumora-soak MINUTES [SEED]: random traffic through the DLL over one lead of the virtual cable,
 // with stalls of the observer and with both ports closed and opened again at random moments.
 //
@@ -242,9 +241,7 @@ private:
         else if (to <= traffic.lossEndClosed)
             traffic.lostClosed += lost;
         else
-            {std::printf("DBG %llu..%llu closed %llu full %llu\n",(unsigned long long)from,(unsigned long long)to,(unsigned long long)traffic.lossEndClosed,(unsigned long long)traffic.lossEndFull);
-            for (auto n=from;n<=to;++n){auto b=makeMessage(traffic.seed,n); std::printf("DBG   %llu: %02x len %zu\n",(unsigned long long)n,b[0],b.size());}
-            traffic.error("those in front of it are lost", to);}
+            traffic.error("those in front of it are lost", to);
     }
 
     Traffic& traffic;
