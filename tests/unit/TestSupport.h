@@ -237,11 +237,13 @@ protected:
 
     TWinMIDIPrivate& device() { return Access::device(*transport); }
 
-    /// Opens the input and stops its pusher, so that the test itself drains, step by step.
+    /// Opens the input and stops its pusher, so that the test itself drains, step by step. Whether
+    /// the pusher got to the MIM_OPEN record or not, the queue is empty then.
     void openForDraining()
     {
         ASSERT_NE(transport->openInput(1), nullptr);
         Access::stop(*transport);
+        Access::drain(*transport);
     }
 
     MapAccessor accessor;
