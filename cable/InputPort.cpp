@@ -43,6 +43,8 @@ InputPort::~InputPort() = default;
 DWORD InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
 {
     const Lock lock(mutex_);
+    if (isClosing())
+        return MMSYSERR_INVALHANDLE;
     const DWORD refusal = checkHeader(header, size);
     if (refusal != MMSYSERR_NOERROR)
         return refusal;

@@ -32,6 +32,8 @@ DWORD OutputPort::sendShort(DWORD word)
     logEvent("out", position(), "short %06X", static_cast<unsigned>(word & 0xFFFFFF));
 
     const Lock lock(mutex_);
+    if (isClosing())
+        return MMSYSERR_INVALHANDLE;
     // The quick way: nobody is before us, and the input is in this process.
     if (!sending_ && queue_.empty() && description().pace == 0) {
         local_ = openInputAt(description().to);
@@ -51,6 +53,8 @@ DWORD OutputPort::sendShort(DWORD word)
 DWORD OutputPort::sendLong(MIDIHDR* header, DWORD_PTR size)
 {
     const Lock lock(mutex_);
+    if (isClosing())
+        return MMSYSERR_INVALHANDLE;
     const DWORD refusal = checkHeader(header, size);
     if (refusal != MMSYSERR_NOERROR)
         return refusal;

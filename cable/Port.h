@@ -83,6 +83,8 @@ protected:
     // WaitKind::Close port's thread still has to do that. May let go of the lock.
     void finishReset(Lock& lock);
     DWORD postedHeaders() const;
+    // Nothing is taken any more: the thread may be gone already.
+    bool isClosing() const { return closing_; }
     size_t posted() const { return events_.size(); }
 
     // One step of the port's own work, on its thread, when no callback is due. Returns 0 if
