@@ -238,6 +238,7 @@ int TWinMIDI::closeOutput()
     } while (result == MIDIERR_STILLPLAYING && ++attempts < kCloseAttempts);
     d->freeOutputHeaders();
     d->hMidiOut = nullptr;
+    d->releaseSenders();
     d->closingOutput = false;
     return 0;
 }

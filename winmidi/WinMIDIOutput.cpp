@@ -64,6 +64,25 @@ MIDIHDR* TWinMIDIPrivate::takeOutputHeader()
     }
 }
 
+void TWinMIDIPrivate::awaitChunk(unsigned closings)
+{
+    ++sendersWaiting;
+    if (outputClosings == closings)
+        WaitForSingleObject(doneEvent, INFINITE);
+    --sendersWaiting;
+}
+
+void TWinMIDIPrivate::releaseSenders()
+{
+    ++outputClosings;
+    while (sendersWaiting > 0) {
+        SetEvent(doneEvent);
+        Sleep(0);
+    }
+    // No signal of the closed port is left for a sender on the next one.
+    ResetEvent(doneEvent);
+}
+
 void TWinMIDIPrivate::freeOutputHeaders()
 {
     for (MIDIHDR& header : outHeaders)
@@ -86,6 +105,7 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
     flagsOf(header) = 0;
     userOf(header) = wait ? reinterpret_cast<DWORD_PTR>(d->doneEvent) : 0;
 
+    const unsigned closings = d->outputClosings;
     const HMIDIOUT handle = d->hMidiOut;
     if (midiOutPrepareHeader(handle, header, sizeof *header) != MMSYSERR_NOERROR) {
         flagsOf(header) = 0;
@@ -97,7 +117,7 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
         return false;
     }
     if (wait)
-        WaitForSingleObject(d->doneEvent, INFINITE);
+        d->awaitChunk(closings);
     // The header stays prepared until it is taken again or the port closes.
     return true;
 }

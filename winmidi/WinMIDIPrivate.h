@@ -52,6 +52,11 @@ struct TWinMIDIPrivate
     /// True only while the output is being closed.
     std::atomic<bool> closingOutput{false};
 
+    /// How often the output was closed. A sender that waits for a chunk of a port that is closed by
+    /// now would wait for ever.
+    std::atomic<unsigned> outputClosings{0};
+    std::atomic<int> sendersWaiting{0};
+
     /// What the input callback wrote and the drain has not read yet, under the queue's own mutex,
     /// which is never held across a WinMM call or a delivery.
     CircularBuffer recordQueue{kQueueBytes};
@@ -92,6 +97,13 @@ struct TWinMIDIPrivate
     /// An output header that is free, after waiting for one if all are busy; null if there are no
     /// output headers at all.
     MIDIHDR* takeOutputHeader();
+
+    /// Waits until the chunk is done that was sent when the output had been closed `closings` times,
+    /// or until the output closes.
+    void awaitChunk(unsigned closings);
+
+    /// Once the port is closed: ends the waits for chunks that it did not give back.
+    void releaseSenders();
 
     /// Makes every output header free, once the port is closed: a device that was pulled out may
     /// have kept some, and the pool would otherwise lose them for good.

@@ -349,6 +349,31 @@ TEST_F(DeviceOpenCloseTest, AnOutputThatPlaysForEverIsGivenUpAfterTenAttempts)
     EXPECT_EQ(midiOutClose(handle), DWORD(MMSYSERR_NOERROR));
 }
 
+TEST_F(DeviceOpenCloseTest, ASenderThatWaitsForALostChunkIsReleasedWhenTheOutputCloses)
+{
+    sim::setCompletion(output, sim::Completion::Manual);
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    const HMIDIOUT handle = device().hMidiOut;
+    std::atomic<bool> waits{false};
+    sim::onCall("WaitForSingleObject", [&](const sim::Call&) { waits = true; });
+    bool sent = true;
+    std::thread sender([&] {
+        const Bytes dump(5000, 0x11);
+        sent = transport->outputData(int(dump.size()), dump.data());
+    });
+    while (!waits)
+        std::this_thread::yield();
+    // The device was pulled out: it gives nothing back and cannot be closed.
+    sim::failCall("midiOutReset", 1, MMSYSERR_NODRIVER, sim::kAllFromThere);
+    EXPECT_EQ(transport->closeOutput(), 0);
+    sender.join();
+    EXPECT_FALSE(sent);
+    EXPECT_FALSE(sim::isSignalled(device().doneEvent)) << "the next sender would not wait";
+    sim::clearFailures();
+    midiOutReset(handle);
+    EXPECT_EQ(midiOutClose(handle), DWORD(MMSYSERR_NOERROR));
+}
+
 TEST_F(DeviceOpenCloseTest, AnObserverThatClosesTheOutputWaitsForAnOpenInProgress)
 {
     ASSERT_NE(transport->openInput(1), nullptr);

@@ -259,8 +259,8 @@ TEST_F(OutputTest, ClosingThePortReleasesASenderThatWaits)
     bool result = true;
     // The port is closed long before the pause behind a chunk ends.
     std::atomic<bool> closed{false};
-    sim::onSleep([&](DWORD) {
-        while (!closed)
+    sim::onSleep([&](DWORD milliseconds) {
+        while (milliseconds > 0 && !closed)
             std::this_thread::yield();
     });
     std::thread sender([&] { result = send(data); });
