@@ -18,6 +18,7 @@
 #include <random>
 #include <thread>
 #include <vector>
+#include <windows.h>
 
 namespace {
 
@@ -329,6 +330,31 @@ void disturb(TMIDITransport& transport, Receiver& receiver, Traffic& traffic,
     }
 }
 
+/// Ends the program if the sender, the receiver or the host has not moved for a minute: none of
+/// them ever has to wait that long.
+void watch(const Traffic& traffic, const std::atomic<bool>& isOver)
+{
+    const std::atomic<std::uint64_t>* const counts[] = {&traffic.sent, &traffic.messages,
+                                                        &traffic.reopenings};
+    const char* const names[] = {"sender", "receiver", "host"};
+    std::uint64_t last[3] = {};
+    int seconds[3] = {};
+    while (!isOver) {
+        sleepFor(1000);
+        for (int i = 0; i < 3; ++i) {
+            const std::uint64_t count = *counts[i];
+            seconds[i] = count == last[i] ? seconds[i] + 1 : 0;
+            last[i] = count;
+            if (seconds[i] < 60 || isOver)
+                continue;
+            std::printf("error at message %llu: the %s hangs\n",
+                        static_cast<unsigned long long>(traffic.sent), names[i]);
+            std::fflush(stdout);
+            std::_Exit(1);
+        }
+    }
+}
+
 int soak(double minutes, std::uint64_t seed)
 {
     Traffic traffic;
@@ -343,6 +369,8 @@ int soak(double minutes, std::uint64_t seed)
     std::printf("Seed %llu\n", static_cast<unsigned long long>(seed));
     const Clock::time_point start = Clock::now();
     std::atomic<bool> stop{false};
+    std::atomic<bool> isOver{false};
+    std::thread watchdog([&] { watch(traffic, isOver); });
     std::thread sender([&] { sendUntil(stop, transport, traffic); });
     disturb(transport, receiver, traffic,
             std::chrono::milliseconds(static_cast<long long>(minutes * 60'000)));
@@ -353,6 +381,8 @@ int soak(double minutes, std::uint64_t seed)
     if (traffic.next != traffic.sent)
         traffic.error("it and those behind it never came", traffic.next);
     transport.Release();
+    isOver = true;
+    watchdog.join();
     traffic.print(Clock::now() - start);
     return traffic.errors == 0 ? 0 : 1;
 }
@@ -365,6 +395,12 @@ int main(int argc, char** argv)
     if (minutes <= 0 || argc > 3) {
         std::fprintf(stderr, "Usage: lumora-soak MINUTES [SEED]\n");
         return 2;
+    }
+    // Both would be woken by the one named event that says that there is input.
+    CreateMutexW(nullptr, FALSE, L"lumora-soak");
+    if (GetLastError() == ERROR_ALREADY_EXISTS) {
+        std::fprintf(stderr, "lumora-soak: it is running already\n");
+        return 1;
     }
     // Read by the driver when the process first calls WinMM.
     if (!std::getenv("LUMORA_CABLE"))
