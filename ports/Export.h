@@ -1,9 +1,13 @@
 #ifndef LUMORA_PORTS_EXPORT_H
 #define LUMORA_PORTS_EXPORT_H
 
-// LUMORA_TRANSPORT_EXPORT marks the interface of lumora_transport.dll. The library's own build
-// defines LUMORA_TRANSPORT_BUILD; a program that links the objects themselves, as the tests do,
-// defines LUMORA_TRANSPORT_STATIC.
+/// \file
+/// What is exported.
+
+/// \def LUMORA_TRANSPORT_EXPORT
+/// Marks the interface of lumora_transport.dll. The library's own build defines
+/// LUMORA_TRANSPORT_BUILD; a program that links the objects themselves, as the tests do, defines
+/// LUMORA_TRANSPORT_STATIC.
 #if !defined(_WIN32) || defined(LUMORA_TRANSPORT_STATIC)
 #define LUMORA_TRANSPORT_EXPORT
 #elif defined(LUMORA_TRANSPORT_BUILD)

@@ -1,28 +1,32 @@
 #ifndef LUMORA_PORTS_MIDIPORTACCESSOR_H
 #define LUMORA_PORTS_MIDIPORTACCESSOR_H
 
+/// \file
+/// Who is who: every MIDI port is known by an identifier that survives from run to run, not by its
+/// position in the system's device list, which changes when devices come and go.
+///
+/// A port label is "number;name": the device's 1-based position in the system's list, in decimal,
+/// then ';', then the device name as the system gives it.
+///
+/// Every bool that selects a direction means false = input, true = output.
+
 #include "ports/Export.h"
 
 #include <QMap>
 #include <QString>
 #include <QUuid>
 
-// Who is who: every MIDI port is known by an identifier that survives from run to run, not by its
-// position in the system's device list, which changes when devices come and go.
-//
-// A port label is "number;name": the device's 1-based position in the system's list, in decimal,
-// then ';', then the device name as the system gives it.
-//
-// Every bool that selects a direction means false = input, true = output.
-
 /// Port labels by port identifier, in ascending order of the identifiers.
 class LUMORA_TRANSPORT_EXPORT TSystemMIDIMap : public QMap<QUuid, QString>
 {
 public:
+    /// @{
+    /// As QMap's: an empty map, or one that shares its entries with `other` until it is changed.
     TSystemMIDIMap();
     TSystemMIDIMap(const TSystemMIDIMap& other);
     ~TSystemMIDIMap();
     TSystemMIDIMap& operator=(const TSystemMIDIMap& other);
+    /// @}
 };
 
 /// The ports of the system as they were when the accessor was made. Made by MIDIPortAccessor(),
@@ -50,10 +54,12 @@ public:
     /// The number of ports of a direction.
     virtual int numberOfPlugs(bool output) const = 0;
 
-    /// The ports of a direction. The reference is valid until Release().
+    /// The ports of a direction. The map stays the accessor's, never changes, and is valid until
+    /// Release().
     virtual const TSystemMIDIMap& plugs(bool output) const = 0;
 
 protected:
+    /// Reached through Release().
     ~IMIDIPortAccessor() = default;
 };
 
@@ -65,8 +71,12 @@ public:
     /// Starts with no ports. `organization` and `application` name the settings store that holds
     /// the table of known ports, in its system-wide scope.
     UniIMIDIPortAccessor(const QString& organization, const QString& application);
+
+    /// @{
+    /// Copies the ports and the names of the store.
     UniIMIDIPortAccessor(const UniIMIDIPortAccessor& other);
     UniIMIDIPortAccessor& operator=(const UniIMIDIPortAccessor& other);
+    /// @}
 
     /// Gives every device that is present now the identifier that the stored table has for its
     /// label, or a fresh one. Writes nothing. Called once, by the factory.
@@ -98,9 +108,11 @@ private:
 class WinIMIDIPortAccessor : public UniIMIDIPortAccessor
 {
 public:
+    /// Starts with no ports; MIDIPortAccessor() makes a filled one.
     WinIMIDIPortAccessor(const QString& organization, const QString& application);
 
 protected:
+    /// Reached through Release().
     ~WinIMIDIPortAccessor() override;
 
     QString systemPortName(int index, bool output) override;
@@ -108,7 +120,8 @@ protected:
 };
 
 /// Makes the accessor of this system's ports, with the identifiers that earlier runs stored under
-/// `organization` and `application`. The caller owns it and ends it with Release().
+/// `organization` and `application`. The caller owns it and ends it with Release(). Any thread;
+/// never null, but throws std::bad_alloc if there is no memory.
 LUMORA_TRANSPORT_EXPORT IMIDIPortAccessor* MIDIPortAccessor(const QString& organization,
                                                             const QString& application);
 

@@ -1,11 +1,12 @@
 #ifndef LUMORA_QT_RECURSIVEMUTEX_H
 #define LUMORA_QT_RECURSIVEMUTEX_H
 
+/// \file
+/// A mutex that its owner may lock again, under one name for every Qt: Qt 6 made it a class of its
+/// own, before that it is a QMutex constructed so.
+
 #include <QMutex>
 #include <QMutexLocker>
-
-// A mutex that its owner may lock again, under one name for every Qt: Qt 6 made it a class of its
-// own, before that it is a QMutex constructed so.
 
 #if QT_VERSION >= 0x060000
 
@@ -17,14 +18,16 @@ typedef QMutexLocker<QMutex> MutexLocker;
 
 #else
 
+/// A mutex that the thread which holds it may lock again, and unlocks as often.
 class RecursiveMutex : public QMutex
 {
 public:
+    /// Unlocked.
     RecursiveMutex() : QMutex(QMutex::Recursive) {}
 };
 
-typedef QMutexLocker RecursiveMutexLocker;
-typedef QMutexLocker MutexLocker;
+typedef QMutexLocker RecursiveMutexLocker; ///< holds a RecursiveMutex for its own lifetime
+typedef QMutexLocker MutexLocker;          ///< holds a QMutex for its own lifetime
 
 #endif
 

@@ -1,22 +1,23 @@
 #ifndef LUMORA_TRANSPORT_MIDIPORTLIST_H
 #define LUMORA_TRANSPORT_MIDIPORTLIST_H
 
+/// \file
+/// The port list as plain memory, for code that shares nothing with this library but the layout:
+/// neither Qt nor a C++ runtime. Offsets are part of the contract.
+
 #include <cstddef>
 #include <windows.h>
-
-// The port list as plain memory, for code that shares nothing with this library but the layout:
-// neither Qt nor a C++ runtime. Offsets are part of the contract.
 
 /// One port: 32 bytes.
 struct TMIDIPortEntry
 {
-    /// 1-based; 0 if the stored label has no number.
+    /// 1-based; 0 if the stored label has no number or no name.
     long long portNumber;
 
     /// The port's identifier; all zero if it could not be read.
     GUID portId;
 
-    /// The device name, zero-terminated; in COM task memory of its own, and possibly null.
+    /// The device name, zero-terminated; in COM task memory of its own. Null without memory.
     WCHAR* portName;
 };
 
@@ -24,8 +25,8 @@ struct TMIDIPortEntry
 /// owns what comes back: it frees each entry's portName and then `entries` with CoTaskMemFree.
 struct TMIDIPortList
 {
-    unsigned int count;
-    TMIDIPortEntry* entries; ///< `count` entries; null if there are none
+    unsigned int count;      ///< the number of ports
+    TMIDIPortEntry* entries; ///< `count` entries; null if there are none, or without memory
 };
 
 static_assert(sizeof(TMIDIPortEntry) == 32, "the stride of the array");

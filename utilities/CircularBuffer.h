@@ -14,8 +14,11 @@ public:
     /// Allocates `capacity` bytes; throws std::bad_alloc if there is no memory.
     explicit CircularBuffer(int capacity);
 
+    /// @{
+    /// A lock cannot be copied.
     CircularBuffer(const CircularBuffer&) = delete;
     CircularBuffer& operator=(const CircularBuffer&) = delete;
+    /// @}
 
     /// Appends up to `length` bytes, as many as there is room for; returns how many.
     int write(const void* data, int length);
@@ -29,7 +32,7 @@ public:
     /// Bytes that can still be written.
     int space() const { return capacity - held; }
 
-    /// The lock of everyone who shares this buffer.
+    /// The lock of everyone who shares this buffer; the buffer's own, not recursive.
     QMutex* mutex() { return &lock; }
 
 private:

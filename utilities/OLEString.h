@@ -1,11 +1,14 @@
 #ifndef LUMORA_UTILITIES_OLESTRING_H
 #define LUMORA_UTILITIES_OLESTRING_H
 
+/// \file
+/// Text for code that knows COM's allocator but not Qt.
+
 #include <QString>
 #include <windows.h>
 
 /// A zero-terminated UTF-16 copy of `text` in COM task memory; its receiver frees it with
-/// CoTaskMemFree. A null QString gives an empty copy. Null if there is no memory.
+/// CoTaskMemFree. A null QString gives an empty copy. Null if there is no memory. Any thread.
 WCHAR* CreateOLEString(const QString& text);
 
 #endif

@@ -1,6 +1,9 @@
 #ifndef LUMORA_WINMIDI_WINMIDI_H
 #define LUMORA_WINMIDI_WINMIDI_H
 
+/// \file
+/// The factory of transports, and the Windows transport that it makes.
+
 #include "transport/MIDITransport.h"
 
 #include <windows.h>
@@ -14,8 +17,9 @@ struct TWinMIDIPrivate;
 class LUMORA_TRANSPORT_EXPORT TWinMIDI : public TMIDITransport
 {
 public:
-    /// Sets up all buffers for the life of the object. What the system refuses is lacking from
-    /// then on, and the operations that need it fail: nothing is reported here.
+    /// Sets up all buffers, about 3.6 MB, for the life of the object. What the system refuses is
+    /// lacking from then on: without input buffers no SysEx arrives, without output buffers
+    /// outputData() returns false. Nothing is reported here.
     explicit TWinMIDI(IMIDIPortAccessor* accessor);
 
     int numberOfInputs() const override;
@@ -29,6 +33,7 @@ public:
     bool outputData(int length, const void* data) override;
 
 protected:
+    /// Closes both ports. Reached through Release().
     ~TWinMIDI() override;
 
     /// Drains the input queue, on the pusher thread. 1 if it met a MIM_CLOSE record, otherwise 0
@@ -57,7 +62,7 @@ private:
 
 /// Makes a transport for the ports of `accessor`, with a reference count of 1; a new one on every
 /// call. The caller ends it with Release(), before the accessor. Without memory the reference is
-/// null, which valid() tells.
+/// null, which valid() tells. Takes no lock: one thread at a time.
 LUMORA_TRANSPORT_EXPORT TMIDITransport& MIDITransportInstance(IMIDIPortAccessor* accessor);
 
 #endif
