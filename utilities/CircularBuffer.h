@@ -2,6 +2,7 @@
 #define LUMORA_UTILITIES_CIRCULARBUFFER_H
 
 #include <QMutex>
+#include <cstring>
 #include <memory>
 
 /// A byte ring buffer. Its whole capacity is usable.
@@ -21,10 +22,26 @@ public:
     /// @}
 
     /// Appends up to `length` bytes, as many as there is room for; returns how many.
-    int write(const void* data, int length);
+    int write(const void* data, int length)
+    {
+        const int position = writePosition();
+        if (length <= 0 || length > space() || length > capacity - position)
+            return writeInParts(data, length, position);
+        std::memcpy(bytes.get() + position, data, static_cast<std::size_t>(length));
+        held += length;
+        return length;
+    }
 
     /// Takes out up to `length` of the oldest bytes, as many as are held; returns how many.
-    int read(void* data, int length);
+    int read(void* data, int length)
+    {
+        if (length <= 0 || length > held || length >= capacity - readPosition)
+            return readInParts(data, length);
+        std::memcpy(data, bytes.get() + readPosition, static_cast<std::size_t>(length));
+        readPosition += length;
+        held -= length;
+        return length;
+    }
 
     /// Bytes held, from 0 to the capacity.
     int avail() const { return held; }
@@ -36,6 +53,19 @@ public:
     QMutex* mutex() { return &lock; }
 
 private:
+    // Everything but the usual case, which is inline so that a record's fixed length makes the copy
+    // a matter of an instruction or two: in full or in part, and round the end of the memory.
+    int writeInParts(const void* data, int length, int position);
+    int readInParts(void* data, int length);
+
+    // Computed without a sum that could pass the capacity: readPosition + held may be up to twice
+    // it.
+    int writePosition() const
+    {
+        const int untilEnd = capacity - readPosition;
+        return held < untilEnd ? readPosition + held : held - untilEnd;
+    }
+
     QMutex lock;
     const int capacity;
     const std::unique_ptr<unsigned char[]> bytes;
