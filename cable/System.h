@@ -76,8 +76,9 @@ private:
 // False if the system gives no thread.
 bool startThread(std::function<void()> body);
 
-// Microseconds since an arbitrary moment, the same for all processes.
+// Time since an arbitrary moment, the same for all processes.
 LONGLONG microseconds();
+LONGLONG nanoseconds();
 
 } // namespace cable
 
