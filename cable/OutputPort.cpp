@@ -32,16 +32,11 @@ DWORD OutputPort::sendShort(DWORD word)
     logEvent("out", position(), "short %06X", static_cast<unsigned>(word & 0xFFFFFF));
 
     const Lock lock(mutex_);
-    // The quick way: nobody is before us, and the input is in this process.
-    if (!sending_ && queue_.empty() && description().pace == 0) {
-        local_ = openInputAt(description().to);
-        if (local_ || description().to == 0) {
-            if (!stream_.shortMessage(word))
-                noise(1);
-            local_.reset();
-            addTally();
-            return MMSYSERR_NOERROR;
-        }
+    if (takeWire()) {
+        if (!stream_.shortMessage(word))
+            noise(1);
+        leaveWire();
+        return MMSYSERR_NOERROR;
     }
     queue_.push_back({nullptr, word, {}, microseconds()});
     wakeThread();
@@ -57,6 +52,16 @@ DWORD OutputPort::sendLong(MIDIHDR* header, DWORD_PTR size)
     logEvent("out", position(), "long %lu", header->dwBufferLength);
     markQueued(header);
     const auto* bytes = reinterpret_cast<const BYTE*>(header->lpData);
+    if (takeWire()) {
+        const bool atOnce = !local_ || local_->takesAtOnce();
+        if (atOnce)
+            stream_.bytes(bytes, header->dwBufferLength);
+        leaveWire();
+        if (atOnce) {
+            postHeader(MOM_DONE, header, 0, 0);
+            return MMSYSERR_NOERROR;
+        }
+    }
     queue_.push_back({header, 0, {bytes, bytes + header->dwBufferLength}, microseconds()});
     wakeThread();
     return MMSYSERR_NOERROR;
@@ -139,6 +144,22 @@ void OutputPort::cancelSending()
     cancelled_ = true;
     remote_.cancel();
     cancelWake_.notifyAll();
+}
+
+// The quick way, as into any driver: the caller's thread sends. True if nobody is before it, and
+// the input is in this process.
+bool OutputPort::takeWire()
+{
+    if (sending_ || !queue_.empty() || description().pace != 0)
+        return false;
+    local_ = openInputAt(description().to);
+    return local_ || description().to == 0;
+}
+
+void OutputPort::leaveWire()
+{
+    local_.reset();
+    addTally();
 }
 
 void OutputPort::addTally()
