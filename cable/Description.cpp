@@ -153,6 +153,8 @@ private:
             port_.generators.push_back(generator(Generator::Kind::Dump, kShortestDump));
         else if (key_ == "repeat")
             port_.repeat = number(value_, 0);
+        else if (key_ == "log")
+            port_.logHeld = held();
         else
             return false;
         return true;
@@ -180,6 +182,13 @@ private:
     {
         if (value_ != "fail")
             refuse("the value \"fail\"");
+        return true;
+    }
+
+    bool held() const
+    {
+        if (value_ != "held")
+            refuse("the value \"held\"");
         return true;
     }
 

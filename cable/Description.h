@@ -43,6 +43,7 @@ struct PortDescription
     DWORD hold = 0;  // milliseconds that SysEx bytes wait for a buffer before they are dropped
     std::vector<Generator> generators;
     DWORD repeat = 1; // 0 = forever
+    bool logHeld = false;
 
     // Outputs
     DWORD to = 0;   // 1-based position of the input that it feeds, 0 = nowhere

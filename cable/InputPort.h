@@ -34,6 +34,7 @@ public:
     void shortMessage(DWORD word);
     // May wait, by `pause`, as long as the description's `hold` says.
     void sysEx(SourceId source, SysExPiece piece, const Pause& pause);
+    bool takesAtOnce() const { return description().hold == 0; }
     void sysExBroken(SourceId source);
 
 private:

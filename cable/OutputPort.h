@@ -41,6 +41,8 @@ private:
     void discardWork() override;
 
     void cancelSending();
+    bool takeWire();
+    void leaveWire();
     void addTally();
 
     // On the port's thread, without the lock.

@@ -2,8 +2,11 @@
 
 #include "EventLog.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdio>
+#include <string>
 
 #include <mmddk.h>
 
@@ -241,6 +244,7 @@ void Port::run()
     }
     if (!silent_) {
         lock.unlock();
+        logHeld();
         client_.call(input_ ? MIM_CLOSE : MOM_CLOSE, 0, 0);
         lock.lock();
     }
@@ -254,10 +258,20 @@ void Port::callBack(Lock& lock)
     events_.pop_front();
     giveBack(event);
     lock.unlock();
-    client_.call(event.message, event.parameter1, event.parameter2);
+    if (description_.logHeld && event.message == MIM_DATA)
+        callTimed(event);
+    else
+        client_.call(event.message, event.parameter1, event.parameter2);
     lock.lock();
     ++finished_;
     idle_.notifyAll();
+}
+
+void Port::callTimed(const Event& event)
+{
+    const LONGLONG start = nanoseconds();
+    client_.call(event.message, event.parameter1, event.parameter2);
+    held_.push_back(nanoseconds() - start);
 }
 
 // For a driver that waits for nothing: what its thread, perhaps deep in a callback, has not come to
@@ -290,6 +304,22 @@ void Port::giveBack(Event& event)
         event.header->dwBytesRecorded = event.bytes;
     markDone(event.header);
     counters_.deliveredBytes += event.bytes;
+}
+
+// In microseconds, several to a line.
+void Port::logHeld()
+{
+    constexpr size_t perLine = 10;
+    for (size_t i = 0; i < held_.size(); i += perLine) {
+        std::string line = "held";
+        for (size_t k = i; k < std::min(i + perLine, held_.size()); ++k) {
+            char text[24];
+            __mingw_snprintf(text, sizeof text, " %.1f", static_cast<double>(held_[k]) / 1000);
+            line += text;
+        }
+        logEvent(directionName(), position_, "%s", line.c_str());
+    }
+    held_.clear();
 }
 
 void Port::logClose()

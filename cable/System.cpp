@@ -13,6 +13,20 @@ DWORD WINAPI runBody(void* parameter)
     return 0;
 }
 
+LONGLONG timeIn(LONGLONG unitsPerSecond)
+{
+    static const LONGLONG frequency = [] {
+        LARGE_INTEGER value;
+        QueryPerformanceFrequency(&value);
+        return value.QuadPart;
+    }();
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
+    // Split so that the product cannot overflow however long the machine has been up.
+    return now.QuadPart / frequency * unitsPerSecond +
+           now.QuadPart % frequency * unitsPerSecond / frequency;
+}
+
 } // namespace
 
 Handle startThread(std::function<void()> body)
@@ -26,15 +40,12 @@ Handle startThread(std::function<void()> body)
 
 LONGLONG microseconds()
 {
-    static const LONGLONG frequency = [] {
-        LARGE_INTEGER value;
-        QueryPerformanceFrequency(&value);
-        return value.QuadPart;
-    }();
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
-    // Split so that the product cannot overflow however long the machine has been up.
-    return now.QuadPart / frequency * 1000000 + now.QuadPart % frequency * 1000000 / frequency;
+    return timeIn(1000000);
+}
+
+LONGLONG nanoseconds()
+{
+    return timeIn(1000000000);
 }
 
 } // namespace cable

@@ -83,8 +83,9 @@ inline void join(const Handle& thread)
     WaitForSingleObject(thread.get(), INFINITE);
 }
 
-// Microseconds since an arbitrary moment, the same for all processes.
+// Time since an arbitrary moment, the same for all processes.
 LONGLONG microseconds();
+LONGLONG nanoseconds();
 
 } // namespace cable
 
