@@ -142,9 +142,7 @@ struct Listener::State
 
     const std::wstring name;
     const Handle stopped{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    const Handle ended{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     std::vector<std::unique_ptr<Connection>> connections;
-    bool running = false;
 };
 
 bool Listener::State::offer()
@@ -192,18 +190,15 @@ void Listener::start(std::shared_ptr<InputPort> input)
     // The first instance exists before the input's opening returns, so that a sender finds it from
     // then on.
     state_->offer();
-    state_->running = startThread([state = state_, input = std::move(input)] {
-        state->run(*input);
-        SetEvent(state->ended.get());
-    });
+    thread_ = startThread([state = state_, input = std::move(input)] { state->run(*input); });
 }
 
 void Listener::stop()
 {
-    if (!state_->running)
+    if (!thread_)
         return;
     SetEvent(state_->stopped.get());
-    WaitForSingleObject(state_->ended.get(), INFINITE);
+    join(thread_);
 }
 
 } // namespace cable

@@ -25,9 +25,10 @@ public:
     void stop();
 
 private:
-    // Shared with the thread, which may outlive the listener by its last few instructions.
+    // Shared with the thread, which outlives the listener if that is never stopped.
     struct State;
     std::shared_ptr<State> state_;
+    Handle thread_;
 };
 
 } // namespace cable

@@ -103,7 +103,8 @@ bool Port::begin()
         const Lock lock(mutex_);
         post(input_ ? MIM_OPEN : MOM_OPEN, 0, 0);
     }
-    if (!startThread([self = shared_from_this()] { self->run(); }))
+    thread_ = startThread([self = shared_from_this()] { self->run(); });
+    if (!thread_)
         return false;
     opened();
     logEvent(directionName(), position_, "open");
@@ -131,6 +132,8 @@ DWORD Port::close()
     while (waits && !ended_ && !onOwnThread())
         idle_.wait(lock);
     lock.unlock();
+    if (waits && !onOwnThread())
+        join(thread_);
 
     released();
     logClose();

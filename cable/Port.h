@@ -130,6 +130,7 @@ private:
     std::deque<Event> events_;
     ULONGLONG posted_ = 0;   // events ever posted
     ULONGLONG finished_ = 0; // events whose callback has returned, or that were forgotten
+    Handle thread_;
     DWORD threadId_ = 0;
     bool closing_ = false; // the thread ends when nothing is left to do
     bool silent_ = false;  // the thread ends without the closing callback

@@ -15,14 +15,13 @@ DWORD WINAPI runBody(void* parameter)
 
 } // namespace
 
-bool startThread(std::function<void()> body)
+Handle startThread(std::function<void()> body)
 {
     auto owned = std::make_unique<std::function<void()>>(std::move(body));
-    const Handle thread(CreateThread(nullptr, 0, runBody, owned.get(), 0, nullptr));
-    if (!thread)
-        return false;
-    owned.release(); // runBody owns it now
-    return true;
+    Handle thread(CreateThread(nullptr, 0, runBody, owned.get(), 0, nullptr));
+    if (thread)
+        owned.release(); // runBody owns it now
+    return thread;
 }
 
 LONGLONG microseconds()

@@ -72,9 +72,16 @@ private:
     HANDLE handle_ = nullptr;
 };
 
-// Runs `body` on a thread of its own, which nobody joins: what it uses, the body owns a share of.
-// False if the system gives no thread.
-bool startThread(std::function<void()> body);
+// Runs `body` on a thread of its own, which not everybody can wait for: what it uses, the body owns
+// a share of. Returns the thread, null if the system gives none.
+Handle startThread(std::function<void()> body);
+
+// Waits until the thread is gone, not just done with its work: Wine may crash a process that ends
+// while a thread of it is on its way out.
+inline void join(const Handle& thread)
+{
+    WaitForSingleObject(thread.get(), INFINITE);
+}
 
 // Microseconds since an arbitrary moment, the same for all processes.
 LONGLONG microseconds();

@@ -20,14 +20,17 @@ set(data_dir share/lumora_transport)
 # What a host links besides: Qt for the types in the headers, ole32 to free a port list.
 set_target_properties(lumora_transport PROPERTIES EXPORT_NAME transport)
 target_compile_features(lumora_transport INTERFACE cxx_std_17)
-target_link_libraries(lumora_transport INTERFACE $<INSTALL_INTERFACE:Qt5::Core> $<INSTALL_INTERFACE:ole32>)
+target_link_libraries(lumora_transport INTERFACE
+    "$<INSTALL_INTERFACE:${lumora_qt_libraries}>" $<INSTALL_INTERFACE:ole32>)
 
 install(TARGETS lumora_transport EXPORT targets
     RUNTIME DESTINATION bin
     ARCHIVE DESTINATION lib
     FILE_SET HEADERS DESTINATION include/lumora_transport
     INCLUDES DESTINATION include/lumora_transport) # for a host's CMake before 3.23
-install(TARGETS lumora-midi RUNTIME DESTINATION bin)
+if(TARGET lumora-midi)
+  install(TARGETS lumora-midi RUNTIME DESTINATION bin)
+endif()
 if(MSVC)
   install(FILES $<TARGET_PDB_FILE:lumora_transport> DESTINATION bin OPTIONAL)
 else()
@@ -43,10 +46,17 @@ configure_package_config_file(cmake/lumora_transport-config.cmake.in
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
     COMPATIBILITY SameMinorVersion)
 install(FILES
+    cmake/LumoraQt.cmake
     ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake
     ${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
     DESTINATION ${package_dir})
 
+# LumoraQt.cmake names the version, and the libraries as Qt's own files for pkg-config do, too.
+list(GET lumora_qt_package 1 lumora_qt_version)
+list(TRANSFORM lumora_qt_libraries REPLACE "^Qt4::" "" OUTPUT_VARIABLE qt_modules)
+list(TRANSFORM qt_modules REPLACE "::" "")
+list(TRANSFORM qt_modules APPEND " >= ${lumora_qt_version}")
+list(JOIN qt_modules ", " qt_modules)
 configure_file(cmake/lumora_transport.pc.in ${PROJECT_BINARY_DIR}/lumora_transport.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/lumora_transport.pc DESTINATION lib/pkgconfig)
 
@@ -55,7 +65,8 @@ install(DIRECTORY examples/host DESTINATION ${data_dir}/examples)
 # --- What others wrote --------------------------------------------------------------------------
 
 if(LUMORA_INSTALL_RUNTIME)
-  install(FILES $<TARGET_FILE:Qt5::Core> DESTINATION bin)
+  list(GET lumora_qt_libraries 0 qt_core)
+  install(FILES $<TARGET_FILE:${qt_core}> DESTINATION bin)
   foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
     execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${dll}
         OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE)
@@ -66,6 +77,7 @@ if(LUMORA_INSTALL_RUNTIME)
         COMMAND_ERROR_IS_FATAL ANY)")
   endforeach()
 
+  set(qt_version ${Qt${LUMORA_QT}_VERSION})
   string(REGEX MATCH "^[0-9]+" gcc_version ${CMAKE_CXX_COMPILER_VERSION})
   configure_file(cmake/licenses.md.in ${PROJECT_BINARY_DIR}/licenses.md @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/licenses.md DESTINATION ${data_dir}/licenses RENAME README.md)
@@ -85,7 +97,7 @@ if(MSVC)
 endif()
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_FILE_NAME
-    lumora_transport-${PROJECT_VERSION}-windows-x64-${abi}-qt${Qt5_VERSION_MAJOR})
+    lumora_transport-${PROJECT_VERSION}-windows-x64-${abi}-qt${LUMORA_QT})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
 set(CPACK_VERBATIM_VARIABLES ON)
 include(CPack)

@@ -203,7 +203,7 @@ static void addNote(QJsonObject* json, const char* type, int note, const char* v
     json->insert(QLatin1String(valueName), value);
 }
 
-static void addValue(QJsonObject* json, const char* type, const char* valueName, int value)
+static void addValue(QJsonObject* json, const char* type, const char* valueName, qint64 value)
 {
     json->insert(QStringLiteral("type"), QLatin1String(type));
     json->insert(QLatin1String(valueName), value);

@@ -12,6 +12,12 @@ static unsigned char byteAt(const QByteArray& bytes, int index)
     return static_cast<unsigned char>(bytes.at(index));
 }
 
+// Qt 6 counts in 64 bits; an int holds what any Qt 5 array does.
+static int lengthOf(const QByteArray& bytes)
+{
+    return static_cast<int>(bytes.size());
+}
+
 static bool isStatus(unsigned char byte)
 {
     return byte >= 0x80;
@@ -51,7 +57,7 @@ QByteArray parseHex(const QStringList& texts)
             first = i;
             continue;
         }
-        bytes.append(static_cast<char>(text.midRef(first, 2).toInt(nullptr, 16)));
+        bytes.append(static_cast<char>(text.mid(first, 2).toInt(nullptr, 16)));
         first = -1;
     }
     return bytes;
@@ -124,7 +130,7 @@ static QByteArray takeShort(const QByteArray& bytes, int start)
 QVector<QByteArray> splitMessages(const QByteArray& bytes)
 {
     QVector<QByteArray> messages;
-    for (int i = 0; i < bytes.size(); i += messages.last().size())
+    for (int i = 0; i < bytes.size(); i += lengthOf(messages.last()))
         messages.append(byteAt(bytes, i) == kSysExStart ? takeSysEx(bytes, i)
                                                         : takeShort(bytes, i));
     return messages;
@@ -133,7 +139,7 @@ QVector<QByteArray> splitMessages(const QByteArray& bytes)
 QVector<QByteArray> splitSysEx(const QByteArray& bytes)
 {
     QVector<QByteArray> messages;
-    for (int i = 0; i < bytes.size(); i += messages.last().size()) {
+    for (int i = 0; i < bytes.size(); i += lengthOf(messages.last())) {
         if (byteAt(bytes, i) != kSysExStart)
             refuse(QStringLiteral("%1 lies outside of F0 … F7,").arg(hex(byteAt(bytes, i))), i);
         messages.append(takeSysEx(bytes, i));
@@ -143,7 +149,7 @@ QVector<QByteArray> splitSysEx(const QByteArray& bytes)
 
 bool isWholeSysEx(const QByteArray& message)
 {
-    const int last = message.size() - 1;
+    const int last = lengthOf(message) - 1;
     if (last < 1 || byteAt(message, 0) != kSysExStart || byteAt(message, last) != kSysExEnd)
         return false;
     for (int i = 1; i < last; ++i) {
@@ -160,7 +166,7 @@ QByteArray withoutRealTime(const QByteArray& sysEx)
     kept.reserve(sysEx.size());
     for (int i = 0; i < sysEx.size(); ++i) {
         if (byteAt(sysEx, i) >= kFirstRealTime && sysEx.mid(i + 1, padding.size()) == padding)
-            i += padding.size();
+            i += lengthOf(padding);
         else
             kept.append(sysEx.at(i));
     }

@@ -49,7 +49,7 @@ Table anyTable(FuzzInput& fuzz)
         else
             table.names += fuzz.text();
     }
-    const int ids = fuzz.flag() ? static_cast<int>(fuzz.below(6)) : table.names.size();
+    const int ids = static_cast<int>(fuzz.flag() ? fuzz.below(6) : table.names.size());
     for (int k = 0; k < ids; ++k) {
         switch (fuzz.below(4)) {
         case 0:

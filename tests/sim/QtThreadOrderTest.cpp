@@ -2,7 +2,8 @@
 // variables; in other builds the tests only show that Qt works through QtThreadOrder.cpp as
 // without.
 
-#include <QMutex>
+#include "qt/RecursiveMutex.h"
+
 #include <QThread>
 #include <atomic>
 #include <climits>
@@ -20,12 +21,12 @@ struct Worker : QThread
 
 TEST(QtThreadOrder, AMutexOrdersItsOwners)
 {
-    QMutex mutex(QMutex::Recursive);
+    RecursiveMutex mutex;
     int plain = 0;
     const auto count = [&] {
         for (int i = 0; i < 20000; ++i) {
-            const QMutexLocker outer(&mutex);
-            const QMutexLocker inner(&mutex);
+            const RecursiveMutexLocker outer(&mutex);
+            const RecursiveMutexLocker inner(&mutex);
             ++plain;
         }
     };

@@ -1,0 +1,15 @@
+# The Qt that the library is built with, and that its host links: LUMORA_QT is the major version.
+# Sets lumora_qt_package, what find_package() needs, and lumora_qt_libraries. Also installed, for
+# the hosts that link the library.
+if(LUMORA_QT EQUAL 4)
+  set(lumora_qt_package Qt4 4.8 COMPONENTS QtCore Qt3Support)
+  set(lumora_qt_libraries Qt4::QtCore Qt4::Qt3Support)
+elseif(LUMORA_QT EQUAL 5)
+  set(lumora_qt_package Qt5 5.15 COMPONENTS Core)
+  set(lumora_qt_libraries Qt5::Core)
+elseif(LUMORA_QT EQUAL 6)
+  set(lumora_qt_package Qt6 6.2 COMPONENTS Core)
+  set(lumora_qt_libraries Qt6::Core)
+else()
+  message(FATAL_ERROR "LUMORA_QT is the major version of Qt, 4, 5 or 6, not '${LUMORA_QT}'.")
+endif()
