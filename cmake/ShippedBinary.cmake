@@ -33,5 +33,7 @@ function(lumora_ship target description type)
         COMMAND ${CMAKE_OBJCOPY} -p --only-keep-debug ${file} ${file}.debug
         COMMAND ${CMAKE_OBJCOPY} -p --strip-all --add-gnu-debuglink=${file}.debug ${file}
         VERBATIM)
+  elseif(MSVC)
+    target_link_options(${target} PRIVATE /PDBALTPATH:%_PDB%)
   endif()
 endfunction()
