@@ -1,6 +1,7 @@
 #include "tests/unit/TestSupport.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 
 namespace {
@@ -313,6 +314,60 @@ TEST_F(DeviceOpenCloseTest, ARefusedOutputOpenGivesNull)
     EXPECT_EQ(transport->openOutput(1), nullptr);
     EXPECT_EQ(device().hMidiOut, nullptr);
     EXPECT_EQ(transport->closeOutput(), -1);
+}
+
+TEST_F(DeviceOpenCloseTest, ADeviceThatReturnsNoBufferAtAResetIsWaitedForASecond)
+{
+    sim::useVirtualTime();
+    openForDraining();
+    sim::failCall("midiInReset");
+    const DWORD start = timeGetTime();
+    DWORD waited = 0;
+    sim::onCall("midiInUnprepareHeader", [&](const sim::Call&) {
+        if (waited == 0)
+            waited = timeGetTime() - start;
+        while (sim::returnBuffer(input, 0)) { // later than anybody would wait
+        }
+    });
+    EXPECT_EQ(transport->closeInput(), 0);
+    EXPECT_EQ(waited, 1000u);
+    expectClosed();
+    EXPECT_EQ(device().recordQueue.avail(), 0);
+}
+
+TEST_F(DeviceOpenCloseTest, AnOutputThatPlaysForEverIsGivenUpAfterTenAttempts)
+{
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    const HMIDIOUT handle = device().hMidiOut;
+    sim::failCall("midiOutClose", 1, MIDIERR_STILLPLAYING, sim::kAllFromThere);
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_EQ(sim::callCount("midiOutReset"), 10u);
+    EXPECT_EQ(sim::callCount("midiOutClose"), 10u);
+    EXPECT_FALSE(device().closingOutput);
+    EXPECT_EQ(transport->closeOutput(), -1);
+    sim::clearFailures();
+    EXPECT_EQ(midiOutClose(handle), DWORD(MMSYSERR_NOERROR));
+}
+
+TEST_F(DeviceOpenCloseTest, AnObserverThatClosesTheOutputWaitsForAnOpenInProgress)
+{
+    ASSERT_NE(transport->openInput(1), nullptr);
+    std::atomic<bool> waits{false};
+    std::atomic<int> closed{-2};
+    const std::uint64_t here = sim::currentThread();
+    sim::onSleep([&](DWORD) { waits = waits || sim::currentThread() != here; });
+    recorder.onRead = [&] { closed = transport->closeOutput(); };
+    sim::onCall("midiOutOpen", [&](const sim::Call&) {
+        sim::shortMessage(input, 0x643C90);
+        for (int i = 0; i < 10000 && !waits; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    EXPECT_NE(transport->openOutput(1), nullptr);
+    for (int i = 0; i < 10000 && closed == -2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(waits);
+    EXPECT_EQ(closed, 0);
+    EXPECT_EQ(sim::inUse().outputPorts, 0);
 }
 
 TEST_F(DeviceOpenCloseTest, TheLastReleaseClosesBothPortsAndFreesEverythingInOrder)

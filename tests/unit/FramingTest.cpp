@@ -1,3 +1,4 @@
+#include "tests/unit/OutOfMemory.h"
 #include "tests/unit/TestSupport.h"
 
 namespace {
@@ -221,6 +222,21 @@ TEST_F(FramingTest, AMegabyteInPiecesArrivesWhole)
         feed(Bytes(message.begin() + long(at),
                    message.begin() + long(std::min(message.size(), at + 4096))));
     EXPECT_EQ(delivered(), Messages({message}));
+}
+
+TEST_F(FramingTest, ASysExThatFindsNoMemoryIsLostAndTheNextOneIsWhole)
+{
+    const Bytes start = {0xF0, 0x01};
+    {
+        const OutOfMemory outOfMemory;
+        EXPECT_EQ(Access::frame(*transport, 2, start.data()), 2);
+    }
+    EXPECT_FALSE(assembling());
+    feed({0x02, 0xF7}); // the rest of a message with a hole
+    EXPECT_EQ(recorder.count(), 0u);
+    feed({0xF0, 0x03});
+    feed({0xF7});
+    EXPECT_EQ(delivered(), Messages({{0xF0, 0x03, 0xF7}}));
 }
 
 TEST_F(FramingTest, AnUnfinishedSysExIsFreedWithTheTransport)
