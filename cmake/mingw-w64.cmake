@@ -13,9 +13,9 @@ foreach(tool AR RANLIB STRIP NM OBJDUMP OBJCOPY DLLTOOL ADDR2LINE READELF)
     find_program(CMAKE_${tool} ${program})
 endforeach()
 
-# Libraries come from MinGW-w64 and from the Qt that ./dev builds, never from this machine.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES LUMORA_QT_DIR)
-set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32 ${LUMORA_QT_DIR})
+# Libraries come from MinGW-w64 and from where the user says (./dev names the Qt it builds), never
+# from this machine.
+set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32 ${CMAKE_PREFIX_PATH})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

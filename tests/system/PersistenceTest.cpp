@@ -62,6 +62,8 @@ TEST_F(PersistenceTest, ASecondRunFindsTheIdentifiersOfTheFirst)
 
 TEST_F(PersistenceTest, TheTableLiesInTheRegistryAsMultiStrings)
 {
+    SCOPED_TRACE("With another key or type every port gets a new identifier, and the set-ups that "
+                 "users have stored no longer find their ports.");
     const std::vector<Port> ports = run(kTwoInputs);
     const std::vector<std::string> names = registryList(kInputKey, L"portNames");
     const std::vector<std::string> ids = registryList(kInputKey, L"portIds");
@@ -107,6 +109,7 @@ TEST_F(PersistenceTest, EveryKindOfNameKeepsItsIdentifier)
 
 TEST_F(PersistenceTest, ATableWrittenByHandIsRead)
 {
+    SCOPED_TRACE("The table of an earlier version is no longer understood.");
     HKEY key = nullptr;
     ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kInputKey, 0, nullptr, 0, KEY_WRITE, nullptr,
                               &key, nullptr),

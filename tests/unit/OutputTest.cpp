@@ -92,6 +92,7 @@ TEST_F(OutputTest, OneByteMoreIsASecondChunkAfterAWaitAndAPause)
 
 TEST_F(OutputTest, TenThousandBytesGoOutInThreeChunksWithTwoPauses)
 {
+    SCOPED_TRACE("An instrument that is fed faster, or in larger pieces, loses parts of dumps.");
     EXPECT_TRUE(send(bytes(10000)));
     const std::vector<sim::Sent> sent = sim::sent(output);
     ASSERT_EQ(chunkSizes(), (Sizes{4096, 4096, 1808}));

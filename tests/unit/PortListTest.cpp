@@ -67,6 +67,9 @@ protected:
 
 TEST_F(PortListTest, TheRecordsAreLaidOutAsOtherBinariesReadThem)
 {
+    SCOPED_TRACE(
+        "An editor that was compiled earlier reads numbers, identifiers and names from the "
+        "wrong places, and frees what is no block.");
     EXPECT_EQ(sizeof(TMIDIPortEntry), 32u);
     EXPECT_EQ(offsetof(TMIDIPortEntry, portNumber), 0u);
     EXPECT_EQ(offsetof(TMIDIPortEntry, portId), 8u);

@@ -1,0 +1,103 @@
+# What a host's developers get: `cmake --install`, and CPack's zip of the same tree.
+#
+#   bin/                        the DLL and lumora-midi, with the DLLs that these two need
+#   lib/                        the import library, and what find_package and pkg-config read
+#   include/lumora_transport/   the headers, included as in this tree
+#   share/lumora_transport/     an example host, and the licences of what others wrote
+#
+# The tree may be moved: nothing in it holds a path outside of itself.
+
+include(CMakePackageConfigHelpers)
+
+option(LUMORA_INSTALL_RUNTIME
+    "Install the DLLs of Qt and of the compiler, too, with their licences" ${CMAKE_CROSSCOMPILING})
+
+set(package_dir lib/cmake/lumora_transport)
+set(data_dir share/lumora_transport)
+
+# --- The library and its tool -------------------------------------------------------------------
+
+# What a host links besides: Qt for the types in the headers, ole32 to free a port list.
+set_target_properties(lumora_transport PROPERTIES EXPORT_NAME transport)
+target_compile_features(lumora_transport INTERFACE cxx_std_17)
+target_link_libraries(lumora_transport INTERFACE
+    "$<INSTALL_INTERFACE:${lumora_qt_libraries}>" $<INSTALL_INTERFACE:ole32>)
+
+install(TARGETS lumora_transport EXPORT targets
+    RUNTIME DESTINATION bin
+    ARCHIVE DESTINATION lib
+    FILE_SET HEADERS DESTINATION include/lumora_transport
+    INCLUDES DESTINATION include/lumora_transport) # for a host's CMake before 3.23
+if(TARGET lumora-midi)
+  install(TARGETS lumora-midi RUNTIME DESTINATION bin)
+endif()
+if(MSVC)
+  install(FILES $<TARGET_PDB_FILE:lumora_transport> DESTINATION bin OPTIONAL)
+else()
+  install(FILES $<TARGET_FILE:lumora_transport>.debug DESTINATION bin)
+endif()
+
+# --- How hosts find it --------------------------------------------------------------------------
+
+install(EXPORT targets NAMESPACE lumora:: FILE lumora_transport-targets.cmake DESTINATION ${package_dir})
+configure_package_config_file(cmake/lumora_transport-config.cmake.in
+    ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake INSTALL_DESTINATION ${package_dir})
+# Until version 1.0.0 the interface may change with every minor version.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES
+    cmake/LumoraQt.cmake
+    ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake
+    ${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
+    DESTINATION ${package_dir})
+
+# LumoraQt.cmake names the version, and the libraries as Qt's own files for pkg-config do, too.
+list(GET lumora_qt_package 1 lumora_qt_version)
+list(TRANSFORM lumora_qt_libraries REPLACE "^Qt4::" "" OUTPUT_VARIABLE qt_modules)
+list(TRANSFORM qt_modules REPLACE "::" "")
+list(TRANSFORM qt_modules APPEND " >= ${lumora_qt_version}")
+list(JOIN qt_modules ", " qt_modules)
+configure_file(cmake/lumora_transport.pc.in ${PROJECT_BINARY_DIR}/lumora_transport.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/lumora_transport.pc DESTINATION lib/pkgconfig)
+
+install(DIRECTORY examples/host DESTINATION ${data_dir}/examples)
+
+# --- What others wrote --------------------------------------------------------------------------
+
+if(LUMORA_INSTALL_RUNTIME)
+  list(GET lumora_qt_libraries 0 qt_core)
+  install(FILES $<TARGET_FILE:${qt_core}> DESTINATION bin)
+  foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${dll}
+        OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE)
+    install(FILES ${file} DESTINATION bin)
+    # The distribution's come with debug data, ten times the size of the rest.
+    install(CODE "execute_process(
+        COMMAND \"${CMAKE_STRIP}\" -p \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/bin/${dll}\"
+        COMMAND_ERROR_IS_FATAL ANY)")
+  endforeach()
+
+  set(qt_version ${Qt${LUMORA_QT}_VERSION})
+  string(REGEX MATCH "^[0-9]+" gcc_version ${CMAKE_CXX_COMPILER_VERSION})
+  configure_file(cmake/licenses.md.in ${PROJECT_BINARY_DIR}/licenses.md @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/licenses.md DESTINATION ${data_dir}/licenses RENAME README.md)
+  # Qt's beside its sources' terms the recipe that it was built by.
+  install(DIRECTORY ${LUMORA_QT_DIR}/licenses/ DESTINATION ${data_dir}/licenses/qtcore)
+  install(FILES cmake/qt-windows DESTINATION ${data_dir}/licenses/qtcore)
+  install(FILES /usr/share/doc/gcc-mingw-w64-x86-64-posix-runtime/copyright /usr/share/common-licenses/GPL-3
+      DESTINATION ${data_dir}/licenses/gcc-runtime)
+  install(FILES /usr/share/doc/mingw-w64-x86-64-dev/copyright DESTINATION ${data_dir}/licenses/mingw-w64)
+endif()
+
+# --- The zip ------------------------------------------------------------------------------------
+
+set(abi mingw)
+if(MSVC)
+  set(abi msvc)
+endif()
+set(CPACK_GENERATOR ZIP)
+set(CPACK_PACKAGE_FILE_NAME
+    lumora_transport-${PROJECT_VERSION}-windows-x64-${abi}-qt${LUMORA_QT})
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
+set(CPACK_VERBATIM_VARIABLES ON)
+include(CPack)

@@ -1,0 +1,39 @@
+# lumora_ship(TARGET DESCRIPTION TYPE): what makes a target (TYPE is APP or DLL) fit to leave the
+# house: it carries its version, neither the time nor a folder of this machine is in it, and its
+# debug data lies in a file of its own. What is tested is what is shipped, byte for byte.
+
+if(WIN32)
+  enable_language(RC)
+endif()
+
+if(MINGW)
+  add_compile_options(
+      -fdebug-prefix-map=${PROJECT_SOURCE_DIR}=lumora_transport
+      -fdebug-prefix-map=${PROJECT_BINARY_DIR}=build
+      $<$<BOOL:${LUMORA_QT_DIR}>:-fdebug-prefix-map=${LUMORA_QT_DIR}=qt>)
+endif()
+
+function(lumora_ship target description type)
+  if(NOT WIN32)
+    return()
+  endif()
+  set(VERSION_DESCRIPTION ${description})
+  set(VERSION_TYPE ${type})
+  set(VERSION_FILE "$<TARGET_FILE_NAME:${target}>")
+  set(resource ${CMAKE_CURRENT_BINARY_DIR}/${target}-version.rc)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${resource}.in @ONLY)
+  file(GENERATE OUTPUT ${resource} INPUT ${resource}.in)
+  target_sources(${target} PRIVATE ${resource})
+  if(MINGW)
+    target_link_options(${target} PRIVATE -Wl,--no-insert-timestamp)
+    # gdb finds the debug data by the name that the stripped file holds. With -p, objcopy leaves the
+    # time stamp alone.
+    set(file $<TARGET_FILE:${target}>)
+    add_custom_command(TARGET ${target} POST_BUILD
+        COMMAND ${CMAKE_OBJCOPY} -p --only-keep-debug ${file} ${file}.debug
+        COMMAND ${CMAKE_OBJCOPY} -p --strip-all --add-gnu-debuglink=${file}.debug ${file}
+        VERBATIM)
+  elseif(MSVC)
+    target_link_options(${target} PRIVATE /PDBALTPATH:%_PDB%)
+  endif()
+endfunction()
