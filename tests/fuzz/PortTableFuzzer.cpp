@@ -49,8 +49,10 @@ Table anyTable(FuzzInput& fuzz)
         else
             table.names += fuzz.text();
     }
-    const int ids = static_cast<int>(fuzz.flag() ? fuzz.below(6) : table.names.size());
-    for (int k = 0; k < ids; ++k) {
+    auto ids = static_cast<unsigned>(table.names.size());
+    if (fuzz.flag())
+        ids = fuzz.below(6);
+    for (; ids > 0; --ids) {
         switch (fuzz.below(4)) {
         case 0:
             table.ids += fuzz.text();
