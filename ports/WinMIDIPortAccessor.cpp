@@ -22,11 +22,11 @@ QString WinIMIDIPortAccessor::systemPortName(int index, bool output)
 {
     const UINT_PTR device = static_cast<UINT_PTR>(index);
     if (output) {
-        MIDIOUTCAPSW caps;
+        MIDIOUTCAPSW caps = {}; // some drivers fill nothing and report success
         if (midiOutGetDevCapsW(device, &caps, sizeof caps) == MMSYSERR_NOERROR)
             return deviceName(caps.szPname);
     } else {
-        MIDIINCAPSW caps;
+        MIDIINCAPSW caps = {};
         if (midiInGetDevCapsW(device, &caps, sizeof caps) == MMSYSERR_NOERROR)
             return deviceName(caps.szPname);
     }

@@ -6,6 +6,7 @@
 #include "transport/MIDITransport.h"
 #include "utilities/OLEString.h"
 
+#include <new>
 #include <objbase.h>
 
 // Between label and identifier in the text that a port is sorted by. Longer than the label's own
@@ -31,6 +32,7 @@ static QStringList sortedPortTexts(const TSystemMIDIMap& map)
     return texts;
 }
 
+// Whenever it is left, also by an exception, the name is one that can be freed.
 static void fillEntry(TMIDIPortEntry* entry, const QString& text)
 {
     entry->portId = toGUID(QUuid());
@@ -55,17 +57,22 @@ void TMIDITransport::MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* l
     if (ports->entries || !accessor)
         return;
     ports->count = static_cast<unsigned int>(accessor->numberOfPlugs(output));
-    if (ports->count == 0)
-        return;
-    ports->entries = static_cast<TMIDIPortEntry*>(
-        CoTaskMemAlloc(std::size_t(ports->count) * sizeof(TMIDIPortEntry)));
-    if (!ports->entries)
-        return;
-    const QStringList texts = sortedPortTexts(accessor->plugs(output));
-    unsigned int index = 0;
-    for (QStringList::const_iterator text = texts.begin(); text != texts.end(); ++text) {
-        if (index < ports->count)
-            fillEntry(&ports->entries[index++], *text);
+    if (ports->count > 0)
+        ports->entries = static_cast<TMIDIPortEntry*>(
+            CoTaskMemAlloc(std::size_t(ports->count) * sizeof(TMIDIPortEntry)));
+    unsigned int filled = 0;
+    try {
+        const QStringList texts = sortedPortTexts(accessor->plugs(output));
+        for (QStringList::const_iterator text = texts.begin(); text != texts.end(); ++text) {
+            if (ports->entries && filled < ports->count)
+                fillEntry(&ports->entries[filled++], *text);
+        }
+    } catch (const std::bad_alloc&) {
+        // As if there had been no memory for the array; its readers may have no exceptions.
+        while (filled > 0)
+            CoTaskMemFree(ports->entries[--filled].portName);
+        CoTaskMemFree(ports->entries);
+        ports->entries = nullptr;
     }
 }
 

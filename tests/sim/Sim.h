@@ -117,7 +117,8 @@ void onSleep(std::function<void(DWORD milliseconds)> hook);
 // ---- Memory -------------------------------------------------------------------------------------
 // A heap block ends where an inaccessible page begins (or up to 15 bytes before it), so that an
 // overrun stops the program; the bytes around it are poisoned for AddressSanitizer. Blocks not
-// asked to be zeroed are filled with 0xA5. Freed blocks stay inaccessible for a while.
+// asked to be zeroed are filled with kMemoryFill. Freed blocks stay inaccessible for a while.
+constexpr unsigned char kMemoryFill = 0xA5;
 
 // The heap gives addresses below 4 GB (the default, false) or above them.
 void setHeapHigh(bool high);
@@ -150,10 +151,12 @@ struct DeviceOptions
     unsigned maximumClients = 1;            // further opens answer MMSYSERR_ALLOCATED; at most 8
     DriverKind kind = DriverKind::WaitsInReset;
     Completion completion = Completion::Inline; // outputs only
+    bool fillsCaps = true;                      // false: reports success and writes nothing
     bool keepSent = true;                       // outputs only: record for sent()
 };
 
-// Add a device and return its index (WinMM's device identifier). The name is cut to 31 characters.
+// Add a device and return its index (WinMM's device identifier). The name is cut to 32 characters,
+// of which the last then stands where the terminating zero should be.
 int addInput(const std::u16string& name, const DeviceOptions& options = {});
 int addOutput(const std::u16string& name, const DeviceOptions& options = {});
 // Take all devices away, as between two runs. No port may be open.

@@ -30,6 +30,8 @@ MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
         return MMSYSERR_BADDEVICEID;
     if (device->options.capsResult != MMSYSERR_NOERROR)
         return device->options.capsResult;
+    if (!device->options.fillsCaps)
+        return MMSYSERR_NOERROR;
     Capabilities found{};
     found.vDriverVersion = 0x0100;
     std::copy(device->name.begin(), device->name.end(), found.szPname);

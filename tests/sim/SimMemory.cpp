@@ -33,7 +33,6 @@ constexpr std::uintptr_t kHighestAddress = 0x7FFFFFFEFFFF;
 constexpr std::uintptr_t kHeapAlignment = 16;
 // More than this counts as out of memory, so that a sanitizer's allocator is not asked for it.
 constexpr std::size_t kLargestTaskBlock = std::size_t(1) << 30;
-constexpr int kFill = 0xA5;
 // Freed memory that is kept inaccessible, so that a late access stops the program.
 constexpr std::size_t kQuarantineBytes = std::size_t(64) << 20;
 
@@ -231,7 +230,7 @@ LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
     const std::uintptr_t block = end - occupied;
     mprotect(pointerTo(begin), accessible, PROT_READ | PROT_WRITE);
     if ((flags & HEAP_ZERO_MEMORY) == 0)
-        std::memset(pointerTo(block), kFill, bytes);
+        std::memset(pointerTo(block), sim::kMemoryFill, bytes);
     ASAN_POISON_MEMORY_REGION(pointerTo(begin), block - begin);
     ASAN_POISON_MEMORY_REGION(pointerTo(block + bytes), occupied - bytes);
     {
@@ -399,7 +398,7 @@ LPVOID CoTaskMemAlloc(SIZE_T bytes)
         return entry.fail<LPVOID>();
     void* const memory = bytes <= kLargestTaskBlock ? std::malloc(bytes) : nullptr;
     if (memory) {
-        std::memset(memory, kFill, bytes);
+        std::memset(memory, sim::kMemoryFill, bytes);
         taskBlocks.fetch_add(1, std::memory_order_relaxed);
     }
     return entry.returns(memory);

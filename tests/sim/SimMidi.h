@@ -140,7 +140,7 @@ template <typename Handle>
 struct Device
 {
     Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions)
-        : name(deviceName.substr(0, MAXPNAMELEN - 1)), options(deviceOptions),
+        : name(deviceName.substr(0, MAXPNAMELEN)), options(deviceOptions),
           kind(deviceOptions.kind), completion(deviceOptions.completion)
     {}
 

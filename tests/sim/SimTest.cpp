@@ -563,7 +563,7 @@ TEST_F(Devices, AreCountedAndNamedWithinTheFieldOfTheName)
     EXPECT_EQ(midiInGetDevCapsW(0, &in, sizeof in), MMSYSERR_NOERROR);
     EXPECT_EQ(std::u16string(in.szPname), u"One");
     EXPECT_EQ(midiInGetDevCapsW(1, &in, sizeof in), MMSYSERR_NOERROR);
-    EXPECT_EQ(std::u16string(in.szPname), u"0123456789012345678901234567890");
+    EXPECT_EQ(std::u16string(in.szPname, MAXPNAMELEN), u"01234567890123456789012345678901");
     EXPECT_EQ(midiInGetDevCapsW(2, &in, sizeof in), MMSYSERR_BADDEVICEID);
     EXPECT_EQ(midiInGetDevCapsW(0, nullptr, sizeof in), MMSYSERR_INVALPARAM);
     EXPECT_EQ(midiOutGetDevCapsW(0, &out, sizeof out), MMSYSERR_NODRIVER);

@@ -83,6 +83,35 @@ TEST_F(PortAccessorTest, ADeviceThatTheSystemCannotNameHasAnEmptyName)
     EXPECT_EQ(accessor.plugs(kInput).first(), QString("1;"));
 }
 
+TEST_F(PortAccessorTest, ANameThatFillsItsFieldNeedsNoTerminator)
+{
+    const std::u16string name = u"12345678901234567890123456789012";
+    sim::addInput(name);
+    sim::addOutput(name);
+    EXPECT_EQ(accessor.systemPortName(0, kInput), QString("12345678901234567890123456789012"));
+    EXPECT_EQ(accessor.systemPortName(0, kOutput), QString("12345678901234567890123456789012"));
+}
+
+TEST_F(PortAccessorTest, ADriverThatFillsNothingGivesAnEmptyName)
+{
+    sim::DeviceOptions silent;
+    silent.fillsCaps = false;
+    sim::addInput(u"In", silent);
+    sim::addOutput(u"Out", silent);
+    EXPECT_EQ(accessor.systemPortName(0, kInput), QString());
+    EXPECT_EQ(accessor.systemPortName(0, kOutput), QString());
+}
+
+TEST_F(PortAccessorTest, TheSystemIsToldTheSizesOfItsRecords)
+{
+    sim::addInput(u"In");
+    sim::addOutput(u"Out");
+    accessor.systemPortName(0, kInput);
+    accessor.systemPortName(0, kOutput);
+    EXPECT_EQ(sim::calls("midiInGetDevCapsW").at(0).arguments[1], 76u);
+    EXPECT_EQ(sim::calls("midiOutGetDevCapsW").at(0).arguments[1], 84u);
+}
+
 TEST_F(PortAccessorTest, WithoutDevicesThereIsNothingToKnow)
 {
     accessor.init();
@@ -176,12 +205,13 @@ TEST_F(PortAccessorTest, NumberOfPlugsFollowsAnOverriddenPlugs)
     EXPECT_EQ(doubled.numberOfPlugs(kInput), 2);
 }
 
-TEST_F(PortAccessorTest, PortNamePrefersTheInputMap)
+TEST_F(PortAccessorTest, PortNameIsTheLabelOfThePortOfEitherDirection)
 {
-    sim::addInput(u"A");
+    sim::addInput(u"In");
+    sim::addOutput(u"Out");
     accessor.init();
-    const QUuid id = identityAt(1, kInput);
-    EXPECT_EQ(accessor.portName(id), QString("1;A"));
+    EXPECT_EQ(accessor.portName(identityAt(1, kInput)), QString("1;In"));
+    EXPECT_EQ(accessor.portName(identityAt(1, kOutput)), QString("1;Out"));
     EXPECT_EQ(accessor.portName(uuid(9)), QString("<unknown port name>"));
 }
 

@@ -2,6 +2,8 @@
 
 #include "tests/unit/TestSupport.h"
 
+#include <cstring>
+#include <new>
 #include <objbase.h>
 #include <set>
 
@@ -70,12 +72,24 @@ TEST_F(PortListTest, TheRecordsAreLaidOutAsOtherBinariesReadThem)
     SCOPED_TRACE(
         "An editor that was compiled earlier reads numbers, identifiers and names from the "
         "wrong places, and frees what is no block.");
-    EXPECT_EQ(sizeof(TMIDIPortEntry), 32u);
-    EXPECT_EQ(offsetof(TMIDIPortEntry, portNumber), 0u);
-    EXPECT_EQ(offsetof(TMIDIPortEntry, portId), 8u);
-    EXPECT_EQ(offsetof(TMIDIPortEntry, portName), 24u);
-    EXPECT_EQ(offsetof(TMIDIPortList, count), 0u);
-    EXPECT_EQ(offsetof(TMIDIPortList, entries), 8u);
+    accessor.maps[0].insert(uuid(1), "1;A");
+    accessor.maps[0].insert(QUuid("{03020100-0504-0706-0809-0a0b0c0d0e0f}"), "258;B");
+    alignas(8) unsigned char list[16] = {};
+    TMIDITransport::MIDIPorts(&accessor, false, list);
+    EXPECT_EQ(Bytes(list, list + 8), (Bytes{2, 0, 0, 0, 0, 0, 0, 0}));
+    unsigned char* entries;
+    std::memcpy(&entries, list + 8, 8);
+    const unsigned char* const second = entries + 32;
+    EXPECT_EQ(Bytes(second, second + 24), (Bytes{2, 1, 0, 0, 0, 0, 0,  0,  0,  1,  2,  3,
+                                                 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}));
+    for (const char letter : {'A', 'B'}) {
+        char* name;
+        std::memcpy(&name, entries + (letter == 'B' ? 56 : 24), 8);
+        EXPECT_EQ(std::string(name, 4), std::string({letter, 0, 0, 0}));
+        CoTaskMemFree(name);
+    }
+    CoTaskMemFree(entries);
+    forgetPlaceholders(2);
 }
 
 TEST_F(PortListTest, AFilledListIsNotTouched)
@@ -95,6 +109,9 @@ TEST_F(PortListTest, WithoutAnAccessorTheListStaysAsItIs)
     TMIDITransport::MIDIPorts(nullptr, false, &list);
     EXPECT_EQ(list.count, 0u);
     EXPECT_EQ(list.entries, nullptr);
+    list.count = 5;
+    TMIDITransport::MIDIPorts(nullptr, false, &list);
+    EXPECT_EQ(list.count, 5u);
 }
 
 TEST_F(PortListTest, ADirectionWithoutPortsNeedsNothingFreed)
@@ -114,6 +131,11 @@ TEST_F(PortListTest, AsksTheAccessorOnceForTheCountAndOnceForTheMap)
     }
     EXPECT_EQ(accessor.numberOfPlugsCalls, 1);
     EXPECT_EQ(accessor.plugsCalls, 1);
+    {
+        const OwnedList noPorts(&accessor, false);
+    }
+    EXPECT_EQ(accessor.numberOfPlugsCalls, 2);
+    EXPECT_EQ(accessor.plugsCalls, 2);
     forgetPlaceholders(1);
 }
 
@@ -163,6 +185,19 @@ TEST_F(PortListTest, EqualLabelsAreOrderedByTheirIdentifiersText)
         const OwnedList ports(&accessor, false);
         EXPECT_EQ(ports.id(0), uuid(1));
         EXPECT_EQ(ports.id(1), uuid(2));
+    }
+    forgetPlaceholders(2);
+}
+
+TEST_F(PortListTest, ALabelIsOrderedWithWhatFollowsIt)
+{
+    // Behind the shorter label comes the separator, which is greater than a blank.
+    accessor.maps[0].insert(uuid(1), "1;A");
+    accessor.maps[0].insert(uuid(2), "1;A B");
+    {
+        const OwnedList ports(&accessor, false);
+        EXPECT_EQ(ports.name(0), QString("A B"));
+        EXPECT_EQ(ports.name(1), QString("A"));
     }
     forgetPlaceholders(2);
 }
@@ -250,6 +285,39 @@ TEST_F(PortListTest, MorePortsThanCountedAreDropped)
     forgetPlaceholders(1);
 }
 
+TEST_F(PortListTest, FewerPortsThanCountedLeaveTheLastEntriesUnwritten)
+{
+    accessor.maps[0].insert(uuid(1), "1;A");
+    accessor.countOverride = 2;
+    TMIDIPortList list = {};
+    TMIDITransport::MIDIPorts(&accessor, false, &list);
+    ASSERT_EQ(list.count, 2u);
+    const auto* const unwritten = reinterpret_cast<const unsigned char*>(&list.entries[1]);
+    EXPECT_EQ(Bytes(unwritten, unwritten + 32), Bytes(32, sim::kMemoryFill));
+    CoTaskMemFree(list.entries[0].portName);
+    CoTaskMemFree(list.entries);
+    forgetPlaceholders(1);
+}
+
+TEST_F(PortListTest, WithoutMemoryForTheTextsThereAreNoEntries)
+{
+    accessor.maps[0].insert(uuid(1), "1;A");
+    accessor.maps[0].insert(uuid(2), "2;B");
+    int allocations = 0;
+    sim::onCall("CoTaskMemAlloc", [&](const sim::Call&) {
+        // The array, placeholder and name of the first port, placeholder of the second.
+        if (++allocations == 5)
+            throw std::bad_alloc();
+    });
+    TMIDIPortList list = {};
+    EXPECT_NO_THROW(TMIDITransport::MIDIPorts(&accessor, false, &list));
+    sim::clearHooks();
+    EXPECT_EQ(allocations, 5);
+    EXPECT_EQ(list.count, 2u);
+    EXPECT_EQ(list.entries, nullptr);
+    forgetPlaceholders(1);
+}
+
 TEST_F(PortListTest, AFailedAllocationKeepsTheCountAndNoEntries)
 {
     accessor.maps[0].insert(uuid(1), "1;A");
@@ -286,15 +354,17 @@ TEST_F(PortListTest, FriendlyNameStripsTheMarkersThatAListingKeeps)
     accessor.maps[0].insert(uuid(2), "1;<[Inp]>A<[Out]>B<[Inp]>");
     accessor.maps[0].insert(uuid(3), "3;<[Inp]><[Out]>");
     accessor.maps[0].insert(uuid(4), "4;<[inp]>");
+    accessor.maps[1].insert(uuid(5), "5;<[out]>");
     EXPECT_EQ(transport->friendlyName(uuid(1)), QString("Synth"));
     EXPECT_EQ(transport->friendlyName(uuid(2)), QString("AB"));
     EXPECT_EQ(transport->friendlyName(uuid(3)), uuid(3).toString());
     EXPECT_EQ(transport->friendlyName(uuid(4)), QString("<[inp]>"));
+    EXPECT_EQ(transport->friendlyName(uuid(5)), QString("<[out]>"));
     {
         const OwnedList ports(&accessor, true);
         EXPECT_EQ(ports.name(0), QString("Synth<[Out]>"));
     }
-    forgetPlaceholders(1);
+    forgetPlaceholders(2);
 }
 
 TEST_F(PortListTest, FriendlyNameRemovesTheInputMarkerBeforeTheOutputMarker)
@@ -332,6 +402,12 @@ TEST_F(PortListTest, DescriptorLookupsSeeOnlyTheirOwnDirection)
     EXPECT_EQ(transport->getOutDescriptorPort(uuid(2)), 12);
     EXPECT_EQ(transport->getInpDescriptorPort(uuid(2)), 0);
     EXPECT_EQ(transport->getInpDescriptorPort(QUuid()), 0);
+}
+
+TEST_F(PortListTest, TheDescriptorLookupOfAPortWithoutANameGivesItsNumber)
+{
+    accessor.maps[0].insert(uuid(1), "3;");
+    EXPECT_EQ(transport->getInpDescriptorPort(uuid(1)), 3);
 }
 
 } // namespace

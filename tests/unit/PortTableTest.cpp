@@ -121,6 +121,68 @@ TEST_F(PortTableTest, ADeviceThatMovesGetsANewIdentifierAndFindsTheOldOneWhenItR
     EXPECT_EQ(stored(kInputNames).size(), 3);
 }
 
+TEST_F(PortTableTest, OfAnInputAndAnOutputWithOneIdentifierPortNameIsTheInputs)
+{
+    store(kInputNames, {"1;In"});
+    store(kInputIds, {kIdA});
+    store(kOutputNames, {"1;Out"});
+    store(kOutputIds, {kIdA});
+    setInputs({u"In"});
+    sim::addOutput(u"Out");
+    IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+    EXPECT_EQ(accessor->plugs(true).value(QUuid(QString(kIdA))), QString("1;Out"));
+    EXPECT_EQ(accessor->portName(QUuid(QString(kIdA))), QString("1;In"));
+    accessor->Release();
+}
+
+TEST_F(PortTableTest, OfEqualDeviceNamesTheLowestIdentifierIsFound)
+{
+    store(kInputNames, {"1;Twin", "2;Twin"});
+    store(kInputIds, {kIdB, kIdA});
+    setInputs({u"Twin", u"Twin"});
+    IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+    EXPECT_EQ(accessor->portIdentity("Twin", false), QUuid(QString(kIdA)));
+    accessor->Release();
+}
+
+TEST_F(PortTableTest, ALabelIsFoundOnlyAsItWasWritten)
+{
+    store(kInputNames, {"1;synth"});
+    store(kInputIds, {kIdA});
+    setInputs({u"Synth"});
+    EXPECT_NE(run().firstKey(), QUuid(QString(kIdA)));
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;synth", "1;Synth"}));
+}
+
+TEST_F(PortTableTest, MoreIdentifiersThanNamesStay)
+{
+    store(kInputNames, {"1;A"});
+    store(kInputIds, {kIdA, kIdB});
+    setInputs({u"A", u"C"});
+    const QUuid fresh = run().key("2;C");
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "2;C"}));
+    EXPECT_EQ(stored(kInputIds), QStringList({kIdA, kIdB, fresh.toString()}));
+}
+
+TEST_F(PortTableTest, AnAssignedAccessorStoresWhereItsSourceDoes)
+{
+    class Accessor : public WinIMIDIPortAccessor
+    {
+    public:
+        explicit Accessor(const char* application)
+            : WinIMIDIPortAccessor(kOrganization, application)
+        {}
+        ~Accessor() override = default;
+    };
+    setInputs({u"A"});
+    Accessor source(kApplication);
+    source.init();
+    Accessor* const assigned = new Accessor("Elsewhere");
+    *assigned = source;
+    assigned->Release();
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;A"}));
+}
+
 TEST_F(PortTableTest, OfEqualLabelsTheFirstOneCounts)
 {
     store(kInputNames, {"1;A", "1;A"});
