@@ -10,12 +10,6 @@ TMIDIEventPushThread::TMIDIEventPushThread(TMIDITransport* transport)
 
 TMIDIEventPushThread::~TMIDIEventPushThread() = default;
 
-bool TMIDIEventPushThread::isCurrent(const TMIDITransport* transport)
-{
-    const auto* thread = dynamic_cast<const TMIDIEventPushThread*>(QThread::currentThread());
-    return thread && thread->transport == transport;
-}
-
 void TMIDIEventPushThread::run()
 {
     TMIDIReaderRefConInterface* const reader = transport;

@@ -17,10 +17,6 @@ public:
     /// Any thread. Only a signal of the event behind it makes the thread look.
     void requestStop() { stopRequested = true; }
 
-    /// Whether the calling thread is the pusher of `transport`: an observer is calling, then, and
-    /// not one of the host's threads.
-    static bool isCurrent(const TMIDITransport* transport);
-
 protected:
     void run() override;
 

@@ -1,6 +1,7 @@
 #include "transport/MIDIObserverBlock.h"
 #include "transport/MIDIStatus.h"
 
+#include <climits>
 #include <new>
 
 int TMIDITransport::midi_msg_length(unsigned char status) const
@@ -51,6 +52,8 @@ void TMIDIObserverBlock::assemble(int length, const void* data, bool strictStart
     try {
         if (!pendingSysEx)
             pendingSysEx = new QByteArray;
+        if (pendingSysEx->size() > INT_MAX - length)
+            throw std::bad_alloc(); // observers could not be told its length
         pendingSysEx->append(static_cast<const char*>(data), length);
     } catch (const std::bad_alloc&) {
         // A message with a hole must not be delivered: what is left of it is no SysEx start.

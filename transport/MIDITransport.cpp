@@ -4,10 +4,12 @@
 #include "transport/MIDIObserverBlock.h"
 #include "utilities/OLEString.h"
 
-#include <climits>
 #include <new>
 #include <objbase.h>
 #include <windows.h>
+
+// How often a pusher thread that does not end is signalled again, in milliseconds.
+static const unsigned long kSignalInterval = 100;
 
 // Transports made so far in this process. Not locked, never counted down.
 static int transportCount = 0;
@@ -108,7 +110,10 @@ void TMIDITransport::stopPusherThread()
         return;
     pusher->requestStop();
     SetEvent(dataEvent);
-    pusher->wait(ULONG_MAX);
+    // A process with a transport of the same number shares the event, and its pusher may have been
+    // woken in place of ours.
+    while (!pusher->wait(kSignalInterval))
+        SetEvent(dataEvent);
     delete pusher;
     pusher = nullptr;
 }

@@ -162,8 +162,8 @@ public:
     /// Sends `length` bytes at `data` as they stand, which are copied. Waits for every chunk of
     /// 4,096 bytes but the last, without limit, and at least 100 ms between chunks; for the last
     /// one only while 8 are on their way. False if `length` is below 1, `data` is null, no output
-    /// is open or the device refused a chunk; earlier chunks have then gone out. Any thread, but
-    /// takes no lock: one at a time.
+    /// is open, the device refused a chunk or the output was closed in the middle; earlier chunks
+    /// have then gone out. Any thread, but takes no lock: one at a time.
     virtual bool outputData(int length, const void* data) = 0;
 
 protected:

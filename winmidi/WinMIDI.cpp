@@ -2,7 +2,6 @@
 
 #include "ports/MIDIPortAccessor.h"
 #include "ports/PortLabel.h"
-#include "transport/MIDIEventPushThread.h"
 #include "winmidi/WinMIDIPrivate.h"
 
 #include <new>
@@ -102,25 +101,9 @@ QUuid TWinMIDI::getOutPortDescriptor(int port) const
     return accessor ? identifierOfPort(accessor->plugs(true), port) : QUuid();
 }
 
-// Gives every input buffer to the device.
-static void addBuffers(HMIDIIN handle, TWinMIDIPrivate* d)
-{
-    d->buffersOut = 0;
-    for (MIDIHDR& header : d->inHeaders) {
-        header.dwFlags = 0;
-        header.dwBytesRecorded = 0;
-        header.dwUser = 0;
-        header.lpNext = nullptr;
-        header.dwOffset = 0;
-        midiInPrepareHeader(handle, &header, sizeof header);
-        if (!d->addBuffer(handle, &header))
-            throw bufferNotAdded;
-    }
-}
-
 void* TWinMIDI::openInput(int port)
 {
-    if (TMIDIEventPushThread::isCurrent(this))
+    if (d->onPusherThread())
         return port < 1 ? d->hMidiIn.load() : nullptr;
     const RecursiveMutexLocker locker(&d->mutex);
     if (port < 1)
@@ -132,7 +115,8 @@ void* TWinMIDI::openInput(int port)
             throw notOpened;
         d->hMidiIn = handle;
         d->markQueueStale();
-        addBuffers(handle, d);
+        if (!d->addBuffers(handle))
+            throw bufferNotAdded;
         if (midiInStart(handle) != MMSYSERR_NOERROR)
             throw notStarted;
         startPusherThread();
@@ -145,7 +129,7 @@ void* TWinMIDI::openInput(int port)
 
 int TWinMIDI::closeInput()
 {
-    if (TMIDIEventPushThread::isCurrent(this))
+    if (d->onPusherThread())
         return -1;
     const RecursiveMutexLocker locker(&d->mutex);
     const HMIDIIN handle = d->hMidiIn;
@@ -172,9 +156,9 @@ int TWinMIDI::closeInput()
 class OutputLocker
 {
 public:
-    OutputLocker(TWinMIDIPrivate* d, bool onPusherThread) : mutex(d->mutex), held(true)
+    explicit OutputLocker(TWinMIDIPrivate* d) : mutex(d->mutex), held(true)
     {
-        if (!onPusherThread) {
+        if (!d->onPusherThread()) {
             mutex.lock();
             return;
         }
@@ -183,7 +167,7 @@ public:
                 held = false;
                 return;
             }
-            Sleep(0);
+            Sleep(1); // of time-critical priority, it would leave no one else a core
         }
     }
     ~OutputLocker()
@@ -206,7 +190,7 @@ void* TWinMIDI::openOutput(int port)
 {
     if (port < 1)
         return d->hMidiOut;
-    const OutputLocker locker(d, TMIDIEventPushThread::isCurrent(this));
+    const OutputLocker locker(d);
     if (!locker.isLocked())
         return nullptr;
     HMIDIOUT handle = nullptr;
@@ -219,7 +203,7 @@ void* TWinMIDI::openOutput(int port)
 
 int TWinMIDI::closeOutput()
 {
-    const OutputLocker locker(d, TMIDIEventPushThread::isCurrent(this));
+    const OutputLocker locker(d);
     if (!locker.isLocked())
         return -1;
     const HMIDIOUT handle = d->hMidiOut;
@@ -236,8 +220,8 @@ int TWinMIDI::closeOutput()
         // A thread that is sending may have put a chunk behind the reset, which keeps the port
         // open.
     } while (result == MIDIERR_STILLPLAYING && ++attempts < kCloseAttempts);
+    d->hMidiOut = nullptr; // first: a sender that is given a free header finds no port
     d->freeOutputHeaders();
-    d->hMidiOut = nullptr;
     d->releaseSenders();
     d->closingOutput = false;
     return 0;

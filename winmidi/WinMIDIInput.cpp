@@ -34,6 +34,22 @@ void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR insta
     --d->callbacksRunning; // the last touch: closeInput() may be waiting to let the object go
 }
 
+bool TWinMIDIPrivate::addBuffers(HMIDIIN handle)
+{
+    buffersOut = 0;
+    for (MIDIHDR& header : inHeaders) {
+        header.dwFlags = 0;
+        header.dwBytesRecorded = 0;
+        header.dwUser = 0;
+        header.lpNext = nullptr;
+        header.dwOffset = 0;
+        midiInPrepareHeader(handle, &header, sizeof header);
+        if (!addBuffer(handle, &header))
+            return false;
+    }
+    return true;
+}
+
 bool TWinMIDIPrivate::addBuffer(HMIDIIN handle, MIDIHDR* header)
 {
     ++buffersOut; // before the device may return it
@@ -45,7 +61,8 @@ bool TWinMIDIPrivate::addBuffer(HMIDIIN handle, MIDIHDR* header)
 
 void TWinMIDIPrivate::awaitBuffers()
 {
-    for (DWORD waited = 0; buffersOut > 0 && waited < kLateBufferLimit; ++waited)
+    const DWORD start = timeGetTime(); // a Sleep(1) may take 15 ms
+    while (buffersOut > 0 && timeGetTime() - start < kLateBufferLimit)
         Sleep(1);
 }
 
@@ -96,8 +113,26 @@ void TWinMIDIPrivate::recycle(MIDIHDR* header)
         addBuffer(handle, header);
 }
 
+// While the pusher thread drains, it may run observers, and so be the one that calls us.
+class DrainMark
+{
+public:
+    explicit DrainMark(TWinMIDIPrivate* d) : thread(d->drainingThread)
+    {
+        thread = QThread::currentThreadId();
+    }
+    ~DrainMark() { thread = nullptr; }
+
+    DrainMark(const DrainMark&) = delete;
+    DrainMark& operator=(const DrainMark&) = delete;
+
+private:
+    std::atomic<Qt::HANDLE>& thread;
+};
+
 int TWinMIDI::read(int, const void*, bool strictStart, bool spare)
 {
+    const DrainMark mark(d);
     unsigned char copy[MIDIHeaderBlock::kBufferSize];
     InputRecord record;
     while (d->takeRecord(&record)) {

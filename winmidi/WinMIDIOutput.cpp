@@ -12,6 +12,14 @@ static const int kChunkBytes = MIDIHeaderBlock::kBufferSize;
 // Between the chunks of a message the instrument gets this long to take them in, in milliseconds.
 static const DWORD kPauseBetweenChunks = 100;
 
+// After a signal that was not the chunk's own, how often it is looked whether the chunk is done, in
+// milliseconds.
+static const DWORD kDoneInterval = 10;
+
+// How long a closing port waits for senders to wake, in milliseconds. Only one whose thread was
+// ended from outside does not.
+static const DWORD kReleaseLimit = 1000;
+
 // A queued header belongs to the driver, whose thread sets its flags while the pool is being
 // scanned, and whose callback may read dwUser as late as when the header is taken again.
 static std::atomic<DWORD>& flagsOf(MIDIHDR* header)
@@ -64,20 +72,30 @@ MIDIHDR* TWinMIDIPrivate::takeOutputHeader()
     }
 }
 
-void TWinMIDIPrivate::awaitChunk(unsigned closings)
+bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned closings)
 {
+    // Counted first and looked at second, the other way round than releaseSenders() does it: one of
+    // the two sees the other.
     ++sendersWaiting;
-    if (outputClosings == closings)
-        WaitForSingleObject(doneEvent, INFINITE);
+    if (outputClosings == closings) {
+        DWORD result = WaitForSingleObject(doneEvent, INFINITE);
+        // A header may be taken again before the callback of its last chunk has run, which then
+        // signals for this one. The true signal may have joined it, so this wait is not endless.
+        while (result != WAIT_FAILED && outputClosings == closings &&
+               !(flagsOf(header) & MHDR_DONE))
+            result = WaitForSingleObject(doneEvent, kDoneInterval);
+    }
     --sendersWaiting;
+    return outputClosings == closings;
 }
 
 void TWinMIDIPrivate::releaseSenders()
 {
     ++outputClosings;
-    while (sendersWaiting > 0) {
+    const DWORD start = timeGetTime();
+    while (sendersWaiting > 0 && timeGetTime() - start < kReleaseLimit) {
         SetEvent(doneEvent);
-        Sleep(0);
+        Sleep(1);
     }
     // No signal of the closed port is left for a sender on the next one.
     ResetEvent(doneEvent);
@@ -85,13 +103,16 @@ void TWinMIDIPrivate::releaseSenders()
 
 void TWinMIDIPrivate::freeOutputHeaders()
 {
-    for (MIDIHDR& header : outHeaders)
+    for (MIDIHDR& header : outHeaders) {
         flagsOf(&header) = 0;
+        userOf(&header) = 0;
+    }
 }
 
 bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned int status,
                                bool wait)
 {
+    const unsigned closings = d->outputClosings;
     MIDIHDR* const header = d->takeOutputHeader();
     if (!header)
         return false;
@@ -105,7 +126,6 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
     flagsOf(header) = 0;
     userOf(header) = wait ? reinterpret_cast<DWORD_PTR>(d->doneEvent) : 0;
 
-    const unsigned closings = d->outputClosings;
     const HMIDIOUT handle = d->hMidiOut;
     if (midiOutPrepareHeader(handle, header, sizeof *header) != MMSYSERR_NOERROR) {
         flagsOf(header) = 0;
@@ -116,10 +136,8 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
         flagsOf(header) = 0;
         return false;
     }
-    if (wait)
-        d->awaitChunk(closings);
     // The header stays prepared until it is taken again or the port closes.
-    return true;
+    return !wait || d->awaitChunk(header, closings);
 }
 
 bool TWinMIDI::outputData(int length, const void* data)
@@ -137,6 +155,7 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
         ++total;
     if (total < 1)
         return false;
+    const unsigned closings = d->outputClosings;
     for (;;) {
         const int chunk = static_cast<int>(std::min<long long>(total, kChunkBytes));
         const bool wait = total > kChunkBytes;
@@ -147,6 +166,8 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
         data += status != 0 ? chunk - 1 : chunk;
         status = 0;
         pauseBetweenChunks();
+        if (d->outputClosings != closings)
+            return false; // the rest is nothing that another port could understand
     }
 }
 

@@ -5,6 +5,7 @@
 #include "utilities/CircularBuffer.h"
 #include "winmidi/MIDIHeaderBlock.h"
 
+#include <QThread>
 #include <atomic>
 
 /// Input buffers: together 3 MB of SysEx that can arrive while nobody takes it out.
@@ -55,6 +56,8 @@ struct TWinMIDIPrivate
     /// How often the output was closed. A sender that waits for a chunk of a port that is closed by
     /// now would wait for ever.
     std::atomic<unsigned> outputClosings{0};
+
+    /// Senders that closeOutput() has to wake.
     std::atomic<int> sendersWaiting{0};
 
     /// What the input callback wrote and the drain has not read yet, under the queue's own mutex,
@@ -71,6 +74,15 @@ struct TWinMIDIPrivate
 
     /// Calls of the input callback in progress. Not every driver waits for them when it closes.
     std::atomic<int> callbacksRunning{0};
+
+    /// The thread that is inside read(), null if none is.
+    std::atomic<Qt::HANDLE> drainingThread{nullptr};
+
+    /// Whether an observer is calling, and not one of the host's threads.
+    bool onPusherThread() const { return drainingThread == QThread::currentThreadId(); }
+
+    /// Gives every input buffer to a device that was just opened; false if it refuses one.
+    bool addBuffers(HMIDIIN handle);
 
     /// Hands an input buffer to the device; false if the device refuses it.
     bool addBuffer(HMIDIIN handle, MIDIHDR* header);
@@ -98,9 +110,9 @@ struct TWinMIDIPrivate
     /// output headers at all.
     MIDIHDR* takeOutputHeader();
 
-    /// Waits until the chunk is done that was sent when the output had been closed `closings` times,
-    /// or until the output closes.
-    void awaitChunk(unsigned closings);
+    /// Waits until the chunk of `header` is done, which was sent when the output had been closed
+    /// `closings` times, or until the output closes: then false.
+    bool awaitChunk(MIDIHDR* header, unsigned closings);
 
     /// Once the port is closed: ends the waits for chunks that it did not give back.
     void releaseSenders();

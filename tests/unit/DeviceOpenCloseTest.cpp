@@ -185,6 +185,19 @@ TEST_F(DeviceOpenCloseTest, OpeningAnInputPreparesAndQueuesAllHeadersThenStarts)
     }
 }
 
+TEST_F(DeviceOpenCloseTest, ThePusherStartsOnceTheDeviceHas)
+{
+    bool started = false;
+    sim::onCall("midiInStart", [&](const sim::Call&) {
+        started = true;
+        EXPECT_EQ(Access::pusher(*transport), nullptr);
+        EXPECT_NE(device().hMidiIn, nullptr);
+    });
+    ASSERT_NE(transport->openInput(1), nullptr);
+    EXPECT_TRUE(started);
+    EXPECT_NE(Access::pusher(*transport), nullptr);
+}
+
 TEST_F(DeviceOpenCloseTest, OpeningClearsWhatAnEarlierUseLeftInTheHeaders)
 {
     for (MIDIHDR& header : device().inHeaders) {
@@ -200,6 +213,7 @@ TEST_F(DeviceOpenCloseTest, OpeningClearsWhatAnEarlierUseLeftInTheHeaders)
     for (const MIDIHDR& header : device().inHeaders) {
         EXPECT_EQ(header.dwBytesRecorded, 0u);
         EXPECT_EQ(header.dwUser, 0u);
+        EXPECT_TRUE(header.lpNext != &header);
         EXPECT_EQ(header.dwOffset, 0u);
     }
 }
@@ -212,8 +226,10 @@ TEST_F(DeviceOpenCloseTest, ClosingAnInputRunsTheStepsInOrder)
     sim::onCall("midiInStop", [&](const sim::Call&) {
         closing = device().closingInput && !Access::pusher(*transport);
     });
+    sim::onCall("midiInReset", [&](const sim::Call&) { EXPECT_EQ(device().hMidiIn, nullptr); });
     EXPECT_EQ(transport->closeInput(), 0);
     EXPECT_TRUE(closing);
+    EXPECT_EQ(sim::callCount("midiInReset"), 1u);
 
     const std::vector<std::string> names = midiCalls();
     ASSERT_EQ(names.size(), 768u + 3);
@@ -298,7 +314,10 @@ TEST_F(DeviceOpenCloseTest, AnOutputIsOpenedWithoutPreparingAHeader)
     EXPECT_EQ(handle, device().hMidiOut);
     EXPECT_EQ(midiCalls(), std::vector<std::string>{"midiOutOpen"});
     sim::clearCalls();
+    bool closing = false;
+    sim::onCall("midiOutReset", [&](const sim::Call&) { closing = device().closingOutput; });
     EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_TRUE(closing);
     const std::vector<std::string> names = midiCalls();
     ASSERT_EQ(names.size(), 10u);
     EXPECT_EQ(names.front(), "midiOutReset");
@@ -316,9 +335,115 @@ TEST_F(DeviceOpenCloseTest, ARefusedOutputOpenGivesNull)
     EXPECT_EQ(transport->closeOutput(), -1);
 }
 
+TEST_F(DeviceOpenCloseTest, AnOutputThatIsOpenIsNotLookedAtWhenAnotherIsOpened)
+{
+    sim::addOutput(u"Second");
+    void* const first = transport->openOutput(1);
+    void* const second = transport->openOutput(2);
+    ASSERT_NE(second, nullptr);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(sim::inUse().outputPorts, 2);
+    EXPECT_EQ(transport->openOutput(9), nullptr);
+    EXPECT_EQ(device().hMidiOut, nullptr);
+    EXPECT_EQ(sim::inUse().outputPorts, 2);
+    EXPECT_EQ(transport->closeOutput(), -1);
+    for (void* const handle : {first, second})
+        EXPECT_EQ(midiOutClose(static_cast<HMIDIOUT>(handle)), DWORD(MMSYSERR_NOERROR));
+}
+
+TEST_F(DeviceOpenCloseTest, AskingForTheOpenOutputDoesNotWaitForAnOpenInProgress)
+{
+    void* const handle = transport->openOutput(1);
+    std::atomic<bool> held{false};
+    std::atomic<bool> asked{false};
+    std::thread opener([&] {
+        const RecursiveMutexLocker locker(&device().mutex);
+        held = true;
+        while (!asked)
+            std::this_thread::yield();
+    });
+    while (!held)
+        std::this_thread::yield();
+    EXPECT_EQ(transport->openOutput(0), handle);
+    asked = true;
+    opener.join();
+}
+
+TEST_F(DeviceOpenCloseTest, ACallbackInProgressIsWaitedForWhenTheInputCloses)
+{
+    ASSERT_NE(transport->openInput(1), nullptr);
+    std::atomic<bool> inCallback{false};
+    std::atomic<bool> leave{false};
+    std::atomic<bool> closed{false};
+    std::thread::id driverThread;
+    sim::onCall("SetEvent", [&](const sim::Call&) {
+        if (std::this_thread::get_id() != driverThread)
+            return;
+        inCallback = true;
+        while (!leave)
+            std::this_thread::yield();
+    });
+    // A driver that waits for its thread neither in its reset nor in its close.
+    std::atomic<bool> known{false};
+    std::thread driver([&] {
+        while (!known)
+            std::this_thread::yield();
+        Access::midiInProc(*transport, MIM_OPEN, 0);
+    });
+    driverThread = driver.get_id();
+    known = true;
+    while (!inCallback)
+        std::this_thread::yield();
+    std::thread host([&] {
+        EXPECT_EQ(transport->closeInput(), 0);
+        closed = true;
+    });
+    while (sim::callCount("midiInClose") == 0)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(closed);
+    leave = true;
+    host.join();
+    driver.join();
+}
+
+TEST_F(DeviceOpenCloseTest, NoSignalOfAClosedOutputIsLeft)
+{
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    for (MIDIHDR& header : device().outHeaders)
+        header.dwUser = reinterpret_cast<DWORD_PTR>(device().doneEvent);
+    SetEvent(device().doneEvent);
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_FALSE(sim::isSignalled(device().doneEvent));
+    // Nor does a callback that comes after the close leave one.
+    for (MIDIHDR& header : device().outHeaders)
+        Access::midiOutProc(MOM_DONE,
+                            static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(&header)));
+    EXPECT_FALSE(sim::isSignalled(device().doneEvent));
+}
+
+TEST_F(DeviceOpenCloseTest, AChunkOfAnOutputThatIsClosedByNowIsNotWaitedFor)
+{
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    const unsigned closings = device().outputClosings;
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_FALSE(device().awaitChunk(device().outHeaders.begin(), closings));
+}
+
+TEST_F(DeviceOpenCloseTest, ASenderWhoseThreadWasEndedDoesNotKeepTheOutputFromClosing)
+{
+    sim::useVirtualTime();
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    ++device().sendersWaiting;
+    const DWORD start = timeGetTime();
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_EQ(timeGetTime() - start, 1000u);
+}
+
 TEST_F(DeviceOpenCloseTest, ADeviceThatReturnsNoBufferAtAResetIsWaitedForASecond)
 {
     sim::useVirtualTime();
+    sim::setSleepError(14); // as with the usual tick of the system's timer
     openForDraining();
     sim::failCall("midiInReset");
     const DWORD start = timeGetTime();
@@ -330,7 +455,8 @@ TEST_F(DeviceOpenCloseTest, ADeviceThatReturnsNoBufferAtAResetIsWaitedForASecond
         }
     });
     EXPECT_EQ(transport->closeInput(), 0);
-    EXPECT_EQ(waited, 1000u);
+    EXPECT_GE(waited, 1000u);
+    EXPECT_LT(waited, 1000u + 15);
     expectClosed();
     EXPECT_EQ(device().recordQueue.avail(), 0);
 }
@@ -423,6 +549,23 @@ TEST_F(DeviceOpenCloseTest, TheLastReleaseClosesBothPortsAndFreesEverythingInOrd
     EXPECT_LT(position("midiInClose"), position("midiOutClose"));
     EXPECT_LT(position("midiOutClose"), position("HeapFree"));
     EXPECT_LT(position("HeapFree"), position("CloseHandle"));
+}
+
+TEST_F(DeviceOpenCloseTest, TheLastReleaseDeliversNothingAnyMore)
+{
+    std::atomic<bool>& closing = device().closingInput;
+    sim::onCall("WaitForMultipleObjects", [&](const sim::Call&) {
+        while (!closing)
+            std::this_thread::yield();
+    });
+    ASSERT_NE(transport->openInput(1), nullptr);
+    {
+        const MutexLocker locker(device().recordQueue.mutex());
+        const InputRecord note = {MIM_DATA, 0x643C90};
+        device().recordQueue.write(&note, sizeof note);
+    }
+    releaseTransport();
+    EXPECT_EQ(recorder.count(), 0u);
 }
 
 TEST_F(DeviceOpenCloseTest, WithAHighHeapPortsOpenAndReceiveAllTheSame)

@@ -92,9 +92,44 @@ TEST_F(EventPushThreadTest, StoppingWithoutAThreadOnlySignalsTheEvent)
 TEST_F(EventPushThreadTest, StoppingSignalsTwiceAndDrainsOnceMore)
 {
     Access::start(*transport);
+    // The thread has drained and waits again.
+    while (sim::callCount("WaitForMultipleObjects") < 2)
+        std::this_thread::yield();
+    {
+        const MutexLocker locker(device().recordQueue.mutex());
+        const InputRecord note = {MIM_DATA, 0x643C90};
+        device().recordQueue.write(&note, sizeof note);
+    }
     sim::clearCalls();
     Access::stop(*transport);
     EXPECT_EQ(sim::calls("SetEvent").size(), 2u);
+    EXPECT_EQ(recorder.count(), 1u);
+}
+
+TEST_F(EventPushThreadTest, AThreadThatMissedItsSignalsIsSignalledAgain)
+{
+    // A transport of the same number in another process shares the event and may take them.
+    Access::start(*transport);
+    while (sim::callCount("WaitForMultipleObjects") < 2)
+        std::this_thread::yield();
+    sim::clearCalls();
+    sim::failCall("SetEvent", 1, ERROR_INVALID_HANDLE, 2);
+    Access::stop(*transport);
+    EXPECT_EQ(Access::pusher(*transport), nullptr);
+    EXPECT_GE(sim::calls("SetEvent").size(), 3u);
+}
+
+TEST_F(EventPushThreadTest, TheThreadDrainsWithAStrictStart)
+{
+    ASSERT_NE(transport->openInput(1), nullptr);
+    const Bytes noStart = {1, 0xF7};
+    const Bytes whole = {0xF0, 1, 0xF7};
+    sim::sysEx(input, noStart.data(), noStart.size());
+    sim::sysEx(input, whole.data(), whole.size());
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.received()[0].bytes, whole);
+    EXPECT_TRUE(recorder.received()[0].strictStart);
+    EXPECT_FALSE(recorder.received()[0].spare);
 }
 
 TEST_F(EventPushThreadTest, TheThreadWaitsForTheOneEventWithoutATimeOut)
@@ -104,6 +139,9 @@ TEST_F(EventPushThreadTest, TheThreadWaitsForTheOneEventWithoutATimeOut)
     ASSERT_TRUE(recorder.waitFor(1));
     const std::vector<sim::Call> waits = sim::calls("WaitForMultipleObjects");
     ASSERT_FALSE(waits.empty());
+    EXPECT_EQ(waits[0].handle, reinterpret_cast<std::uintptr_t>(Access::dataEvent(*transport)));
+    EXPECT_EQ(waits[0].arguments[0], 1u);
+    EXPECT_EQ(waits[0].arguments[1], INFINITE);
     EXPECT_EQ(sim::calls("WaitForSingleObject").size(), 0u);
 }
 

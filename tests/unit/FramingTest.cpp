@@ -207,8 +207,48 @@ TEST_F(FramingTest, AnObserverThatFeedsASysExDuringADeliveryHarmsNobodysBytes)
     const Bytes first = {0xF0, 0x01, 0x02, 0xF7};
     ASSERT_EQ(recorder.count(), 2u);
     EXPECT_EQ(delivered()[0], first);
+    EXPECT_EQ(delivered()[1], Bytes({0xF0, 0x01, 0x02, 0xF7, 0x05, 0x06, 0xF7}));
     EXPECT_EQ(late.received().back().bytes, first);
     EXPECT_FALSE(assembling());
+}
+
+TEST_F(FramingTest, TheLastFlagMeansNothing)
+{
+    EXPECT_EQ(Access::frame(*transport, {0xF0, 0x01, 0xF7}, true, true), 3);
+    ASSERT_EQ(recorder.count(), 1u);
+    EXPECT_FALSE(recorder.received()[0].spare);
+}
+
+TEST_F(FramingTest, OneThreadAtATimeDelivers)
+{
+    std::atomic<int> inObserver{0};
+    std::atomic<bool> overlapped{false};
+    recorder.onRead = [&] {
+        if (++inObserver > 1)
+            overlapped = true;
+        std::this_thread::yield();
+        --inObserver;
+    };
+    const auto feedMany = [&] {
+        for (int i = 0; i < 500; ++i)
+            feed({0x90, 1, 2, 0});
+    };
+    std::thread other(feedMany);
+    feedMany();
+    other.join();
+    EXPECT_EQ(recorder.count(), 1000u);
+    EXPECT_FALSE(overlapped);
+}
+
+TEST_F(FramingTest, ASysExWhoseLengthNoIntCanTellIsDropped)
+{
+    feed({0xF0, 0x01});
+    *Access::observerBlock(*transport).pendingSysEx = QByteArray(INT_MAX - 100, Qt::Uninitialized);
+    feed(Bytes(101, 0xF7));
+    EXPECT_EQ(recorder.count(), 0u);
+    EXPECT_FALSE(assembling());
+    feed({0xF0, 0x02, 0xF7});
+    EXPECT_EQ(delivered(), Messages({{0xF0, 0x02, 0xF7}}));
 }
 
 TEST_F(FramingTest, AMegabyteInPiecesArrivesWhole)

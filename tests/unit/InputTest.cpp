@@ -300,6 +300,36 @@ TEST_F(InputTest, RecordsLeftAtTheCloseStayAndAreDeliveredWithTheNextOpening)
     EXPECT_TRUE(recorder.waitFor(1));
 }
 
+TEST_F(InputTest, AnUnfinishedSysExOutlivesTheClose)
+{
+    const Bytes start = {0xF0, 1};
+    sim::sysEx(input, start.data(), start.size());
+    drain();
+    EXPECT_EQ(transport->closeInput(), 0);
+    openForDraining();
+    const Bytes end = {0xF7};
+    sim::sysEx(input, end.data(), end.size());
+    drain();
+    ASSERT_EQ(recorder.count(), 1u);
+    EXPECT_EQ(recorder.received()[0].bytes, Bytes({0xF0, 1, 0xF7}));
+}
+
+TEST_F(InputTest, TheDrainPassesItsFlagOn)
+{
+    const Bytes chunk = {1, 2, 0xF7};
+    sim::sysEx(input, chunk.data(), chunk.size());
+    sim::shortMessage(input, 0xF7000001);
+    Access::drain(*transport, false);
+    ASSERT_EQ(recorder.count(), 2u);
+    EXPECT_FALSE(recorder.received()[0].strictStart);
+    EXPECT_EQ(recorder.received()[1].bytes, Bytes({1, 0, 0, 0xF7}));
+
+    sim::sysEx(input, chunk.data(), chunk.size());
+    sim::shortMessage(input, 0xF7000001);
+    Access::drain(*transport, true);
+    EXPECT_EQ(recorder.count(), 2u);
+}
+
 TEST_F(InputTest, ABufferNoticeLeftFromBeforeTheOpeningIsNotActedUpon)
 {
     drain();

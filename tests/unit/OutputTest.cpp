@@ -160,6 +160,8 @@ TEST_F(OutputTest, WithoutAnOpenPortSendingFails)
     transport->closeOutput();
     EXPECT_FALSE(send({0x90, 1, 2}));
     EXPECT_FALSE(send(bytes(5000)));
+    const unsigned char data[] = {1, 2};
+    EXPECT_FALSE(Access::outputShortData(*transport, 2, data, 0x90));
 }
 
 TEST_F(OutputTest, ARefusedPrepareFreesTheHeader)
@@ -253,6 +255,40 @@ TEST_F(OutputTest, AWaitedChunkBlocksUntilItsOwnCompletion)
     EXPECT_FALSE(sim::isSignalled(device().doneEvent)) << "the last chunk signals nobody";
 }
 
+TEST_F(OutputTest, ALateCallbackOfTheHeadersLastChunkDoesNotEndTheWaitForTheNext)
+{
+    EXPECT_TRUE(send({0x90, 1, 2})); // header 0
+    sim::clearSent(output);
+    sim::setCompletion(output, sim::Completion::Manual);
+    const Bytes data = bytes(4096 + 1);
+    std::thread sender([&] { EXPECT_TRUE(send(data)); });
+    while (sim::pendingOutputs(output) == 0)
+        std::this_thread::yield();
+    const auto header = reinterpret_cast<std::uintptr_t>(device().outHeaders.begin());
+    Access::midiOutProc(MOM_DONE, static_cast<DWORD>(header));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(chunkSizes(), Sizes{4096});
+    sim::completeOutput(output);
+    sender.join();
+    EXPECT_EQ(chunkSizes(), (Sizes{4096, 1}));
+    while (sim::completeOutput(output)) {
+    }
+    EXPECT_FALSE(sim::isSignalled(device().doneEvent)) << "the next dump would not be waited for";
+}
+
+TEST_F(OutputTest, TheRestOfADumpIsNotSentToAnotherPort)
+{
+    const int second = sim::addOutput(u"Second");
+    sim::onSleep([&](DWORD) {
+        sim::onSleep(nullptr);
+        EXPECT_EQ(transport->closeOutput(), 0);
+        EXPECT_NE(transport->openOutput(2), nullptr);
+    });
+    EXPECT_FALSE(send(bytes(3 * 4096)));
+    EXPECT_EQ(chunkSizes(), Sizes{4096});
+    EXPECT_TRUE(sim::sent(second).empty());
+}
+
 TEST_F(OutputTest, ClosingThePortReleasesASenderThatWaits)
 {
     sim::setCompletion(output, sim::Completion::Manual);
@@ -261,7 +297,7 @@ TEST_F(OutputTest, ClosingThePortReleasesASenderThatWaits)
     // The port is closed long before the pause behind a chunk ends.
     std::atomic<bool> closed{false};
     sim::onSleep([&](DWORD milliseconds) {
-        while (milliseconds > 0 && !closed)
+        while (milliseconds > 1 && !closed)
             std::this_thread::yield();
     });
     std::thread sender([&] { result = send(data); });

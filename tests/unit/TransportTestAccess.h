@@ -14,10 +14,11 @@ using Bytes = std::vector<unsigned char>;
 /// What tests and benches see of the objects' insides.
 struct TransportTestAccess
 {
-    static int frame(TMIDITransport& transport, const Bytes& chunk, bool strictStart = true)
+    static int frame(TMIDITransport& transport, const Bytes& chunk, bool strictStart = true,
+                     bool spare = false)
     {
         return transport.TMIDITransport::read(static_cast<int>(chunk.size()), chunk.data(),
-                                              strictStart, false);
+                                              strictStart, spare);
     }
     static int frame(TMIDITransport& transport, int length, const void* data)
     {
@@ -36,9 +37,9 @@ struct TransportTestAccess
     {
         return *static_cast<TWinMIDI&>(transport).d;
     }
-    static int drain(TMIDITransport& transport)
+    static int drain(TMIDITransport& transport, bool strictStart = true)
     {
-        return static_cast<TWinMIDI&>(transport).read(0, nullptr, true, false);
+        return static_cast<TWinMIDI&>(transport).read(0, nullptr, strictStart, false);
     }
     static bool outputData(TMIDITransport& transport, int length, unsigned char* data,
                            unsigned int status)
