@@ -98,8 +98,8 @@ struct TWinMIDIPrivate
     /// output headers at all.
     MIDIHDR* takeOutputHeader();
 
-    /// Waits until the chunk is done that was sent when the output had been closed `closings` times,
-    /// or until the output closes.
+    /// Waits until the chunk is done that was sent when the output had been closed `closings`
+    /// times, or until the output closes.
     void awaitChunk(unsigned closings);
 
     /// Once the port is closed: ends the waits for chunks that it did not give back.

@@ -76,9 +76,9 @@ TEST_F(TransportTest, TheFirstTwoTransportsOfAProcessAreNumbersOneAndTwo)
         TMIDITransport* const one = new BareTransport;
         TMIDITransport* const two = new BareTransport;
         const std::vector<std::u16string> names = sim::eventNames();
-        const bool right = names == std::vector<std::u16string>{
-                                        u"lumora.framework.transport - (1) - ",
-                                        u"lumora.framework.transport - (2) - "};
+        const bool right =
+            names == std::vector<std::u16string>{u"lumora.framework.transport - (1) - ",
+                                                 u"lumora.framework.transport - (2) - "};
         one->Release();
         two->Release();
         return right;
