@@ -63,9 +63,9 @@ void TMIDITransport::MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* l
         return;
     const QStringList texts = sortedPortTexts(accessor->plugs(output));
     unsigned int index = 0;
-    for (QStringList::const_iterator text = texts.begin(); text != texts.end(); ++text) {
+    for (const QString& text : texts) {
         if (index < ports->count)
-            fillEntry(&ports->entries[index++], *text);
+            fillEntry(&ports->entries[index++], text);
     }
 }
 
