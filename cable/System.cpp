@@ -34,7 +34,7 @@ Handle startThread(std::function<void()> body)
     auto owned = std::make_unique<std::function<void()>>(std::move(body));
     Handle thread(CreateThread(nullptr, 0, runBody, owned.get(), 0, nullptr));
     if (thread)
-        owned.release(); // runBody owns it now
+        static_cast<void>(owned.release()); // runBody owns it now
     return thread;
 }
 

@@ -23,7 +23,7 @@ public:
     void setPath(const QString& organization, const QString& application,
                  QSettings::Scope scope = QSettings::SystemScope)
     {
-        store.reset(new QSettings(scope, organization, application));
+        store = std::make_unique<QSettings>(scope, organization, application);
     }
 
     /// A missing key reads as an empty list.

@@ -16,9 +16,9 @@ public:
 
     /// Arguments in order; the last may repeat. `syntax` stands in the usage line, "PORT" or
     /// "[BYTES…]".
-    void addArgument(const QString& name, const QString& description, const QString& syntax);
-    void addOption(const QString& name, const QString& description);
-    void addOption(const QString& name, const QString& description, const QString& valueName,
+    void addArgument(const QString& argument, const QString& description, const QString& syntax);
+    void addOption(const QString& option, const QString& description);
+    void addOption(const QString& option, const QString& description, const QString& valueName,
                    const QString& defaultValue = QString());
 
     /// What follows the first argument is not looked at: it belongs to a command.

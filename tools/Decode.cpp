@@ -103,7 +103,7 @@ QString controllerName(int controller)
 // Identifiers that begin with 0 have two more bytes. Empty if the message has no identifier.
 static QByteArray manufacturerOf(const QByteArray& sysEx)
 {
-    const QByteArray body = sysEx.mid(1, sysEx.size() - 2);
+    QByteArray body = sysEx.mid(1, sysEx.size() - 2);
     if (body.isEmpty())
         return body;
     return body.left(body.at(0) == 0 ? 3 : 1);

@@ -12,11 +12,11 @@
 QByteArray trimmed(const QByteArray& message);
 
 /// "Note On ch 1 C4 velocity 100"
-QString toText(const QByteArray& message);
+QString toText(const QByteArray& padded);
 
 /// {"type": "note_on", "channel": 1, "note": 60, "name": "C4", "velocity": 100, "bytes": "90 3C
 /// 64"}
-QJsonObject toJson(const QByteArray& message);
+QJsonObject toJson(const QByteArray& padded);
 
 /// Middle C, note 60, is "C4".
 QString noteName(int note);

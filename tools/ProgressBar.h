@@ -20,9 +20,9 @@ public:
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    /// The sender begins a message of `bytes` behind `sent` bytes that were handed over, of which
-    /// `queue` is still on the way.
-    void sending(qint64 sent, int bytes, const WireQueue& queue);
+    /// The sender begins a message of `bytes` behind `nowSent` bytes that were handed over, of
+    /// which `nowQueued` is still on the way.
+    void sending(qint64 nowSent, int bytes, const WireQueue& nowQueued);
 
 private:
     void draw();

@@ -30,7 +30,7 @@ static QByteArray readFile(const QString& name)
                       QStringLiteral("It cannot be read: %1").arg(sentence(file.errorString()))};
     if (file.size() > INT_MAX)
         throw Failure{ExitStatus::BadData, QStringLiteral("It is too large.")};
-    const QByteArray bytes = file.readAll();
+    QByteArray bytes = file.readAll();
     if (bytes.size() != file.size())
         throw Failure{
             ExitStatus::Failed,

@@ -38,7 +38,7 @@ QVector<Port> Session::ports(bool output) const
 
 Port Session::openInput(const QString& text, Receiver& receiver)
 {
-    const Port port = findPort(ports(false), text, false);
+    Port port = findPort(ports(false), text, false);
     midi->registerMIDIobserver(&receiver);
     if (!midi->openInput(port.number))
         refuseToOpen(port, false);
@@ -47,7 +47,7 @@ Port Session::openInput(const QString& text, Receiver& receiver)
 
 Port Session::openOutput(const QString& text)
 {
-    const Port port = findPort(ports(true), text, true);
+    Port port = findPort(ports(true), text, true);
     if (!midi->openOutput(port.number))
         refuseToOpen(port, true);
     return port;

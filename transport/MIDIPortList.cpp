@@ -63,9 +63,9 @@ void TMIDITransport::MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* l
     unsigned int filled = 0;
     try {
         const QStringList texts = sortedPortTexts(accessor->plugs(output));
-        for (QStringList::const_iterator text = texts.begin(); text != texts.end(); ++text) {
+        for (const QString& text : texts) {
             if (ports->entries && filled < ports->count)
-                fillEntry(&ports->entries[filled++], *text);
+                fillEntry(&ports->entries[filled++], text);
         }
     } catch (const std::bad_alloc&) {
         // As if there had been no memory for the array; its readers may have no exceptions.

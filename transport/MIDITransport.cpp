@@ -21,7 +21,7 @@ static HANDLE createDataEvent(int number)
     // Another process may have made a transport of this number. Both then share its event, and a
     // signal wakes only one of their two threads; that condition is accepted and not looked at.
     const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, wideName);
-    GetLastError();
+    static_cast<void>(GetLastError());
     CoTaskMemFree(wideName);
     return event;
 }
