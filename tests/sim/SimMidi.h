@@ -140,8 +140,8 @@ template <typename Handle>
 struct Device
 {
     Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions)
-        : name(deviceName.substr(0, MAXPNAMELEN)), options(deviceOptions),
-          kind(deviceOptions.kind), completion(deviceOptions.completion)
+        : name(deviceName.substr(0, MAXPNAMELEN)), options(deviceOptions), kind(deviceOptions.kind),
+          completion(deviceOptions.completion)
     {}
 
     const std::u16string name;
