@@ -38,14 +38,26 @@ protected:
         return back;
     }
 
-    /// What the simulation itself keeps on the heap of each port that was opened.
+    /// What the simulation itself keeps on the heap of each port that was opened and had buffers.
     std::size_t bytesPerPort()
     {
         constexpr std::size_t kPorts = 100;
+        std::vector<MIDIHDR> headers(kInputHeaders);
+        char buffer[16] = {};
         const std::size_t before = allocatedBytes();
         for (std::size_t i = 0; i < kPorts; ++i) {
             HMIDIIN port = nullptr;
             midiInOpen(&port, static_cast<UINT>(input), 0, 0, CALLBACK_NULL);
+            for (MIDIHDR& header : headers) {
+                header = {};
+                header.lpData = buffer;
+                header.dwBufferLength = sizeof buffer;
+                midiInPrepareHeader(port, &header, sizeof header);
+                midiInAddBuffer(port, &header, sizeof header);
+            }
+            midiInReset(port);
+            for (MIDIHDR& header : headers)
+                midiInUnprepareHeader(port, &header, sizeof header);
             midiInClose(port);
         }
         return (allocatedBytes() - before) / kPorts;
