@@ -4,6 +4,7 @@
 #include "tools/Decode.h"
 #include "tools/Failure.h"
 #include "tools/Interruption.h"
+#include "tools/MidiBytes.h"
 #include "tools/Pacing.h"
 #include "tools/Receiver.h"
 #include "tools/Statistics.h"
@@ -36,9 +37,9 @@ static QByteArray testMessage(int bytes, int round)
         noise = noise * 1664525u + 1013904223u;
         byte = static_cast<char>(noise >> 25);
     }
-    message[0] = '\xF0';
+    message[0] = static_cast<char>(kSysExStart);
     message[1] = '\x7D'; // the identifier for test use
-    message[bytes - 1] = '\xF7';
+    message[bytes - 1] = static_cast<char>(kSysExEnd);
     return message;
 }
 
@@ -118,8 +119,6 @@ public:
     }
 
 private:
-    static bool isSysEx(const QByteArray& message) { return message.startsWith('\xF0'); }
-
     static QString missingReply(steady_clock::time_point start)
     {
         if (interrupted())

@@ -3,8 +3,6 @@
 #include "tools/Failure.h"
 #include "tools/Text.h"
 
-static const unsigned char kSysExStart = 0xF0;
-static const unsigned char kSysExEnd = 0xF7;
 static const unsigned char kFirstRealTime = 0xF8;
 
 static unsigned char byteAt(const QByteArray& bytes, int index)
@@ -147,10 +145,15 @@ QVector<QByteArray> splitSysEx(const QByteArray& bytes)
     return messages;
 }
 
+bool isSysEx(const QByteArray& message)
+{
+    return !message.isEmpty() && byteAt(message, 0) == kSysExStart;
+}
+
 bool isWholeSysEx(const QByteArray& message)
 {
     const int last = lengthOf(message) - 1;
-    if (last < 1 || byteAt(message, 0) != kSysExStart || byteAt(message, last) != kSysExEnd)
+    if (last < 1 || !isSysEx(message) || byteAt(message, last) != kSysExEnd)
         return false;
     for (int i = 1; i < last; ++i) {
         if (isStatus(byteAt(message, i)))

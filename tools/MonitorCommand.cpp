@@ -13,9 +13,6 @@
 
 using std::chrono::steady_clock;
 
-// As good as no end: a time that can still be added to.
-static const std::chrono::hours kForever(24 * 365 * 10);
-
 static QString jsonLine(const ReceivedMessage& message, steady_clock::time_point start)
 {
     using milliseconds = std::chrono::duration<double, std::milli>;

@@ -9,6 +9,9 @@
 #include <deque>
 #include <mutex>
 
+/// As good as no end: a time that can still be added to.
+const std::chrono::hours kForever(24 * 365 * 10);
+
 struct ReceivedMessage
 {
     QByteArray bytes;

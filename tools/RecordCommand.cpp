@@ -14,8 +14,6 @@
 
 using std::chrono::steady_clock;
 
-static const std::chrono::hours kForever(24 * 365 * 10);
-
 [[noreturn]] static void refuseToWrite(const QSaveFile& file)
 {
     throw Failure{ExitStatus::Failed, QStringLiteral("%1 cannot be written: %2")
@@ -42,7 +40,7 @@ static Recorded recordInto(QSaveFile& file, Receiver& receiver, int count,
     ReceivedMessage message;
     auto end = steady_clock::now() + kForever;
     while (recorded.messages < count && receiver.next(&message, end)) {
-        if (!message.bytes.startsWith('\xF0'))
+        if (!isSysEx(message.bytes))
             continue; // a channel message
         end = message.time + idle;
         const QByteArray sysEx = withoutRealTime(message.bytes);

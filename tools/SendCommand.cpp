@@ -38,7 +38,7 @@ static QByteArray readFile(const QString& name)
     return bytes;
 }
 
-static QVector<QByteArray> checked(const QVector<QByteArray>& messages)
+static QVector<QByteArray> notEmpty(const QVector<QByteArray>& messages)
 {
     if (messages.isEmpty())
         throw Failure{ExitStatus::BadData, QStringLiteral("There is no message.")};
@@ -50,8 +50,8 @@ static QVector<QByteArray> messagesOf(const CommandLine& line)
 {
     const bool fromFile = line.isSet("file");
     try {
-        return checked(fromFile ? splitSysEx(readFile(line.value("file")))
-                                : splitMessages(parseHex(line.arguments().mid(1))));
+        return notEmpty(fromFile ? splitSysEx(readFile(line.value("file")))
+                                 : splitMessages(parseHex(line.arguments().mid(1))));
     } catch (const Failure& failure) {
         const QString source =
             fromFile ? QDir::toNativeSeparators(line.value("file")) + QLatin1String(": ")
