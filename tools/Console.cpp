@@ -1,5 +1,8 @@
 #include "tools/Console.h"
 
+#include "tools/Failure.h"
+#include "tools/Text.h"
+
 #include <windows.h>
 
 static bool isTerminal(HANDLE stream)
@@ -8,6 +11,7 @@ static bool isTerminal(HANDLE stream)
     return GetConsoleMode(stream, &mode);
 }
 
+// False, with the reason in GetLastError(), if not all could be written.
 static bool writeTo(DWORD which, const QString& text)
 {
     const HANDLE stream = GetStdHandle(which);
@@ -29,7 +33,18 @@ static bool writeTo(DWORD which, const QString& text)
 
 bool print(const QString& text)
 {
-    return writeTo(STD_OUTPUT_HANDLE, text);
+    if (writeTo(STD_OUTPUT_HANDLE, text))
+        return true;
+    switch (const DWORD error = GetLastError()) {
+    case ERROR_BROKEN_PIPE:
+    case ERROR_NO_DATA:
+    case ERROR_PIPE_NOT_CONNECTED:
+        return false;
+    default:
+        throw Failure{ExitStatus::Failed,
+                      QStringLiteral("Standard output cannot be written: %1")
+                          .arg(sentence(qt_error_string(static_cast<int>(error))))};
+    }
 }
 
 void say(const QString& line)
