@@ -101,8 +101,10 @@ public:
         const auto deadline = start + replyTime(message.size());
         ReceivedMessage reply;
         do {
-            if (!receiver.next(&reply, deadline))
+            if (!receiver.next(&reply, deadline)) {
+                receiver.expectNothingLost();
                 throw Failure{ExitStatus::Failed, missingReply(start)};
+            }
         } while (isSysEx(reply.bytes) != isSysEx(message)); // somebody may be playing
         const QByteArray received = trimmed(reply.bytes);
         if (received != message)

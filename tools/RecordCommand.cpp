@@ -111,6 +111,7 @@ void recordCommand(const QStringList& arguments)
     say(QStringLiteral("%1, %2, written to %3.")
             .arg(counted(recorded.messages, "message"), counted(recorded.bytes, "byte"),
                  QDir::toNativeSeparators(file.fileName())));
+    receiver.expectNothingLost();
     if (recorded.damaged > 0)
         throw Failure{
             ExitStatus::BadData,

@@ -1,7 +1,9 @@
 // The parts of lumora-midi that need no MIDI.
 
+#include "tests/unit/OutOfMemory.h"
 #include "tools/Decode.h"
 #include "tools/Failure.h"
+#include "tools/MessageQueue.h"
 #include "tools/MidiBytes.h"
 #include "tools/Pacing.h"
 #include "tools/Ports.h"
@@ -135,6 +137,101 @@ TEST(Received, RealTimeMessagesAreTakenOutOfSysExWithTheirPadding)
     EXPECT_EQ(withoutRealTime(bytes("f07d000000f7")), bytes("f07d000000f7"));
     EXPECT_EQ(withoutRealTime(bytes("f07df81000f7")), bytes("f07df81000f7"))
         << "no padding: kept as it came";
+}
+
+// --- Between the thread that receives and the one that prints
+
+using std::chrono::milliseconds;
+
+static const MessageQueue::time_point kStart{};
+
+static void push(MessageQueue* queue, const char* text, MessageQueue::time_point time = kStart)
+{
+    const QByteArray message = bytes(text);
+    queue->push(message.constData(), static_cast<int>(message.size()), time);
+}
+
+TEST(Queue, GivesMessagesInOrderWithTheirTimes)
+{
+    MessageQueue queue(1000);
+    push(&queue, "903c64", kStart + milliseconds(1));
+    push(&queue, "f0f7", kStart + milliseconds(2));
+    ReceivedMessage message;
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("903c64"));
+    EXPECT_EQ(message.time, kStart + milliseconds(1));
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("f0f7"));
+    EXPECT_FALSE(queue.take(&message, kStart));
+    EXPECT_EQ(queue.lost().messages, 0);
+}
+
+TEST(Queue, DropsAndCountsWhatComesWhenItIsFull)
+{
+    MessageQueue queue(2 * MessageQueue::kMessageCost);
+    push(&queue, "903c64");
+    push(&queue, "f07df7"); // with this one it is full
+    push(&queue, "f07d01f7");
+    push(&queue, "c505");
+    EXPECT_EQ(queue.lost().messages, 2);
+    EXPECT_EQ(queue.lost().bytes, 6);
+
+    ReceivedMessage message;
+    ASSERT_TRUE(queue.take(&message, kStart));
+    push(&queue, "d140");
+    EXPECT_EQ(queue.lost().messages, 2) << "there is room again";
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("f07df7"));
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("d140"));
+}
+
+TEST(Queue, AMessageLargerThanAllItsRoomIsTaken)
+{
+    MessageQueue queue(1000);
+    push(&queue, "903c64");
+    const QByteArray large(5000, '\x01');
+    queue.push(large.constData(), 5000, kStart);
+    EXPECT_EQ(queue.lost().messages, 0);
+    ReceivedMessage message;
+    queue.take(&message, kStart);
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, large);
+}
+
+TEST(Queue, WhatComesAtItsEndOrLaterIsNeitherTakenNorLost)
+{
+    MessageQueue queue(MessageQueue::kMessageCost);
+    queue.endAt(kStart + milliseconds(10));
+    queue.endAt(kStart + milliseconds(20)); // the earlier one counts
+    push(&queue, "c501", kStart + milliseconds(9));
+    push(&queue, "c502", kStart + milliseconds(10));
+    push(&queue, "c503", kStart + milliseconds(11));
+    ReceivedMessage message;
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("c501"));
+    EXPECT_FALSE(queue.take(&message, kStart));
+    EXPECT_EQ(queue.lost().messages, 0);
+}
+
+TEST(Queue, WithoutMemoryAMessageIsLost)
+{
+    MessageQueue queue(1000 * 1000);
+    const int pushed = 1000; // more than any block of the queue's has room for
+    {
+        const OutOfMemory nowhere;
+        for (int i = 0; i < pushed; ++i)
+            queue.push("\xC5\x05", 2, kStart);
+    }
+    EXPECT_GT(queue.lost().messages, 0);
+    ReceivedMessage message;
+    int taken = 0;
+    while (queue.take(&message, kStart)) {
+        EXPECT_EQ(message.bytes, bytes("c505"));
+        ++taken;
+    }
+    EXPECT_EQ(taken + queue.lost().messages, pushed);
+    EXPECT_EQ(queue.lost().bytes, 2 * queue.lost().messages);
 }
 
 // --- Decoding
