@@ -32,7 +32,8 @@ struct Recorded
 
 } // namespace
 
-// Until `count` messages are in the file, none comes for `idle` after the last one, or Ctrl-C.
+// Until `count` messages are in the file, none is complete for `idle` after the last one, or
+// Ctrl-C. The library shows nothing of a message before it is complete.
 static Recorded recordInto(QSaveFile& file, Receiver& receiver, int count,
                            steady_clock::duration idle)
 {
@@ -71,8 +72,9 @@ void recordCommand(const QStringList& arguments)
                      QStringLiteral("The file, which is replaced if it exists."),
                      QStringLiteral("FILE"));
     line.addOption(QStringLiteral("idle"),
-                   QStringLiteral("Ends when nothing more comes for so many milliseconds "
-                                  "after a message."),
+                   QStringLiteral("Ends when no further message is complete so many milliseconds "
+                                  "after one. Must be longer than the longest message takes: 0.32 "
+                                  "ms a byte at MIDI's wire speed."),
                    QStringLiteral("MS"));
     line.addOption(QStringLiteral("count"),
                    QStringLiteral("Ends after so many messages; fewer are a failure, and "
