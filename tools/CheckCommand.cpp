@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <thread>
 
 using std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
@@ -94,8 +95,7 @@ public:
     double roundTrip(const QByteArray& message)
     {
         const auto start = steady_clock::now();
-        if (!transport.outputData(message.size(), message.constData()))
-            throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the data.")};
+        send(message);
         sendingTime = steady_clock::now() - start;
 
         const auto deadline = start + replyTime(message.size());
@@ -121,6 +121,24 @@ public:
     }
 
 private:
+    // After Ctrl-C the message is still sent, to its last byte.
+    void send(const QByteArray& message)
+    {
+        if (interrupted())
+            throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
+        answerInterruption("Ending after this message; Ctrl-C again cuts it short.");
+        const bool ok = transport.outputData(message.size(), message.constData());
+        answerInterruption(nullptr);
+        if (!ok)
+            throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the data.")};
+        if (interrupted()) {
+            // The library does not wait for the last chunk.
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(wireMs(chunksOf(message.size()).last()) + kDriverMs));
+            throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
+        }
+    }
+
     static QString missingReply(steady_clock::time_point start)
     {
         if (interrupted())

@@ -19,9 +19,6 @@
 // A shorter wait is not worth a word.
 static const qint64 kNoticeableMs = 250;
 
-// What driver and port may need on top of the time on the wire.
-static const qint64 kDriverMs = 100;
-
 static QByteArray readFile(const QString& name)
 {
     QFile file(name);
