@@ -2,6 +2,7 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 #include "tools/Session.h"
+#include "tools/Text.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -63,7 +64,7 @@ static QString asText(const Listing& listing)
                         .arg(QString::number(port.number).rightJustified(3), port.id.toString(),
                              contains(direction.known, port) ? QStringLiteral("known")
                                                              : QStringLiteral("new  ")) +
-                    port.name + QLatin1Char('\n');
+                    printable(port.name) + QLatin1Char('\n');
         if (direction.ports.isEmpty())
             text += QStringLiteral("  none\n");
     }

@@ -1,6 +1,7 @@
 #include "tools/Ports.h"
 
 #include "tools/Failure.h"
+#include "tools/Text.h"
 
 #include <algorithm>
 
@@ -26,7 +27,7 @@ QVector<Port> portsOf(const QMap<QUuid, QString>& labels)
 QString describe(const Port& port, bool output)
 {
     return QStringLiteral("%1 %2 \"%3\"")
-        .arg(directionName(output), QString::number(port.number), port.name);
+        .arg(directionName(output), QString::number(port.number), printable(port.name));
 }
 
 static QString candidates(const QVector<Port>& ports)
@@ -34,7 +35,7 @@ static QString candidates(const QVector<Port>& ports)
     QString text;
     for (const Port& port : ports)
         text += QStringLiteral("\n  %1  %2  %3")
-                    .arg(QString::number(port.number), port.id.toString(), port.name);
+                    .arg(QString::number(port.number), port.id.toString(), printable(port.name));
     return text;
 }
 

@@ -28,6 +28,16 @@ QString sentence(const QString& text)
     return text.endsWith(QLatin1Char('.')) ? text : text + QLatin1Char('.');
 }
 
+QString printable(const QString& name)
+{
+    QString text = name;
+    for (QChar& c : text) {
+        if (c.category() == QChar::Other_Control)
+            c = QChar(QChar::ReplacementCharacter);
+    }
+    return text;
+}
+
 QString duration(qint64 milliseconds)
 {
     if (milliseconds < 1000)

@@ -17,6 +17,10 @@ QString hex(unsigned char byte);
 /// `text` with one full stop behind it, whether it had one or not.
 QString sentence(const QString& text);
 
+/// `name` for people to read: U+FFFD in place of each control character, which could steer the
+/// terminal or begin another line.
+QString printable(const QString& name);
+
 /// "1.3 s", "205 ms"
 QString duration(qint64 milliseconds);
 

@@ -370,6 +370,15 @@ TEST(Ports, AnUnknownOneListsAll)
         failureOf([] { findPort({}, "1", false); }).message.contains("no MIDI input at all"));
 }
 
+TEST(Ports, ControlCharactersOfANameDoNotReachTheTerminal)
+{
+    const Port port = {1, "A\r\n\033[31mB", kFirst};
+    EXPECT_EQ(describe(port, false), QString::fromUtf8("input 1 \"A\uFFFD\uFFFD\uFFFD[31mB\""));
+    const Failure failure = failureOf([=] { findPort({port}, "2", false); });
+    EXPECT_TRUE(failure.message.endsWith(QString::fromUtf8("  A\uFFFD\uFFFD\uFFFD[31mB")));
+    EXPECT_EQ(findPort({port}, port.name, false).id, kFirst) << "the name itself is as it was";
+}
+
 // --- Pacing
 
 TEST(Pacing, ChunksAreOf4096Bytes)
@@ -478,6 +487,14 @@ TEST(Statistics, PercentileIsTheNearestRank)
     EXPECT_EQ(percentile(values, 100), 100);
     EXPECT_EQ(percentile({7}, 50), 7);
     EXPECT_EQ(percentile({1, 2}, 50), 1);
+}
+
+TEST(Wording, PrintableReplacesControlCharactersAlone)
+{
+    for (const int control : {0x00, 0x1B, 0x1F, 0x7F, 0x80, 0x9B, 0x9F})
+        EXPECT_EQ(printable(QString(QChar(control))), QString::fromUtf8("\uFFFD")) << control;
+    const QString name = QString::fromUtf8(" ~\u00A0Größe 鍵盤 🎹 ♫");
+    EXPECT_EQ(printable(name), name);
 }
 
 TEST(Wording, NumbersDurationsAndStops)
