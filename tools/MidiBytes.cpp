@@ -35,6 +35,14 @@ static bool isStatus(unsigned char byte)
         QStringLiteral("%1 at offset %2 of \"%3\".").arg(what, QString::number(offset), text)};
 }
 
+// Beyond U+FFFF a character has two places in a QString.
+static QString characterAt(const QString& text, int index)
+{
+    const bool isPair = text.at(index).isHighSurrogate() && index + 1 < text.size() &&
+                        text.at(index + 1).isLowSurrogate();
+    return text.mid(index, isPair ? 2 : 1);
+}
+
 QByteArray parseHex(const QStringList& texts)
 {
     const QString text = texts.join(QLatin1Char(' '));
@@ -50,7 +58,9 @@ QByteArray parseHex(const QStringList& texts)
         bool isDigit = false;
         QString(c).toInt(&isDigit, 16);
         if (!isDigit)
-            refuseText(text, QStringLiteral("\"%1\" is no hexadecimal digit,").arg(c), i);
+            refuseText(text,
+                       QStringLiteral("\"%1\" is no hexadecimal digit,").arg(characterAt(text, i)),
+                       i);
         if (first < 0) {
             first = i;
             continue;

@@ -47,6 +47,15 @@ static QVector<Port> matching(const QVector<Port>& ports, Condition condition)
     return result;
 }
 
+// Whether `text` is an identifier. QUuid makes the null one, which a store edited by hand may hold,
+// of what is none, too.
+static bool isIdentifier(const QString& text)
+{
+    const QUuid null;
+    return !QUuid(text).isNull() || text == null.toString() ||
+           text == null.toString(QUuid::WithoutBraces);
+}
+
 Port findPort(const QVector<Port>& ports, const QString& text, bool output)
 {
     const QUuid id(text);
@@ -54,7 +63,7 @@ Port findPort(const QVector<Port>& ports, const QString& text, bool output)
     const int number = text.toInt(&isNumber);
 
     QVector<Port> found;
-    if (!id.isNull())
+    if (isIdentifier(text))
         found = matching(ports, [&](const Port& port) { return port.id == id; });
     if (found.isEmpty() && isNumber)
         found = matching(ports, [&](const Port& port) { return port.number == number; });

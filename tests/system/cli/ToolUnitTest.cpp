@@ -61,6 +61,17 @@ TEST(Hex, RefusesAnythingElseWithItsOffset)
     expectBadData([] { parseHex({QString::fromUtf8("٣")}); }, "at offset 0");
 }
 
+TEST(Hex, NamesAWholeCharacterBeyondThoseOfOneUnit)
+{
+    expectBadData(
+        [] {
+            parseHex({"F0", QString::fromUtf8("🎹")});
+        },
+        "\"🎹\" is no hexadecimal digit, at offset 3 of \"F0 🎹\".");
+    expectBadData([] { parseHex({QString(QChar(0xD83C))}); },
+                  "is no hexadecimal digit, at offset 0");
+}
+
 // --- Messages
 
 TEST(Messages, AreSplitByTheirStatusBytes)
@@ -339,6 +350,14 @@ TEST(Ports, AreFoundByIdentifierNumberAndUniqueName)
     EXPECT_EQ(findPort(kPorts, kSecond.toString(QUuid::WithoutBraces).toUpper(), false).number, 10);
     EXPECT_EQ(findPort(kPorts, "10", false).id, kSecond);
     EXPECT_EQ(findPort(kPorts, "Synth", false).id, kThird);
+}
+
+TEST(Ports, TheNullIdentifierIsOneLikeAnyOther)
+{
+    const QVector<Port> ports = {{1, "", kFirst}, {2, "Synth", QUuid()}};
+    EXPECT_EQ(findPort(ports, "{00000000-0000-0000-0000-000000000000}", false).number, 2);
+    EXPECT_EQ(findPort(ports, "00000000-0000-0000-0000-000000000000", false).number, 2);
+    EXPECT_EQ(findPort(ports, "", false).number, 1) << "no identifier: the name";
 }
 
 TEST(Ports, ANumberIsAlsoANameWhereNoPortHasThatNumber)
