@@ -19,14 +19,19 @@
 // A shorter wait is not worth a word.
 static const qint64 kNoticeableMs = 250;
 
+// Well below the longest array that Qt 5 can make.
+static const qint64 kLongestFile = 2000 * 1000 * 1000;
+
 static QByteArray readFile(const QString& name)
 {
     QFile file(name);
     if (!file.open(QIODevice::ReadOnly))
         throw Failure{ExitStatus::Failed,
                       QStringLiteral("It cannot be read: %1").arg(sentence(file.errorString()))};
-    if (file.size() > INT_MAX)
-        throw Failure{ExitStatus::BadData, QStringLiteral("It is too large.")};
+    if (file.size() > kLongestFile)
+        throw Failure{ExitStatus::BadData,
+                      QStringLiteral("It is too large: %1, and %2 are possible.")
+                          .arg(counted(file.size(), "byte"), grouped(kLongestFile))};
     const QByteArray bytes = file.readAll();
     if (bytes.size() != file.size())
         throw Failure{
