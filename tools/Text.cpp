@@ -38,6 +38,15 @@ QString printable(const QString& name)
     return text;
 }
 
+int pieceEnd(const QString& text, int start, int most)
+{
+    const int size = static_cast<int>(text.size());
+    if (size - start <= most)
+        return size;
+    const int end = start + most;
+    return text.at(end - 1).isHighSurrogate() && text.at(end).isLowSurrogate() ? end - 1 : end;
+}
+
 QString duration(qint64 milliseconds)
 {
     if (milliseconds < 1000)

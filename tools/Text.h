@@ -21,6 +21,10 @@ QString sentence(const QString& text);
 /// terminal or begin another line.
 QString printable(const QString& name);
 
+/// Where the piece of `text` that begins at `start` ends: `most` UTF-16 units on, at the end, or
+/// one earlier where that would part a surrogate pair. `most` is 2 at least.
+int pieceEnd(const QString& text, int start, int most);
+
 /// "1.3 s", "205 ms"
 QString duration(qint64 milliseconds);
 

@@ -516,6 +516,19 @@ TEST(Wording, PrintableReplacesControlCharactersAlone)
     EXPECT_EQ(printable(name), name);
 }
 
+TEST(Wording, PiecesPartNoSurrogatePair)
+{
+    const QString text = QString::fromUtf8("a🎹🎹b"); // 1 + 2 + 2 + 1 units
+    EXPECT_EQ(pieceEnd(text, 0, 2), 1);
+    EXPECT_EQ(pieceEnd(text, 1, 2), 3);
+    EXPECT_EQ(pieceEnd(text, 0, 3), 3);
+    EXPECT_EQ(pieceEnd(text, 3, 2), 5);
+    EXPECT_EQ(pieceEnd(text, 5, 2), 6);
+    EXPECT_EQ(pieceEnd(text, 0, 6), 6);
+    EXPECT_EQ(pieceEnd(text, 0, 100), 6);
+    EXPECT_EQ(pieceEnd(QString(3, QChar(0xD83C)), 0, 2), 2) << "no pair";
+}
+
 TEST(Wording, NumbersDurationsAndStops)
 {
     EXPECT_EQ(grouped(1234567), "1,234,567");
