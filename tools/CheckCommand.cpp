@@ -4,6 +4,7 @@
 #include "tools/Decode.h"
 #include "tools/Failure.h"
 #include "tools/Interruption.h"
+#include "tools/MidiBytes.h"
 #include "tools/Pacing.h"
 #include "tools/Receiver.h"
 #include "tools/Statistics.h"
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <thread>
 
 using std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
@@ -36,9 +38,9 @@ static QByteArray testMessage(int bytes, int round)
         noise = noise * 1664525u + 1013904223u;
         byte = static_cast<char>(noise >> 25);
     }
-    message[0] = '\xF0';
+    message[0] = static_cast<char>(kSysExStart);
     message[1] = '\x7D'; // the identifier for test use
-    message[bytes - 1] = '\xF7';
+    message[bytes - 1] = static_cast<char>(kSysExEnd);
     return message;
 }
 
@@ -93,15 +95,16 @@ public:
     double roundTrip(const QByteArray& message)
     {
         const auto start = steady_clock::now();
-        if (!transport.outputData(message.size(), message.constData()))
-            throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the data.")};
+        send(message);
         sendingTime = steady_clock::now() - start;
 
         const auto deadline = start + replyTime(message.size());
         ReceivedMessage reply;
         do {
-            if (!receiver.next(&reply, deadline))
+            if (!receiver.next(&reply, deadline)) {
+                receiver.expectNothingLost();
                 throw Failure{ExitStatus::Failed, missingReply(start)};
+            }
         } while (isSysEx(reply.bytes) != isSysEx(message)); // somebody may be playing
         const QByteArray received = trimmed(reply.bytes);
         if (received != message)
@@ -118,7 +121,23 @@ public:
     }
 
 private:
-    static bool isSysEx(const QByteArray& message) { return message.startsWith('\xF0'); }
+    // After Ctrl-C the message is still sent, to its last byte.
+    void send(const QByteArray& message)
+    {
+        if (interrupted())
+            throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
+        answerInterruption("Ending after this message; Ctrl-C again cuts it short.");
+        const bool ok = transport.outputData(message.size(), message.constData());
+        answerInterruption(nullptr);
+        if (!ok)
+            throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the data.")};
+        if (interrupted()) {
+            // The library does not wait for the last chunk.
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(wireMs(chunksOf(message.size()).last()) + kDriverMs));
+            throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
+        }
+    }
 
     static QString missingReply(steady_clock::time_point start)
     {

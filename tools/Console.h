@@ -6,7 +6,8 @@
 // Both streams carry UTF-8; a console window is given UTF-16, so that its code page does not
 // matter. Nothing is buffered. Any thread.
 
-/// Writes data to standard output; false if nobody takes it any more.
+/// Writes data to standard output. False if its reader has gone, which is no failure; throws
+/// Failure if it cannot be written for another reason.
 bool print(const QString& text);
 
 /// Writes a line for people to standard error.

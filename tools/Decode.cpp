@@ -3,7 +3,6 @@
 #include "tools/MidiBytes.h"
 #include "tools/Text.h"
 
-static const unsigned char kSysExStart = 0xF0;
 static const int kPitchBendCentre = 0x2000;
 
 // Shown of a SysEx message in text.
@@ -190,7 +189,7 @@ QString toText(const QByteArray& padded)
     const QByteArray message = trimmed(padded);
     if (isChannelMessage(message))
         return channelText(message);
-    if (!message.isEmpty() && byteAt(message, 0) == kSysExStart)
+    if (isSysEx(message))
         return sysExText(message);
     return QLatin1String("Bytes ") + hex(message);
 }
@@ -242,7 +241,7 @@ QJsonObject toJson(const QByteArray& padded)
     QJsonObject json;
     if (isChannelMessage(message)) {
         addChannelMessage(&json, message);
-    } else if (!message.isEmpty() && byteAt(message, 0) == kSysExStart) {
+    } else if (isSysEx(message)) {
         addValue(&json, "sysex", "length", message.size());
         json.insert(QStringLiteral("manufacturer"), hex(manufacturerOf(message)));
     } else {

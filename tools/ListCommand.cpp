@@ -2,6 +2,7 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 #include "tools/Session.h"
+#include "tools/Text.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -63,7 +64,7 @@ static QString asText(const Listing& listing)
                         .arg(QString::number(port.number).rightJustified(3), port.id.toString(),
                              contains(direction.known, port) ? QStringLiteral("known")
                                                              : QStringLiteral("new  ")) +
-                    port.name + QLatin1Char('\n');
+                    printable(port.name) + QLatin1Char('\n');
         if (direction.ports.isEmpty())
             text += QStringLiteral("  none\n");
     }
@@ -107,10 +108,9 @@ void listCommand(const QStringList& arguments)
     print(line.isSet("json") ? asJson(listing, store) : asText(listing));
     if (!listing.stored)
         say(QStringLiteral(
-                "lumora-midi: The settings store HKEY_LOCAL_MACHINE\\Software\\%1\\%2 cannot be "
-                "written, "
-                "so new ports will get other identifiers next time. Run \"lumora-midi list\" once "
-                "as "
+                "lumora-midi: The identifiers of new ports are not kept in "
+                "HKEY_LOCAL_MACHINE\\Software\\%1\\%2 and will differ next time, as a rule because "
+                "only administrators may write there. Run \"lumora-midi list\" once as "
                 "administrator with the ports connected: it stores the identifiers for everybody.")
                 .arg(store.organization, store.application));
 }

@@ -3,8 +3,6 @@
 #include "tools/Failure.h"
 #include "tools/Text.h"
 
-static const unsigned char kSysExStart = 0xF0;
-static const unsigned char kSysExEnd = 0xF7;
 static const unsigned char kFirstRealTime = 0xF8;
 
 static unsigned char byteAt(const QByteArray& bytes, int index)
@@ -37,6 +35,14 @@ static bool isStatus(unsigned char byte)
         QStringLiteral("%1 at offset %2 of \"%3\".").arg(what, QString::number(offset), text)};
 }
 
+// Beyond U+FFFF a character has two places in a QString.
+static QString characterAt(const QString& text, int index)
+{
+    const bool isPair = text.at(index).isHighSurrogate() && index + 1 < text.size() &&
+                        text.at(index + 1).isLowSurrogate();
+    return text.mid(index, isPair ? 2 : 1);
+}
+
 QByteArray parseHex(const QStringList& texts)
 {
     const QString text = texts.join(QLatin1Char(' '));
@@ -52,7 +58,9 @@ QByteArray parseHex(const QStringList& texts)
         bool isDigit = false;
         QString(c).toInt(&isDigit, 16);
         if (!isDigit)
-            refuseText(text, QStringLiteral("\"%1\" is no hexadecimal digit,").arg(c), i);
+            refuseText(text,
+                       QStringLiteral("\"%1\" is no hexadecimal digit,").arg(characterAt(text, i)),
+                       i);
         if (first < 0) {
             first = i;
             continue;
@@ -147,10 +155,15 @@ QVector<QByteArray> splitSysEx(const QByteArray& bytes)
     return messages;
 }
 
+bool isSysEx(const QByteArray& message)
+{
+    return !message.isEmpty() && byteAt(message, 0) == kSysExStart;
+}
+
 bool isWholeSysEx(const QByteArray& message)
 {
     const int last = lengthOf(message) - 1;
-    if (last < 1 || byteAt(message, 0) != kSysExStart || byteAt(message, last) != kSysExEnd)
+    if (last < 1 || !isSysEx(message) || byteAt(message, last) != kSysExEnd)
         return false;
     for (int i = 1; i < last; ++i) {
         if (isStatus(byteAt(message, i)))

@@ -6,7 +6,10 @@
 #include <QStringList>
 #include <QVector>
 
-// MIDI data from outside, checked before any of it is used. All of these throw Failure with
+const unsigned char kSysExStart = 0xF0;
+const unsigned char kSysExEnd = 0xF7;
+
+// MIDI data from outside, checked before any of it is used. These three throw Failure with
 // ExitStatus::BadData, and with the offset of the offending byte or character, from 0.
 
 /// The bytes of hexadecimal text, as in {"F0", "7D10", "F7"} or {"F0 7D 10 F7"}: two digits for
@@ -22,6 +25,9 @@ QVector<QByteArray> splitSysEx(const QByteArray& bytes);
 /// The length in bytes of a message that begins with `status`; 0 for SysEx, whose length is open,
 /// and for what begins no message.
 int messageLength(unsigned char status);
+
+/// Whether `message` begins as a SysEx message does.
+bool isSysEx(const QByteArray& message);
 
 /// Whether `message` is one SysEx message, F0 … F7, with nothing but data bytes between.
 bool isWholeSysEx(const QByteArray& message);

@@ -13,9 +13,6 @@
 
 using std::chrono::steady_clock;
 
-// As good as no end: a time that can still be added to.
-static const std::chrono::hours kForever(24 * 365 * 10);
-
 static QString jsonLine(const ReceivedMessage& message, steady_clock::time_point start)
 {
     using milliseconds = std::chrono::duration<double, std::milli>;
@@ -57,12 +54,15 @@ void monitorCommand(const QStringList& arguments)
     const auto end = timed ? start + seconds : start + kForever;
     say(QStringLiteral("Listening to %1; Ctrl-C ends.").arg(describe(port, false)));
 
+    // At the end, what came before it may still wait to be printed; Ctrl-C gives that up.
+    receiver.endAt(end);
     ReceivedMessage message;
-    for (int i = 0; i < count && receiver.next(&message, end); ++i) {
+    for (int i = 0; i < count && !interrupted() && receiver.next(&message, end); ++i) {
         const QString text = raw    ? hex(trimmed(message.bytes))
                              : json ? jsonLine(message, start)
                                     : toText(message.bytes);
         if (!print(text + QLatin1Char('\n')))
             return; // whoever read this has seen enough
     }
+    receiver.expectNothingLost();
 }

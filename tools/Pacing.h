@@ -16,6 +16,9 @@ const int kChunksInFlight = 8;
 /// MIDI's wire speed: 31,250 bits a second, 10 bits a byte.
 const int kWireBytesPerSecond = 3125;
 
+/// What driver and port may need on top of the time on the wire.
+const int kDriverMs = 100;
+
 /// The sizes of the chunks of a message, in order.
 QVector<int> chunksOf(int bytes);
 

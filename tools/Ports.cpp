@@ -1,6 +1,7 @@
 #include "tools/Ports.h"
 
 #include "tools/Failure.h"
+#include "tools/Text.h"
 
 #include <algorithm>
 
@@ -26,7 +27,7 @@ QVector<Port> portsOf(const QMap<QUuid, QString>& labels)
 QString describe(const Port& port, bool output)
 {
     return QStringLiteral("%1 %2 \"%3\"")
-        .arg(directionName(output), QString::number(port.number), port.name);
+        .arg(directionName(output), QString::number(port.number), printable(port.name));
 }
 
 static QString candidates(const QVector<Port>& ports)
@@ -34,7 +35,7 @@ static QString candidates(const QVector<Port>& ports)
     QString text;
     for (const Port& port : ports)
         text += QStringLiteral("\n  %1  %2  %3")
-                    .arg(QString::number(port.number), port.id.toString(), port.name);
+                    .arg(QString::number(port.number), port.id.toString(), printable(port.name));
     return text;
 }
 
@@ -46,6 +47,15 @@ static QVector<Port> matching(const QVector<Port>& ports, Condition condition)
     return result;
 }
 
+// Whether `text` is an identifier. QUuid makes the null one, which a store edited by hand may hold,
+// of what is none, too.
+static bool isIdentifier(const QString& text)
+{
+    const QUuid null;
+    return !QUuid(text).isNull() || text == null.toString() ||
+           text == null.toString(QUuid::WithoutBraces);
+}
+
 Port findPort(const QVector<Port>& ports, const QString& text, bool output)
 {
     const QUuid id(text);
@@ -53,7 +63,7 @@ Port findPort(const QVector<Port>& ports, const QString& text, bool output)
     const int number = text.toInt(&isNumber);
 
     QVector<Port> found;
-    if (!id.isNull())
+    if (isIdentifier(text))
         found = matching(ports, [&](const Port& port) { return port.id == id; });
     if (found.isEmpty() && isNumber)
         found = matching(ports, [&](const Port& port) { return port.number == number; });

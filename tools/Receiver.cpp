@@ -1,33 +1,40 @@
 #include "tools/Receiver.h"
 
+#include "tools/Failure.h"
 #include "tools/Interruption.h"
+#include "tools/Text.h"
 
 #include <algorithm>
 
+using std::chrono::steady_clock;
+
 int Receiver::read(int length, const void* data, bool, bool)
 {
-    const ReceivedMessage message = {QByteArray(static_cast<const char*>(data), length),
-                                     std::chrono::steady_clock::now()};
-    {
-        const std::lock_guard<std::mutex> guard(mutex);
-        queue.push_back(message);
-    }
-    arrived.notify_one();
+    queue.push(data, length, steady_clock::now());
     return length;
 }
 
-bool Receiver::next(ReceivedMessage* message, std::chrono::steady_clock::time_point deadline)
+bool Receiver::next(ReceivedMessage* message, steady_clock::time_point deadline)
 {
-    std::unique_lock<std::mutex> guard(mutex);
-    while (queue.empty()) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline || interrupted())
+    // Ctrl-C comes on a thread that knows nothing of this queue.
+    const std::chrono::milliseconds poll(kInterruptionPollMs);
+    while (!interrupted()) {
+        const auto now = steady_clock::now();
+        if (queue.take(message, std::min(deadline, now + poll)))
+            return true;
+        if (now >= deadline)
             return false;
-        // Ctrl-C comes on a thread that knows nothing of this queue.
-        arrived.wait_until(
-            guard, std::min(deadline, now + std::chrono::milliseconds(kInterruptionPollMs)));
     }
-    *message = queue.front();
-    queue.pop_front();
-    return true;
+    const auto now = steady_clock::now();
+    queue.endAt(now);
+    return queue.take(message, now);
+}
+
+void Receiver::expectNothingLost() const
+{
+    const LostMessages lost = queue.lost();
+    if (lost.messages > 0)
+        throw Failure{ExitStatus::Failed,
+                      QStringLiteral("%1, %2, lost: they came faster than they were taken.")
+                          .arg(counted(lost.messages, "message"), counted(lost.bytes, "byte"))};
 }

@@ -1,19 +1,8 @@
 #ifndef LUMORA_TOOLS_RECEIVER_H
 #define LUMORA_TOOLS_RECEIVER_H
 
+#include "tools/MessageQueue.h"
 #include "transport/MIDITransport.h"
-
-#include <QByteArray>
-#include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
-
-struct ReceivedMessage
-{
-    QByteArray bytes;
-    std::chrono::steady_clock::time_point time; ///< when the observer was called
-};
 
 /// An observer that hands messages from the transport's pusher thread to the main thread. An
 /// observer stays registered as long as its transport lives, and so must this.
@@ -22,17 +11,23 @@ class Receiver final : public TMIDIReaderRefConInterface
 public:
     virtual ~Receiver() = default;
 
-    /// Pusher thread: copies the message and returns at once.
+    /// Pusher thread: copies the message and returns at once. Throws nothing.
     int read(int length, const void* data, bool strictStart, bool spare) override;
 
-    /// Takes the oldest message. False if none comes until `deadline` or the program is asked to
-    /// end.
+    /// What arrives at `time` or later is not taken.
+    void endAt(std::chrono::steady_clock::time_point time) { queue.endAt(time); }
+
+    /// Takes the oldest message. False if none comes until `deadline`. Once the program is asked to
+    /// end it waits no longer: it gives what has arrived, and that no more grows.
     bool next(ReceivedMessage* message, std::chrono::steady_clock::time_point deadline);
 
+    /// Throws Failure if messages were lost because they came faster than they were taken.
+    void expectNothingLost() const;
+
 private:
-    std::mutex mutex; // guards `queue`
-    std::condition_variable arrived;
-    std::deque<ReceivedMessage> queue;
+    static const qint64 kCapacity = 64 * 1024 * 1024;
+
+    MessageQueue queue{kCapacity};
 };
 
 #endif

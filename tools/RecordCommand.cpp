@@ -14,8 +14,6 @@
 
 using std::chrono::steady_clock;
 
-static const std::chrono::hours kForever(24 * 365 * 10);
-
 [[noreturn]] static void refuseToWrite(const QSaveFile& file)
 {
     throw Failure{ExitStatus::Failed, QStringLiteral("%1 cannot be written: %2")
@@ -34,7 +32,8 @@ struct Recorded
 
 } // namespace
 
-// Until `count` messages are in the file, none comes for `idle` after the last one, or Ctrl-C.
+// Until `count` messages are in the file, none is complete for `idle` after the last one, or
+// Ctrl-C. The library shows nothing of a message before it is complete.
 static Recorded recordInto(QSaveFile& file, Receiver& receiver, int count,
                            steady_clock::duration idle)
 {
@@ -42,7 +41,7 @@ static Recorded recordInto(QSaveFile& file, Receiver& receiver, int count,
     ReceivedMessage message;
     auto end = steady_clock::now() + kForever;
     while (recorded.messages < count && receiver.next(&message, end)) {
-        if (!message.bytes.startsWith('\xF0'))
+        if (!isSysEx(message.bytes))
             continue; // a channel message
         end = message.time + idle;
         const QByteArray sysEx = withoutRealTime(message.bytes);
@@ -73,8 +72,9 @@ void recordCommand(const QStringList& arguments)
                      QStringLiteral("The file, which is replaced if it exists."),
                      QStringLiteral("FILE"));
     line.addOption(QStringLiteral("idle"),
-                   QStringLiteral("Ends when nothing more comes for so many milliseconds "
-                                  "after a message."),
+                   QStringLiteral("Ends when no further message is complete so many milliseconds "
+                                  "after one. Must be longer than the longest message takes: 0.32 "
+                                  "ms a byte at MIDI's wire speed."),
                    QStringLiteral("MS"));
     line.addOption(QStringLiteral("count"),
                    QStringLiteral("Ends after so many messages; fewer are a failure, and "
@@ -113,6 +113,7 @@ void recordCommand(const QStringList& arguments)
     say(QStringLiteral("%1, %2, written to %3.")
             .arg(counted(recorded.messages, "message"), counted(recorded.bytes, "byte"),
                  QDir::toNativeSeparators(file.fileName())));
+    receiver.expectNothingLost();
     if (recorded.damaged > 0)
         throw Failure{
             ExitStatus::BadData,

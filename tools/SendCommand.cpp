@@ -19,8 +19,8 @@
 // A shorter wait is not worth a word.
 static const qint64 kNoticeableMs = 250;
 
-// What driver and port may need on top of the time on the wire.
-static const qint64 kDriverMs = 100;
+// Well below the longest array that Qt 5 can make.
+static const qint64 kLongestFile = 2000 * 1000 * 1000;
 
 static QByteArray readFile(const QString& name)
 {
@@ -28,8 +28,10 @@ static QByteArray readFile(const QString& name)
     if (!file.open(QIODevice::ReadOnly))
         throw Failure{ExitStatus::Failed,
                       QStringLiteral("It cannot be read: %1").arg(sentence(file.errorString()))};
-    if (file.size() > INT_MAX)
-        throw Failure{ExitStatus::BadData, QStringLiteral("It is too large.")};
+    if (file.size() > kLongestFile)
+        throw Failure{ExitStatus::BadData,
+                      QStringLiteral("It is too large: %1, and %2 are possible.")
+                          .arg(counted(file.size(), "byte"), grouped(kLongestFile))};
     QByteArray bytes = file.readAll();
     if (bytes.size() != file.size())
         throw Failure{
@@ -38,7 +40,7 @@ static QByteArray readFile(const QString& name)
     return bytes;
 }
 
-static QVector<QByteArray> checked(const QVector<QByteArray>& messages)
+static QVector<QByteArray> notEmpty(const QVector<QByteArray>& messages)
 {
     if (messages.isEmpty())
         throw Failure{ExitStatus::BadData, QStringLiteral("There is no message.")};
@@ -50,8 +52,8 @@ static QVector<QByteArray> messagesOf(const CommandLine& line)
 {
     const bool fromFile = line.isSet("file");
     try {
-        return checked(fromFile ? splitSysEx(readFile(line.value("file")))
-                                : splitMessages(parseHex(line.arguments().mid(1))));
+        return notEmpty(fromFile ? splitSysEx(readFile(line.value("file")))
+                                 : splitMessages(parseHex(line.arguments().mid(1))));
     } catch (const Failure& failure) {
         const QString source =
             fromFile ? QDir::toNativeSeparators(line.value("file")) + QLatin1String(": ")

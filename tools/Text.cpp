@@ -28,6 +28,25 @@ QString sentence(const QString& text)
     return text.endsWith(QLatin1Char('.')) ? text : text + QLatin1Char('.');
 }
 
+QString printable(const QString& name)
+{
+    QString text = name;
+    for (QChar& c : text) {
+        if (c.category() == QChar::Other_Control)
+            c = QChar(QChar::ReplacementCharacter);
+    }
+    return text;
+}
+
+int pieceEnd(const QString& text, int start, int most)
+{
+    const int size = static_cast<int>(text.size());
+    if (size - start <= most)
+        return size;
+    const int end = start + most;
+    return text.at(end - 1).isHighSurrogate() && text.at(end).isLowSurrogate() ? end - 1 : end;
+}
+
 QString duration(qint64 milliseconds)
 {
     if (milliseconds < 1000)

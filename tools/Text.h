@@ -17,6 +17,14 @@ QString hex(unsigned char byte);
 /// `text` with one full stop behind it, whether it had one or not.
 QString sentence(const QString& text);
 
+/// `name` for people to read: U+FFFD in place of each control character, which could steer the
+/// terminal or begin another line.
+QString printable(const QString& name);
+
+/// Where the piece of `text` that begins at `start` ends: `most` UTF-16 units on, at the end, or
+/// one earlier where that would part a surrogate pair. `most` is 2 at least.
+int pieceEnd(const QString& text, int start, int most);
+
 /// "1.3 s", "205 ms"
 QString duration(qint64 milliseconds);
 

@@ -6,8 +6,12 @@
 #include "tools/Console.h"
 #include "tools/Failure.h"
 #include "tools/Interruption.h"
+#include "tools/Text.h"
 
 #include <QCoreApplication>
+
+#include <exception>
+#include <new>
 
 static const struct
 {
@@ -81,6 +85,12 @@ int main(int argc, char* argv[])
     } catch (const Failure& failure) {
         say(QLatin1String("lumora-midi: ") + failure.message);
         return static_cast<int>(failure.status);
+    } catch (const std::bad_alloc&) {
+        say(QStringLiteral("lumora-midi: There is not enough memory."));
+        return static_cast<int>(ExitStatus::Failed);
+    } catch (const std::exception& error) {
+        say(QLatin1String("lumora-midi: ") + sentence(QString::fromLocal8Bit(error.what())));
+        return static_cast<int>(ExitStatus::Failed);
     }
     return static_cast<int>(ExitStatus::Done);
 }

@@ -1,7 +1,9 @@
 // The parts of lumora-midi that need no MIDI.
 
+#include "tests/unit/OutOfMemory.h"
 #include "tools/Decode.h"
 #include "tools/Failure.h"
+#include "tools/MessageQueue.h"
 #include "tools/MidiBytes.h"
 #include "tools/Pacing.h"
 #include "tools/Ports.h"
@@ -57,6 +59,17 @@ TEST(Hex, RefusesAnythingElseWithItsOffset)
     expectBadData([] { parseHex({"F-"}); }, "at offset 1");
     expectBadData([] { parseHex({"+F"}); }, "at offset 0");
     expectBadData([] { parseHex({QString::fromUtf8("٣")}); }, "at offset 0");
+}
+
+TEST(Hex, NamesAWholeCharacterBeyondThoseOfOneUnit)
+{
+    expectBadData(
+        [] {
+            parseHex({"F0", QString::fromUtf8("🎹")});
+        },
+        "\"🎹\" is no hexadecimal digit, at offset 3 of \"F0 🎹\".");
+    expectBadData([] { parseHex({QString(QChar(0xD83C))}); },
+                  "is no hexadecimal digit, at offset 0");
 }
 
 // --- Messages
@@ -135,6 +148,101 @@ TEST(Received, RealTimeMessagesAreTakenOutOfSysExWithTheirPadding)
     EXPECT_EQ(withoutRealTime(bytes("f07d000000f7")), bytes("f07d000000f7"));
     EXPECT_EQ(withoutRealTime(bytes("f07df81000f7")), bytes("f07df81000f7"))
         << "no padding: kept as it came";
+}
+
+// --- Between the thread that receives and the one that prints
+
+using std::chrono::milliseconds;
+
+static const MessageQueue::time_point kStart{};
+
+static void push(MessageQueue* queue, const char* text, MessageQueue::time_point time = kStart)
+{
+    const QByteArray message = bytes(text);
+    queue->push(message.constData(), static_cast<int>(message.size()), time);
+}
+
+TEST(Queue, GivesMessagesInOrderWithTheirTimes)
+{
+    MessageQueue queue(1000);
+    push(&queue, "903c64", kStart + milliseconds(1));
+    push(&queue, "f0f7", kStart + milliseconds(2));
+    ReceivedMessage message;
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("903c64"));
+    EXPECT_EQ(message.time, kStart + milliseconds(1));
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("f0f7"));
+    EXPECT_FALSE(queue.take(&message, kStart));
+    EXPECT_EQ(queue.lost().messages, 0);
+}
+
+TEST(Queue, DropsAndCountsWhatComesWhenItIsFull)
+{
+    MessageQueue queue(2 * MessageQueue::kMessageCost);
+    push(&queue, "903c64");
+    push(&queue, "f07df7"); // with this one it is full
+    push(&queue, "f07d01f7");
+    push(&queue, "c505");
+    EXPECT_EQ(queue.lost().messages, 2);
+    EXPECT_EQ(queue.lost().bytes, 6);
+
+    ReceivedMessage message;
+    ASSERT_TRUE(queue.take(&message, kStart));
+    push(&queue, "d140");
+    EXPECT_EQ(queue.lost().messages, 2) << "there is room again";
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("f07df7"));
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("d140"));
+}
+
+TEST(Queue, AMessageLargerThanAllItsRoomIsTaken)
+{
+    MessageQueue queue(1000);
+    push(&queue, "903c64");
+    const QByteArray large(5000, '\x01');
+    queue.push(large.constData(), 5000, kStart);
+    EXPECT_EQ(queue.lost().messages, 0);
+    ReceivedMessage message;
+    queue.take(&message, kStart);
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, large);
+}
+
+TEST(Queue, WhatComesAtItsEndOrLaterIsNeitherTakenNorLost)
+{
+    MessageQueue queue(MessageQueue::kMessageCost);
+    queue.endAt(kStart + milliseconds(10));
+    queue.endAt(kStart + milliseconds(20)); // the earlier one counts
+    push(&queue, "c501", kStart + milliseconds(9));
+    push(&queue, "c502", kStart + milliseconds(10));
+    push(&queue, "c503", kStart + milliseconds(11));
+    ReceivedMessage message;
+    ASSERT_TRUE(queue.take(&message, kStart));
+    EXPECT_EQ(message.bytes, bytes("c501"));
+    EXPECT_FALSE(queue.take(&message, kStart));
+    EXPECT_EQ(queue.lost().messages, 0);
+}
+
+TEST(Queue, WithoutMemoryAMessageIsLost)
+{
+    MessageQueue queue(1000 * 1000);
+    const int pushed = 1000; // more than any block of the queue's has room for
+    {
+        const OutOfMemory nowhere;
+        for (int i = 0; i < pushed; ++i)
+            queue.push("\xC5\x05", 2, kStart);
+    }
+    EXPECT_GT(queue.lost().messages, 0);
+    ReceivedMessage message;
+    int taken = 0;
+    while (queue.take(&message, kStart)) {
+        EXPECT_EQ(message.bytes, bytes("c505"));
+        ++taken;
+    }
+    EXPECT_EQ(taken + queue.lost().messages, pushed);
+    EXPECT_EQ(queue.lost().bytes, 2 * queue.lost().messages);
 }
 
 // --- Decoding
@@ -244,6 +352,14 @@ TEST(Ports, AreFoundByIdentifierNumberAndUniqueName)
     EXPECT_EQ(findPort(kPorts, "Synth", false).id, kThird);
 }
 
+TEST(Ports, TheNullIdentifierIsOneLikeAnyOther)
+{
+    const QVector<Port> ports = {{1, "", kFirst}, {2, "Synth", QUuid()}};
+    EXPECT_EQ(findPort(ports, "{00000000-0000-0000-0000-000000000000}", false).number, 2);
+    EXPECT_EQ(findPort(ports, "00000000-0000-0000-0000-000000000000", false).number, 2);
+    EXPECT_EQ(findPort(ports, "", false).number, 1) << "no identifier: the name";
+}
+
 TEST(Ports, ANumberIsAlsoANameWhereNoPortHasThatNumber)
 {
     EXPECT_EQ(findPort({{1, "303", kFirst}}, "303", false).id, kFirst);
@@ -271,6 +387,15 @@ TEST(Ports, AnUnknownOneListsAll)
     }
     EXPECT_TRUE(
         failureOf([] { findPort({}, "1", false); }).message.contains("no MIDI input at all"));
+}
+
+TEST(Ports, ControlCharactersOfANameDoNotReachTheTerminal)
+{
+    const Port port = {1, "A\r\n\033[31mB", kFirst};
+    EXPECT_EQ(describe(port, false), QString::fromUtf8("input 1 \"A\uFFFD\uFFFD\uFFFD[31mB\""));
+    const Failure failure = failureOf([=] { findPort({port}, "2", false); });
+    EXPECT_TRUE(failure.message.endsWith(QString::fromUtf8("  A\uFFFD\uFFFD\uFFFD[31mB")));
+    EXPECT_EQ(findPort({port}, port.name, false).id, kFirst) << "the name itself is as it was";
 }
 
 // --- Pacing
@@ -381,6 +506,27 @@ TEST(Statistics, PercentileIsTheNearestRank)
     EXPECT_EQ(percentile(values, 100), 100);
     EXPECT_EQ(percentile({7}, 50), 7);
     EXPECT_EQ(percentile({1, 2}, 50), 1);
+}
+
+TEST(Wording, PrintableReplacesControlCharactersAlone)
+{
+    for (const int control : {0x00, 0x1B, 0x1F, 0x7F, 0x80, 0x9B, 0x9F})
+        EXPECT_EQ(printable(QString(QChar(control))), QString::fromUtf8("\uFFFD")) << control;
+    const QString name = QString::fromUtf8(" ~\u00A0Größe 鍵盤 🎹 ♫");
+    EXPECT_EQ(printable(name), name);
+}
+
+TEST(Wording, PiecesPartNoSurrogatePair)
+{
+    const QString text = QString::fromUtf8("a🎹🎹b"); // 1 + 2 + 2 + 1 units
+    EXPECT_EQ(pieceEnd(text, 0, 2), 1);
+    EXPECT_EQ(pieceEnd(text, 1, 2), 3);
+    EXPECT_EQ(pieceEnd(text, 0, 3), 3);
+    EXPECT_EQ(pieceEnd(text, 3, 2), 5);
+    EXPECT_EQ(pieceEnd(text, 5, 2), 6);
+    EXPECT_EQ(pieceEnd(text, 0, 6), 6);
+    EXPECT_EQ(pieceEnd(text, 0, 100), 6);
+    EXPECT_EQ(pieceEnd(QString(3, QChar(0xD83C)), 0, 2), 2) << "no pair";
 }
 
 TEST(Wording, NumbersDurationsAndStops)
