@@ -255,25 +255,27 @@ DWORD InputPort::play()
                              : now;
     if (now < due)
         return static_cast<DWORD>((due - now + 999) / 1000);
+    DWORD pause = 0;
     if (generator.kind == Generator::Kind::Flood) {
         post(MIM_DATA, floodWord(floodCounter_++), timeStamp());
         ++produced_;
-    } else if (!playDump(generator, now)) {
-        return 1;
+    } else {
+        pause = playDump(generator, now);
     }
     if (produced_ == generator.count)
         nextGenerator();
-    return 0;
+    return pause;
 }
 
-// Plays the next piece of the dump. False if it has to wait for a buffer or for another's message
-// to end.
-bool InputPort::playDump(const Generator& dump, LONGLONG now)
+// Plays the next piece of the dump, or loses it. Returns a millisecond to wait if there was no
+// buffer, or another's message has to end first: so that who brings a buffer, or closes the port,
+// gets its lock.
+DWORD InputPort::playDump(const Generator& dump, LONGLONG now)
 {
     const SourceId self = id();
     const bool first = produced_ == 0;
     if (first && sysExSource_ != 0 && sysExSource_ != self)
-        return false;
+        return 1;
 
     BYTE bytes[kDumpPiece];
     const DWORD most =
@@ -286,7 +288,7 @@ bool InputPort::playDump(const Generator& dump, LONGLONG now)
     if (!accepts(self, piece)) { // another message has put an end to this one
         produced_ = dump.count;
         ++dumpCounter_;
-        return true;
+        return 0;
     }
     const size_t taken = fill(piece);
     produced_ += static_cast<DWORD>(taken);
@@ -294,14 +296,14 @@ bool InputPort::playDump(const Generator& dump, LONGLONG now)
         lastPlayed_ = now;
     if (taken < length) {
         if (now - lastPlayed_ < LONGLONG(description().hold) * 1000)
-            return false;
+            return 1;
         piece.length -= taken;
         lose(piece);
         produced_ += static_cast<DWORD>(piece.length);
     }
     if (produced_ == dump.count)
         ++dumpCounter_;
-    return true;
+    return taken > 0 ? 0 : 1;
 }
 
 void InputPort::nextGenerator()

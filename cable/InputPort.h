@@ -54,7 +54,7 @@ private:
     void giveBackFirst(UINT message);
     void stop();
     DWORD play();
-    bool playDump(const Generator& dump, LONGLONG now);
+    DWORD playDump(const Generator& dump, LONGLONG now);
     void nextGenerator();
 
     std::deque<MIDIHDR*> buffers_; // queued by the client; the first one may be partly filled

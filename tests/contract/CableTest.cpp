@@ -922,6 +922,18 @@ TEST(CableGenerator, AnEndlessOneEndsWithTheStop)
     EXPECT_EQ(heard, input.recorder.notices().size());
 }
 
+TEST(CableGenerator, AnEndlessDumpThatFindsNoBuffersLetsThePortClose)
+{
+    if (ranWithPorts("in \"a\" dump=1000000 repeat=0"))
+        return;
+    for (int cycle = 0; cycle < 20; ++cycle) {
+        Input input;
+        ASSERT_EQ(MMSYSERR_NOERROR, input.result);
+        input.start();
+        Sleep(5);
+    }
+}
+
 TEST(CableGenerator, OpeningAndClosingUnderAFullFlood)
 {
     if (ranWithPorts("in \"a\" flood=100000 dump=3000 repeat=0 wait=reset\n"
