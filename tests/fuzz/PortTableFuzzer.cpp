@@ -79,8 +79,9 @@ std::vector<QString> anyDevices(FuzzInput& fuzz, bool output)
             sim::addOutput(name, options);
         else
             sim::addInput(name, options);
-        // As the capability record holds it: up to the first zero, 31 units at most.
-        const std::u16string cut = name.substr(0, std::min<std::size_t>(name.find(u'\0'), 31));
+        // As the capability record holds it: up to the first zero, or to the end of its field.
+        const std::u16string cut =
+            name.substr(0, std::min<std::size_t>(name.find(u'\0'), MAXPNAMELEN));
         names.push_back(options.capsResult ? QString() : fromUnits(cut));
     }
     return names;
