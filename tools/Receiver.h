@@ -25,7 +25,7 @@ public:
     void expectNothingLost() const;
 
 private:
-    static const qint64 kCapacity = 64 * 1024 * 1024;
+    static const qint64 kCapacity = 64 << 20;
 
     MessageQueue queue{kCapacity};
 };

@@ -20,7 +20,7 @@
 static const qint64 kNoticeableMs = 250;
 
 // Well below the longest array that Qt 5 can make.
-static const qint64 kLongestFile = 2000 * 1000 * 1000;
+static const qint64 kLongestFile = 2'000'000'000;
 
 static QByteArray readFile(const QString& name)
 {
