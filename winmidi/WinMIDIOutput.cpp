@@ -97,8 +97,10 @@ void TWinMIDIPrivate::releaseSenders()
         SetEvent(doneEvent);
         Sleep(1);
     }
-    // No signal of the closed port is left for a sender on the next one.
-    ResetEvent(doneEvent);
+    // No signal of the closed port is left for a sender on the next one, but for one that is so
+    // late that it still needs it.
+    if (sendersWaiting == 0)
+        ResetEvent(doneEvent);
 }
 
 void TWinMIDIPrivate::freeOutputHeaders()

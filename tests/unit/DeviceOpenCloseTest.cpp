@@ -438,6 +438,7 @@ TEST_F(DeviceOpenCloseTest, ASenderWhoseThreadWasEndedDoesNotKeepTheOutputFromCl
     const DWORD start = timeGetTime();
     EXPECT_EQ(transport->closeOutput(), 0);
     EXPECT_EQ(timeGetTime() - start, 1000u);
+    EXPECT_TRUE(sim::isSignalled(device().doneEvent)) << "it may be late, and still wait";
 }
 
 TEST_F(DeviceOpenCloseTest, ADeviceThatReturnsNoBufferAtAResetIsWaitedForASecond)

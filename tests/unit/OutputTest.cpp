@@ -297,7 +297,7 @@ TEST_F(OutputTest, ClosingThePortReleasesASenderThatWaits)
     // The port is closed long before the pause behind a chunk ends.
     std::atomic<bool> closed{false};
     sim::onSleep([&](DWORD milliseconds) {
-        while (milliseconds > 1 && !closed)
+        while (milliseconds >= 100 && !closed)
             std::this_thread::yield();
     });
     std::thread sender([&] { result = send(data); });
