@@ -40,6 +40,9 @@ public:
         // A device that finishes late can only be waited for by whoever sends one chunk.
         const bool late = bytes.size() < kChunk && fuzz.flag();
         sim::setCompletion(device, late ? sim::Completion::Manual : sim::Completion::Inline);
+        // It finishes its sends in order, and whoever waits must not wait for an earlier one.
+        while (!late && sim::completeOutput(device)) {
+        }
 
         failingCall = fuzz.below(4) == 0 ? 1 + fuzz.below(6) : 0;
         failing = fuzz.flag() ? "midiOutPrepareHeader" : "midiOutLongMsg";
