@@ -560,11 +560,7 @@ TEST_F(DeviceOpenCloseTest, TheLastReleaseDeliversNothingAnyMore)
             std::this_thread::yield();
     });
     ASSERT_NE(transport->openInput(1), nullptr);
-    {
-        const MutexLocker locker(device().recordQueue.mutex());
-        const InputRecord note = {MIM_DATA, 0x643C90};
-        device().recordQueue.write(&note, sizeof note);
-    }
+    queueNote();
     releaseTransport();
     EXPECT_EQ(recorder.count(), 0u);
 }

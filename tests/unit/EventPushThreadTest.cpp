@@ -6,7 +6,17 @@
 namespace {
 
 class EventPushThreadTest : public DeviceTest
-{};
+{
+protected:
+    /// Starts the thread without a port: it drains once, since the event begins signalled, and then
+    /// waits for the next signal.
+    void startAndLetDrain()
+    {
+        Access::start(*transport);
+        while (sim::callCount("WaitForMultipleObjects") < 2)
+            std::this_thread::yield();
+    }
+};
 
 TEST_F(EventPushThreadTest, AnObserverRegisteredTwiceReceivesOnce)
 {
@@ -91,15 +101,8 @@ TEST_F(EventPushThreadTest, StoppingWithoutAThreadOnlySignalsTheEvent)
 
 TEST_F(EventPushThreadTest, StoppingSignalsTwiceAndDrainsOnceMore)
 {
-    Access::start(*transport);
-    // The thread has drained and waits again.
-    while (sim::callCount("WaitForMultipleObjects") < 2)
-        std::this_thread::yield();
-    {
-        const MutexLocker locker(device().recordQueue.mutex());
-        const InputRecord note = {MIM_DATA, 0x643C90};
-        device().recordQueue.write(&note, sizeof note);
-    }
+    startAndLetDrain();
+    queueNote();
     sim::clearCalls();
     Access::stop(*transport);
     EXPECT_EQ(sim::calls("SetEvent").size(), 2u);
@@ -109,9 +112,7 @@ TEST_F(EventPushThreadTest, StoppingSignalsTwiceAndDrainsOnceMore)
 TEST_F(EventPushThreadTest, AThreadThatMissedItsSignalsIsSignalledAgain)
 {
     // A transport of the same number in another process shares the event and may take them.
-    Access::start(*transport);
-    while (sim::callCount("WaitForMultipleObjects") < 2)
-        std::this_thread::yield();
+    startAndLetDrain();
     sim::clearCalls();
     sim::failCall("SetEvent", 1, ERROR_INVALID_HANDLE, 2);
     Access::stop(*transport);

@@ -175,6 +175,14 @@ protected:
 
     TWinMIDIPrivate& device() { return Access::device(*transport); }
 
+    /// Queues a note as the callback would, but wakes nobody.
+    void queueNote()
+    {
+        const MutexLocker locker(device().recordQueue.mutex());
+        const InputRecord note = {MIM_DATA, 0x643C90};
+        device().recordQueue.write(&note, sizeof note);
+    }
+
     /// Opens the input and stops its pusher, so that the test itself drains, step by step. Whether
     /// the pusher got to the MIM_OPEN record or not, the queue is empty then.
     void openForDraining()
