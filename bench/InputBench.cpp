@@ -60,9 +60,10 @@ void floorCallback(State& state)
     CloseHandle(event);
 }
 
-void floorLock(State& state)
+template <typename Mutex>
+void lockAndUnlock(State& state)
 {
-    QMutex mutex;
+    Mutex mutex;
     measure(state, kBatch, nothing, [&] {
         for (int i = 0; i < kBatch; ++i) {
             mutex.lock();
@@ -72,16 +73,14 @@ void floorLock(State& state)
     });
 }
 
+void floorLock(State& state)
+{
+    lockAndUnlock<QMutex>(state);
+}
+
 void floorRecursiveLock(State& state)
 {
-    RecursiveMutex mutex;
-    measure(state, kBatch, nothing, [&] {
-        for (int i = 0; i < kBatch; ++i) {
-            mutex.lock();
-            benchmark::ClobberMemory();
-            mutex.unlock();
-        }
-    });
+    lockAndUnlock<RecursiveMutex>(state);
 }
 
 void floorSetEvent(State& state)

@@ -125,23 +125,24 @@ void free(TMIDIPortList& list)
     list = {};
 }
 
+void freeAll(TMIDIPortList (&lists)[kLists])
+{
+    for (TMIDIPortList& list : lists)
+        free(list);
+}
+
 void portList(State& state)
 {
     const Ports ports(static_cast<int>(state.range(0)));
     TMIDIPortList lists[kLists] = {};
     measure(
-        state, kLists,
-        [&] {
-            for (TMIDIPortList& list : lists)
-                free(list);
-        },
+        state, kLists, [&] { freeAll(lists); },
         [&] {
             for (TMIDIPortList& list : lists)
                 TMIDITransport::MIDIPorts(ports.accessor, false, &list);
         });
     expect(state, lists[0].count == state.range(0));
-    for (TMIDIPortList& list : lists)
-        free(list);
+    freeAll(lists);
 }
 
 // The two calls of the accessor, and a copy of a finished list: the same blocks of task memory, the
@@ -156,11 +157,7 @@ void floorPortList(State& state)
         nameBytes.push_back(2 * std::char_traits<WCHAR>::length(model.entries[i].portName) + 2);
     TMIDIPortList lists[kLists] = {};
     measure(
-        state, kLists,
-        [&] {
-            for (TMIDIPortList& list : lists)
-                free(list);
-        },
+        state, kLists, [&] { freeAll(lists); },
         [&] {
             for (TMIDIPortList& list : lists) {
                 list.count = static_cast<unsigned>(ports.accessor->numberOfPlugs(false));
@@ -175,8 +172,7 @@ void floorPortList(State& state)
                 }
             }
         });
-    for (TMIDIPortList& list : lists)
-        free(list);
+    freeAll(lists);
     free(model);
 }
 
