@@ -204,8 +204,8 @@ void checkCommand(const QStringList& arguments)
         QStringLiteral(
             "Sends SysEx and short messages out of an output and compares what comes back at "
             "an input that a cable connects to it."));
-    line.addArgument(QStringLiteral("IN"), QStringLiteral("The input."), QStringLiteral("IN"));
-    line.addArgument(QStringLiteral("OUT"), QStringLiteral("The output."), QStringLiteral("OUT"));
+    line.addPort(QStringLiteral("IN"), false);
+    line.addPort(QStringLiteral("OUT"), true);
     line.addOption(QStringLiteral("bytes"),
                    QStringLiteral("Length of the SysEx message (default 10000)."),
                    QStringLiteral("N"), QStringLiteral("10000"));

@@ -2,6 +2,7 @@
 
 #include "tools/Console.h"
 #include "tools/Failure.h"
+#include "tools/Ports.h"
 
 static const char kProgram[] = "lumora-midi";
 
@@ -26,6 +27,14 @@ void CommandLine::addArgument(const QString& argument, const QString& descriptio
 {
     parser.addPositionalArgument(argument, description, syntax);
     usage += QLatin1Char(' ') + syntax;
+}
+
+void CommandLine::addPort(const QString& argument, bool output)
+{
+    addArgument(
+        argument,
+        QStringLiteral("The %1: its number, name or identifier.").arg(directionName(output)),
+        argument);
 }
 
 void CommandLine::addOption(const QString& option, const QString& description)

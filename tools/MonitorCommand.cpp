@@ -26,7 +26,7 @@ void monitorCommand(const QStringList& arguments)
     CommandLine line(
         QStringLiteral("monitor"),
         QStringLiteral("Prints the messages that arrive at an input, a line each, until Ctrl-C."));
-    line.addArgument(QStringLiteral("PORT"), QStringLiteral("The input."), QStringLiteral("PORT"));
+    line.addPort(QStringLiteral("PORT"), false);
     line.addOption(QStringLiteral("count"), QStringLiteral("Ends after so many messages."),
                    QStringLiteral("N"));
     line.addOption(QStringLiteral("seconds"), QStringLiteral("Ends after so many seconds."),

@@ -67,7 +67,7 @@ void recordCommand(const QStringList& arguments)
         QStringLiteral(
             "Writes the SysEx messages that arrive at an input to a .syx file, until Ctrl-C. "
             "The file appears, whole, at the end."));
-    line.addArgument(QStringLiteral("PORT"), QStringLiteral("The input."), QStringLiteral("PORT"));
+    line.addPort(QStringLiteral("PORT"), false);
     line.addArgument(QStringLiteral("FILE"),
                      QStringLiteral("The file, which is replaced if it exists."),
                      QStringLiteral("FILE"));

@@ -124,7 +124,7 @@ void sendCommand(const QStringList& arguments)
         QStringLiteral(
             "Sends messages to an output. They are checked first, and nothing is sent if "
             "anything is wrong with them."));
-    line.addArgument(QStringLiteral("PORT"), QStringLiteral("The output."), QStringLiteral("PORT"));
+    line.addPort(QStringLiteral("PORT"), true);
     line.addArgument(
         QStringLiteral("BYTES"),
         QStringLiteral("Complete messages in hexadecimal, as in F0 7D 10 F7 or 903C64."),
