@@ -133,6 +133,8 @@ public:
                            &startup, &process)) {
             CloseHandle(process.hThread);
             process_ = process.hProcess;
+        } else {
+            ADD_FAILURE() << "It does not start: error " << GetLastError();
         }
         CloseHandle(file);
     }
