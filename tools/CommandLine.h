@@ -17,7 +17,10 @@ public:
     /// Arguments in order; the last may repeat. `syntax` stands in the usage line, "PORT" or
     /// "[BYTES…]".
     void addArgument(const QString& argument, const QString& description, const QString& syntax);
+
+    /// One that names a port.
     void addPort(const QString& argument, bool output);
+
     void addOption(const QString& option, const QString& description);
     void addOption(const QString& option, const QString& description, const QString& valueName,
                    const QString& defaultValue = QString());

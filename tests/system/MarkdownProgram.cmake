@@ -1,6 +1,6 @@
-# Writes the C++ blocks of a page, one after the other, to a file, so that they are compiled as they
-# are printed.
-set(fence "```cpp\n")
+# Writes the blocks of a page in LANGUAGE, one after the other, to a file, so that they are compiled
+# as they are printed.
+set(fence "```${LANGUAGE}\n")
 string(LENGTH "${fence}" fence_length)
 file(READ "${PAGE}" text)
 set(program "")
@@ -15,6 +15,6 @@ while(start GREATER -1)
   string(FIND "${text}" "${fence}" start)
 endwhile()
 if(NOT program)
-  message(FATAL_ERROR "${PAGE} has no example in C++")
+  message(FATAL_ERROR "${PAGE} has no example in ${LANGUAGE}")
 endif()
 file(CONFIGURE OUTPUT "${SOURCE}" CONTENT "${program}" @ONLY)
