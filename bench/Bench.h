@@ -1,7 +1,7 @@
 #ifndef LUMORA_BENCH_BENCH_H
 #define LUMORA_BENCH_BENCH_H
 
-#include "tests/sim/Sim.h"
+#include "workbench/sim/Sim.h"
 #include "tests/unit/TransportTestAccess.h"
 
 #include <benchmark/benchmark.h>

@@ -83,7 +83,7 @@ if(LUMORA_INSTALL_RUNTIME)
   install(FILES ${PROJECT_BINARY_DIR}/licenses.md DESTINATION ${data_dir}/licenses RENAME README.md)
   # Qt's beside its sources' terms the recipe that it was built by.
   install(DIRECTORY ${LUMORA_QT_DIR}/licenses/ DESTINATION ${data_dir}/licenses/qtcore)
-  install(FILES cmake/qt-windows DESTINATION ${data_dir}/licenses/qtcore)
+  install(FILES workbench/setup/qt-windows DESTINATION ${data_dir}/licenses/qtcore)
   install(FILES /usr/share/doc/gcc-mingw-w64-x86-64-posix-runtime/copyright /usr/share/common-licenses/GPL-3
       DESTINATION ${data_dir}/licenses/gcc-runtime)
   install(FILES /usr/share/doc/mingw-w64-x86-64-dev/copyright DESTINATION ${data_dir}/licenses/mingw-w64)

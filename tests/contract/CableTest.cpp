@@ -4,7 +4,7 @@
 // The cable reads its description once per process, so each test runs in a process of its own: the
 // test starts this program anew for itself alone, and the new process runs the body.
 
-#include "cable/Cable.h"
+#include "workbench/cable/Cable.h"
 #include "MidiRecorder.h"
 
 #include <gtest/gtest.h>

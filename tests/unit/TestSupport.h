@@ -2,7 +2,7 @@
 #define LUMORA_TESTS_UNIT_TESTSUPPORT_H
 
 #include "ports/MIDIPortAccessor.h"
-#include "tests/sim/Sim.h"
+#include "workbench/sim/Sim.h"
 #include "tests/unit/TransportTestAccess.h"
 
 #include <QSettings>
