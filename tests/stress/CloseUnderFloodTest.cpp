@@ -74,7 +74,7 @@ class LateCallbackTest : public DeviceTest
 TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
 {
     const std::size_t portBytes = bytesPerPort();
-    const Watchdog watchdog(std::chrono::seconds(120));
+    Watchdog watchdog(std::chrono::seconds(20));
     TMIDITransport& transport = MIDITransportInstance(&accessor);
     transport.registerMIDIobserver(&checker);
     startFlood();
@@ -89,6 +89,7 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
     std::size_t bytes = 0;
     constexpr int kWarmUp = 20;
     for (int cycle = 0; cycle < kCycles; ++cycle) {
+        watchdog.alive();
         const std::uint64_t before = checker.messages();
         buffersGiven = 0;
         ASSERT_NE(transport.openInput(1), nullptr) << "cycle " << cycle;
@@ -121,10 +122,11 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
 
 TEST_P(CloseUnderFloodTest, WithThePortOpenEveryBufferIsBackAfterTheFlood)
 {
-    const Watchdog watchdog(std::chrono::seconds(120));
+    Watchdog watchdog(std::chrono::seconds(20));
     TMIDITransport& transport = MIDITransportInstance(&accessor);
     transport.registerMIDIobserver(&checker);
     for (int round = 0; round < 20; ++round) {
+        watchdog.alive();
         ASSERT_NE(transport.openInput(1), nullptr);
         const std::uint64_t before = checker.messages();
         checker.restart();
@@ -142,7 +144,7 @@ TEST_P(CloseUnderFloodTest, WithThePortOpenEveryBufferIsBackAfterTheFlood)
 
 TEST_F(LateCallbackTest, ANoticeOfAPortThatIsClosedDoesNotTakeABufferOfTheNextOne)
 {
-    const Watchdog watchdog(std::chrono::seconds(30));
+    const Watchdog watchdog(std::chrono::seconds(20));
     sim::logCalls(false);
     ASSERT_NE(transport->openInput(1), nullptr);
     const MIDIHDR* const header = device().inHeaders.begin();

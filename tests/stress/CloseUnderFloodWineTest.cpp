@@ -123,13 +123,14 @@ class CloseUnderFloodWineTest : public testing::TestWithParam<int>
 
 TEST_P(CloseUnderFloodWineTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
 {
-    const Watchdog watchdog(std::chrono::seconds(240));
+    Watchdog watchdog(std::chrono::seconds(30));
     Checker checker;
     TMIDITransport& transport = MIDITransportInstance(nullptr);
     ASSERT_TRUE(transport.valid());
     transport.registerMIDIobserver(&checker);
     Usage before;
     for (int cycle = 0; cycle < kCycles; ++cycle) {
+        watchdog.alive();
         const std::uint64_t messages = checker.messages;
         ASSERT_NE(transport.openInput(GetParam()), nullptr) << "cycle " << cycle;
         // Every other close comes in the middle of the delivery, the rest into the opening.

@@ -227,7 +227,7 @@ protected:
 
 TEST_P(EveryFailureTest, LeavesNothingBehindAndTheRestAtWork)
 {
-    const Watchdog watchdog(std::chrono::seconds(170));
+    Watchdog watchdog(std::chrono::seconds(20));
     live(nullptr, 0);
     EXPECT_EQ(sim::inUse(), sim::Resources());
     const Counts first = afterFirstUse;
@@ -248,6 +248,7 @@ TEST_P(EveryFailureTest, LeavesNothingBehindAndTheRestAtWork)
             if (std::string(function) == "SetEvent" && !toPusher.at(n - 1))
                 continue;
             SCOPED_TRACE(std::string(function) + " " + std::to_string(n));
+            watchdog.alive();
             reset();
             live(function, n);
             if (sim::callCount(function) < n)

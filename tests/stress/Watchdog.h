@@ -7,17 +7,26 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <string>
 #include <thread>
 
-/// Ends the process with a message if the test that owns it does not end in time: a hang must not
-/// look like a slow test.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <csignal>
+#include <filesystem>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// The sanitizers' own; gcc comes without the header that declares it.
+extern "C" void __sanitizer_print_stack_trace();
+#endif
+
+/// Ends the process with a message if the test that owns it makes no progress: a hang must not look
+/// like a slow test.
 class Watchdog
 {
 public:
-    explicit Watchdog(std::chrono::seconds limit)
-        : name(testing::UnitTest::GetInstance()->current_test_info()->name()),
-          thread([this, limit] { run(limit); })
-    {}
+    /// The whole test gets `limit`; a test of many rounds says alive() in each and gets it anew.
+    explicit Watchdog(std::chrono::seconds limit) : limit(limit), thread([this] { run(); }) {}
 
     ~Watchdog()
     {
@@ -29,20 +38,55 @@ public:
         thread.join();
     }
 
+    void alive()
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        deadline = Clock::now() + limit;
+    }
+
 private:
-    void run(std::chrono::seconds limit)
+    using Clock = std::chrono::steady_clock;
+
+    static std::string testName()
+    {
+        const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
+        return std::string(test->test_suite_name()) + '.' + test->name();
+    }
+
+    void run()
     {
         std::unique_lock<std::mutex> guard(mutex);
-        if (wake.wait_for(guard, limit, [this] { return over; }))
+        while (!over && Clock::now() < deadline)
+            wake.wait_until(guard, deadline);
+        if (over)
             return;
-        std::fprintf(stderr, "%s hangs: not done within %d s\n", name,
+        std::fprintf(stderr, "%s hangs: no progress for %d s\n", name.c_str(),
                      static_cast<int>(limit.count()));
+        printStacks();
         std::abort();
     }
 
-    const char* const name;
-    std::mutex mutex; // guards over
+    /// Where each of the other threads is.
+    static void printStacks()
+    {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        std::signal(SIGUSR1, [](int) { __sanitizer_print_stack_trace(); });
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const long id = std::stol(task.path().filename().string());
+            if (id == syscall(SYS_gettid))
+                continue;
+            std::fprintf(stderr, "Thread %ld:\n", id);
+            syscall(SYS_tgkill, getpid(), id, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::seconds(1)); // it prints by itself
+        }
+#endif
+    }
+
+    const std::string name = testName();
+    const std::chrono::seconds limit;
+    std::mutex mutex; // guards deadline and over
     std::condition_variable wake;
+    Clock::time_point deadline = Clock::now() + limit;
     bool over = false;
     std::thread thread;
 };
