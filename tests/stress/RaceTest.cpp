@@ -7,11 +7,6 @@ namespace {
 
 constexpr std::size_t kSysExLength = 5000;
 
-void sleepFor(int milliseconds)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 class RaceTest : public SimTest
 {
 protected:
@@ -45,7 +40,7 @@ protected:
 
     MapAccessor accessor;
     FloodChecker checker{kSysExLength};
-    const Watchdog watchdog{std::chrono::seconds(60)};
+    Watchdog watchdog{std::chrono::seconds(20)};
     int input = -1;
     int output = -1;
 };
@@ -68,6 +63,7 @@ TEST_F(RaceTest, AnObserverCallsBackWhileTheHostOpensAndCloses)
     ASSERT_NE(transport.openOutput(1), nullptr);
     startFlood(input);
     for (int round = 0; round < 50; ++round) {
+        watchdog.alive();
         ASSERT_NE(transport.openInput(1), nullptr);
         waitForMessages(checker, 20);
         ASSERT_EQ(transport.closeInput(), 0);
@@ -91,6 +87,7 @@ TEST_F(RaceTest, AnObserverThatOpensAndClosesTheOutputDoesNotHoldUpTheClosingOfT
     transport.registerMIDIobserver(&checker);
     startFlood(input);
     for (int round = 0; round < 50; ++round) {
+        watchdog.alive();
         ASSERT_NE(transport.openInput(1), nullptr);
         waitForMessages(checker, 20);
         ASSERT_EQ(transport.closeInput(), 0);
@@ -102,19 +99,24 @@ TEST_F(RaceTest, AnObserverThatOpensAndClosesTheOutputDoesNotHoldUpTheClosingOfT
 TEST_F(RaceTest, TerminateStopsADeliveryInProgress)
 {
     for (int round = 0; round < 20; ++round) {
+        watchdog.alive();
         TMIDITransport& transport = MIDITransportInstance(&accessor);
         FloodChecker terminated(kSysExLength);
+        std::atomic<std::uint64_t> before{UINT64_MAX};
+        std::atomic<int> later{0};
+        terminated.onRead = [&] { later += terminated.messages() > before; };
         transport.registerMIDIobserver(&terminated);
         ASSERT_NE(transport.openInput(1), nullptr);
         startFlood(input);
         waitForMessages(terminated, 50);
         transport.terminate();
-        sleepFor(5); // an observer call that was under way has ended
-        const std::uint64_t messages = terminated.messages();
-        sleepFor(5);
-        EXPECT_EQ(terminated.messages(), messages);
-        ASSERT_EQ(transport.closeInput(), 0);
+        before = terminated.messages();
+        const std::uint64_t sent = sim::callCount("SetEvent");
+        while (sim::callCount("SetEvent") < sent + 500) // one for each message
+            std::this_thread::yield();
+        ASSERT_EQ(transport.closeInput(), 0); // after one more drain
         sim::stopFlood(input);
+        EXPECT_LE(later, 1) << "only the call that was under way comes to its end";
         EXPECT_EQ(terminated.errors, 0u);
         transport.Release();
     }
@@ -128,6 +130,7 @@ TEST_F(RaceTest, ReleaseDuringDeliveryEndsItAndClosesThePorts)
                                        sim::DriverKind::WaitsInNeither}) {
         sim::setDriverKind(kind);
         for (int round = 0; round < 20; ++round) {
+            watchdog.alive();
             TMIDITransport& transport = MIDITransportInstance(&accessor);
             FloodChecker released(kSysExLength);
             transport.registerMIDIobserver(&released);
@@ -139,12 +142,11 @@ TEST_F(RaceTest, ReleaseDuringDeliveryEndsItAndClosesThePorts)
                 sim::stopFlood(input);
             EXPECT_EQ(transport.Release(), 0u);
             const std::uint64_t messages = released.messages();
-            sleepFor(1);
-            EXPECT_EQ(released.messages(), messages);
             EXPECT_EQ(released.errors, 0u);
             EXPECT_EQ(sim::inUse(), sim::Resources());
             if (kind != sim::DriverKind::WaitsInNeither)
-                sim::stopFlood(input);
+                sim::stopFlood(input); // on and on until here
+            EXPECT_EQ(released.messages(), messages);
         }
     }
 }
@@ -159,6 +161,7 @@ TEST_F(RaceTest, TwoTransportsWorkOnTwoInputsAtOnce)
         FloodChecker own(kSysExLength);
         transport.registerMIDIobserver(&own);
         for (int round = 0; round < 20; ++round) {
+            watchdog.alive();
             EXPECT_NE(transport.openInput(port), nullptr);
             waitForMessages(own, 30);
             EXPECT_EQ(transport.closeInput(), 0);
@@ -218,6 +221,7 @@ TEST_F(RaceTest, ClosingTheOutputEndsALongDumpOfAnotherThread)
             std::this_thread::yield();
     });
     for (int round = 0; round < 100; ++round) {
+        watchdog.alive();
         pauses = 0;
         closed = false;
         ASSERT_NE(transport.openOutput(1), nullptr) << "round " << round;

