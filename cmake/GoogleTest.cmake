@@ -29,5 +29,13 @@ target_link_libraries(gtest_main PUBLIC gtest)
 target_link_libraries(gmock PUBLIC gtest)
 target_link_libraries(gmock_main PUBLIC gmock)
 
-# gtest_discover_tests(), by its path since this file bears the same name.
+# gtest_add_tests(), by its path since this file bears the same name.
 include("${CMAKE_ROOT}/Modules/GoogleTest.cmake")
+
+# lumora_add_tests(TARGET SECONDS): a CTest test for each test in the target's sources. They are known
+# before anything is built, so that ./dev test -R NAME can build what they need and no more.
+function(lumora_add_tests target timeout)
+  gtest_add_tests(TARGET ${target} TEST_LIST tests)
+  # A test that the sources have and the program has not must not pass.
+  set_tests_properties(${tests} PROPERTIES TIMEOUT ${timeout} FAIL_REGULAR_EXPRESSION "Running 0 tests")
+endfunction()

@@ -1,0 +1,82 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
+# The builds of CMakePresets.json, each in build/PRESET, and the Wine prefix that runs what they make.
+
+provide_wine() {
+    [[ -f $root/build/wine/.lumora ]] ||
+        long_step "Making the Wine prefix" wine progress_working "$setup/on-wine" cmd /c exit ||
+        fail "The Wine prefix could not be made: mend what $root/build/wine.log says, then run this again."
+}
+
+# What a build folder is configured from; a change asks for a fresh start.
+configuration_of() {
+    cat "$root/CMakePresets.json" "$setup/mingw-w64.cmake" | sha256sum
+    [[ $1 != windows ]] || echo "$qt_dir"
+}
+
+# is_built PRESET [TARGET...]: Ninja finds nothing to do.
+is_built() {
+    ninja -C "$root/build/$1" -n "${@:2}" 2>/dev/null | grep -q '^ninja: no work to do'
+}
+
+# configure PRESET: afresh, or what changed since.
+configure() {
+    local folder=$root/build/$1 command=(ninja -C "$root/build/$1" build.ninja)
+    if [[ $(cat "$folder/configuration" 2>/dev/null) != "$(configuration_of "$1")" ]]; then
+        mkdir -p "$folder"
+        rm -f "$folder/configuration"
+        command=(cmake --fresh -S "$root" --preset "$1")
+    elif is_built "$1" build.ninja; then
+        return
+    fi
+    long_step "Configuring the $1 build" "configure-$1" progress_working "${command[@]}" ||
+        fail "CMake could not configure the $1 build: mend what" \
+            "$logs/configure-$1.log says, then run this again."
+    configuration_of "$1" >"$folder/configuration"
+}
+
+# provide_configured PRESET
+provide_configured() {
+    hold_lock "$root/build/lock" "the build"
+    configure "$1"
+    release_lock
+}
+
+# provide_build PRESET [TARGET...]: all, unless told.
+provide_build() {
+    local preset=$1 targets=()
+    shift
+    [[ $# -eq 0 ]] || targets=(--target "$@")
+    hold_lock "$root/build/lock" "the build"
+    configure "$preset"
+    if ! is_built "$preset" "$@"; then
+        show_title "Building $preset"
+        NINJA_STATUS='    [%f/%t, %e s] ' \
+            cmake --build "$root/build/$preset" --parallel "$jobs" "${targets[@]}" >&2 ||
+            fail "The $preset build failed: mend the errors above, then run this again."
+        end_step "done"
+    fi
+    release_lock
+}
+
+# --- What tests need ----------------------------------------------------------------------------
+
+# CTest's arguments, which select.
+test_arguments=()
+
+# files_of_tests PRESET: what the selected tests run, or have as arguments, of what that build makes.
+# CTest lists a program that is not built yet as one that it could not find.
+files_of_tests() {
+    local folder=$root/build/$1
+    ctest --test-dir "$folder" -N -V "${test_arguments[@]}" | tr '"' '\n' |
+        sed -nE "s/^(Could not find executable|[0-9]+: Test command:) //; s/ \$//; s|^$folder/||p" |
+        sort -u | grep -xFf <(ninja -C "$folder" -t targets all | sed 's/: [^:]*$//') || true
+}
+
+# provide_tests PRESET: of a build that is configured.
+provide_tests() {
+    local files
+    mapfile -t files < <(files_of_tests "$1")
+    [[ ${#files[@]} -gt 0 ]] || return 0
+    provide_build "$1" "${files[@]}"
+    [[ $1 != windows ]] || provide_wine
+}

@@ -1,0 +1,26 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
+# What ./dev made, removed again.
+
+clean_build() {
+    local wineserver=/usr/lib/wine/wineserver64
+    [[ -d $root/build ]] || return 0
+    hold_lock "$root/build/lock" "the build"
+    if [[ -d $root/build/wine && -x $wineserver ]]; then
+        WINEPREFIX=$root/build/wine "$wineserver" -k || true
+    fi
+    say "Removing $root/build"
+    rm -rf "$root/build"
+}
+
+clean_cache() {
+    local entry
+    [[ -d $cache ]] || return 0
+    hold_lock "$cache/lock" "packages or Qt"
+    # By name: LUMORA_CACHE may be a folder that holds other things as well.
+    for entry in "$cache"/qt-* "$cache"/peers-* "$logs" "$cache/lock"; do
+        [[ -e $entry ]] || continue
+        say "Removing $entry ($(du -sh "$entry" | cut -f1))"
+        rm -rf "$entry"
+    done
+    rmdir --ignore-fail-on-non-empty "$cache"
+}
