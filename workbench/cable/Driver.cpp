@@ -1,5 +1,4 @@
-// The driver's entry points: the messages of winmm.dll, and what mmdevapi.dll wants to find before
-// winmm.dll is told of the driver at all.
+// The driver's entry points: the messages of winmm.dll.
 
 #include "PortTable.h"
 
@@ -276,37 +275,6 @@ __declspec(dllexport) LRESULT CALLBACK
     default:
         return DefDriverProc(driver, handle, message, parameter1, parameter2);
     }
-}
-
-// mmdevapi.dll takes the driver for one of audio and asks for its end points; it has none.
-
-__declspec(dllexport) int WINAPI GetPriority()
-{
-    return 3; // preferred
-}
-
-__declspec(dllexport) HRESULT WINAPI
-    GetEndpointIDs(int, WCHAR*** ids, GUID** guids, UINT* count, UINT* defaultIndex)
-{
-    *ids = nullptr;
-    *guids = nullptr;
-    *count = 0;
-    *defaultIndex = 0;
-    return S_OK;
-}
-
-__declspec(dllexport) HRESULT WINAPI GetAudioEndpoint(void*, void*, void** client)
-{
-    if (client)
-        *client = nullptr;
-    return E_NOTIMPL;
-}
-
-__declspec(dllexport) HRESULT WINAPI GetAudioSessionManager(void*, void** manager)
-{
-    if (manager)
-        *manager = nullptr;
-    return E_NOTIMPL;
 }
 
 } // extern "C"
