@@ -17,6 +17,10 @@ class IMIDIPortAccessor;
 class TMIDIEventPushThread;
 struct TMIDIObserverBlock;
 
+namespace lumora {
+struct TransportTestAccess; // the tests' view of the objects' insides
+}
+
 /// Whoever takes MIDI: every observer, and the transport itself.
 class TMIDIReaderRefConInterface
 {
@@ -187,7 +191,7 @@ protected:
 
 private:
     friend class TMIDIEventPushThread;
-    friend struct TransportTestAccess;
+    friend struct lumora::TransportTestAccess;
 
     unsigned int refCount;
     std::atomic<bool> terminated;
@@ -200,7 +204,7 @@ protected:
     void* dataEvent;
 
 private:
-    RecursiveMutex lock;
+    lumora::RecursiveMutex lock;
 };
 
 #endif

@@ -41,7 +41,7 @@ protected:
     int read(int length, const void* data, bool strictStart, bool spare) override;
 
 private:
-    friend struct TransportTestAccess;
+    friend struct lumora::TransportTestAccess;
 
     // WinMM's callbacks, on threads of WinMM's. The message parameters are declared 32 bits wide,
     // which is why the headers lie where 32 bits identify them.

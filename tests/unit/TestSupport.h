@@ -2,8 +2,8 @@
 #define LUMORA_TESTS_UNIT_TESTSUPPORT_H
 
 #include "ports/MIDIPortAccessor.h"
-#include "workbench/sim/Sim.h"
 #include "tests/unit/TransportTestAccess.h"
+#include "workbench/sim/Sim.h"
 
 #include <QSettings>
 #include <QStringList>
