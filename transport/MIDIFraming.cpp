@@ -76,12 +76,3 @@ void TMIDIObserverBlock::append(int length, const void* data)
         pendingSysEx.reset();
     }
 }
-
-void TMIDIObserverBlock::deliver(int length, const void* data, bool strictStart,
-                                 const std::atomic<bool>& terminated)
-{
-    for (uint i = 0; i < observers.count() && !terminated; ++i) {
-        if (TMIDIReaderRefConInterface* observer = observers.at(i))
-            observer->read(length, data, strictStart, false);
-    }
-}

@@ -22,7 +22,13 @@ struct TMIDIObserverBlock
 
     /// Calls the observers one after the other, as long as `terminated` is false.
     void deliver(int length, const void* data, bool strictStart,
-                 const std::atomic<bool>& terminated);
+                 const std::atomic<bool>& terminated)
+    {
+        for (uint i = 0; i < observers.count() && !terminated; ++i) {
+            if (TMIDIReaderRefConInterface* observer = observers.at(i))
+                observer->read(length, data, strictStart, false);
+        }
+    }
 
 private:
     /// Takes a chunk that is no channel message: a SysEx message, or a piece of one.

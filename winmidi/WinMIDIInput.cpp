@@ -63,30 +63,33 @@ int TWinMIDI::closeInput()
     return 0;
 }
 
+inline bool TWinMIDIPrivate::receive(HMIDIIN handle, const InputRecord& record)
+{
+    const int room = record.message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
+    bool isCurrent = true;
+    if (record.returnsBuffer()) {
+        buffersOut.takeBack();
+        // A driver that does not wait for its own thread may still return a buffer of a port that
+        // is closed by now. That buffer may be with the next opening already.
+        isCurrent = handle == hMidiIn;
+    }
+    const lumora::MutexLocker locker(recordQueue.mutex());
+    if (closingInput || !isCurrent)
+        return false;
+    if (recordQueue.space() >= room)
+        recordQueue.write(&record, sizeof record);
+    return true;
+}
+
 // WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
 void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR instance, DWORD param1,
                                    DWORD)
 {
     TWinMIDI* const self = reinterpret_cast<TWinMIDI*>(instance);
-    const CallbacksRunning::Call call(&self->d->callbacksRunning);
-    if (self->d->receive(handle, {message, param1}))
+    TWinMIDIPrivate* const d = self->d;
+    const CallbacksRunning::Call call(&d->callbacksRunning);
+    if (d->receive(handle, {message, param1}))
         SetEvent(self->dataEvent);
-}
-
-bool TWinMIDIPrivate::receive(HMIDIIN handle, const InputRecord& record)
-{
-    const bool returnsBuffer = record.returnsBuffer();
-    if (returnsBuffer)
-        buffersOut.takeBack();
-    const int room = record.message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
-    const lumora::MutexLocker locker(recordQueue.mutex());
-    // A driver that does not wait for its own thread may still return a buffer of a port that is
-    // closed by now. That buffer may be with the next opening already.
-    if (closingInput || (returnsBuffer && handle != hMidiIn))
-        return false;
-    if (recordQueue.space() >= room)
-        recordQueue.write(&record, sizeof record);
-    return true;
 }
 
 bool TWinMIDIPrivate::addBuffers(HMIDIIN handle)
