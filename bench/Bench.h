@@ -1,8 +1,8 @@
 #ifndef LUMORA_BENCH_BENCH_H
 #define LUMORA_BENCH_BENCH_H
 
-#include "workbench/sim/Sim.h"
 #include "tests/unit/TransportTestAccess.h"
+#include "workbench/sim/Sim.h"
 
 #include <benchmark/benchmark.h>
 #include <chrono>
