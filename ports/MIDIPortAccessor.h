@@ -2,8 +2,8 @@
 #define LUMORA_PORTS_MIDIPORTACCESSOR_H
 
 /// \file
-/// Who is who: every MIDI port is known by an identifier that survives from run to run, not by its
-/// position in the system's device list, which changes when devices come and go.
+/// Which port is which. Every MIDI port has an identifier that survives from run to run. Its
+/// position in the system's device list changes when devices come and go.
 ///
 /// A port label is "number;name": the device's 1-based position in the system's list, in decimal,
 /// then ';', then the device name as the system gives it.
@@ -22,6 +22,7 @@ class LUMORA_TRANSPORT_EXPORT TSystemMIDIMap : public QMap<QUuid, QString>
 public:
     /// @{
     /// As QMap's: an empty map, or one that shares its entries with `other` until it is changed.
+    /// Thread-safe: no. Blocks: no.
     TSystemMIDIMap();
     TSystemMIDIMap(const TSystemMIDIMap& other);
     ~TSystemMIDIMap();
@@ -29,33 +30,37 @@ public:
     /// @}
 };
 
-/// The ports of the system as they were when the accessor was made. Made by MIDIPortAccessor(),
-/// ended by Release().
+/// The ports of the system as they were when the accessor was made. MIDIPortAccessor() makes it,
+/// Release() ends it.
 ///
-/// The accessor has no lock: it is filled before anyone can see it and only read afterwards, on
-/// any thread. Release() must not run while another thread reads.
+/// The accessor has no lock. It is filled before anyone can see it, and only read afterwards.
 class IMIDIPortAccessor
 {
 public:
-    /// Appends the ports first seen in this run to the stored table and deletes the accessor, which
-    /// must outlive every transport that was made for it. A store that cannot be written is not
-    /// reported: the new identifiers are then made afresh in the next run.
+    /// Appends the ports first seen in this run to the stored table and deletes the accessor. It
+    /// must outlive every transport that was made for it. Does not report a store that cannot be
+    /// written: the next run then makes new identifiers again.
+    /// Thread-safe: no, the last call of all. Blocks: while it reads and writes the store.
     virtual void Release() = 0;
 
     /// The identifier of the port whose device name is exactly `name`; the null QUuid if there is
-    /// none. Both directions are searched, inputs first, whatever `output` says: a device that has
-    /// an input and an output of one name yields its input's identifier. A name that contains ';'
-    /// is never found.
+    /// none. Searches both directions, inputs first, whatever `output` says: a device that has an
+    /// input and an output of one name yields its input's identifier. Never finds a name that
+    /// contains ';'.
+    /// Thread-safe: yes. Blocks: no.
     virtual QUuid portIdentity(const QString& name, bool output) const = 0;
 
     /// The whole label of the port `id`, inputs first; "<unknown port name>" if there is none.
+    /// Thread-safe: yes. Blocks: no.
     virtual QString portName(const QUuid& id) const = 0;
 
     /// The number of ports of a direction.
+    /// Thread-safe: yes. Blocks: no.
     virtual int numberOfPlugs(bool output) const = 0;
 
     /// The ports of a direction. The map stays the accessor's, never changes, and is valid until
     /// Release().
+    /// Thread-safe: yes. Blocks: no.
     virtual const TSystemMIDIMap& plugs(bool output) const = 0;
 
 protected:
@@ -63,23 +68,26 @@ protected:
     ~IMIDIPortAccessor() = default;
 };
 
-/// Everything about the accessor that does not depend on the platform. A platform is a subclass
-/// that supplies systemPortName() and numberOfSystemPorts() and nothing else.
+/// Everything about the accessor that does not depend on the platform. A platform's subclass
+/// supplies systemPortName() and numberOfSystemPorts(), and nothing else.
 class LUMORA_TRANSPORT_EXPORT UniIMIDIPortAccessor : public IMIDIPortAccessor
 {
 public:
     /// Starts with no ports. `organization` and `application` name the settings store that holds
     /// the table of known ports, in its system-wide scope.
+    /// Thread-safe: yes. Blocks: no.
     UniIMIDIPortAccessor(const QString& organization, const QString& application);
 
     /// @{
     /// Copies the ports and the names of the store.
+    /// Thread-safe: no. Blocks: no.
     UniIMIDIPortAccessor(const UniIMIDIPortAccessor& other);
     UniIMIDIPortAccessor& operator=(const UniIMIDIPortAccessor& other);
     /// @}
 
     /// Gives every device that is present now the identifier that the stored table has for its
-    /// label, or a fresh one. Writes nothing. Called once, by the factory.
+    /// label, or a fresh one. Writes nothing. The factory calls it once.
+    /// Thread-safe: no. Blocks: while it reads the store and asks the drivers.
     void init();
 
     void Release() override;
@@ -90,12 +98,15 @@ public:
 
 protected:
     /// Reached through Release(), which alone saves the table.
+    /// Thread-safe: no, the last call of all. Blocks: no.
     virtual ~UniIMIDIPortAccessor();
 
     /// The system's name of device `index` (0-based); empty if the system cannot name it.
+    /// Thread-safe: yes. Blocks: while it asks the driver.
     virtual QString systemPortName(int index, bool output) = 0;
 
-    /// The number of devices the system has now.
+    /// The number of devices that the system has now.
+    /// Thread-safe: yes. Blocks: while it asks the system.
     virtual int numberOfSystemPorts(bool output) = 0;
 
 private:
@@ -108,11 +119,13 @@ private:
 class WinIMIDIPortAccessor : public UniIMIDIPortAccessor
 {
 public:
-    /// Starts with no ports; MIDIPortAccessor() makes a filled one.
+    /// Starts with no ports. MIDIPortAccessor() makes a filled one.
+    /// Thread-safe: yes. Blocks: no.
     WinIMIDIPortAccessor(const QString& organization, const QString& application);
 
 protected:
     /// Reached through Release().
+    /// Thread-safe: no, the last call of all. Blocks: no.
     ~WinIMIDIPortAccessor() override;
 
     QString systemPortName(int index, bool output) override;
@@ -120,8 +133,9 @@ protected:
 };
 
 /// Makes the accessor of this system's ports, with the identifiers that earlier runs stored under
-/// `organization` and `application`. The caller owns it and ends it with Release(). Any thread;
-/// never null, but throws std::bad_alloc if there is no memory.
+/// `organization` and `application`. The caller owns it and ends it with Release(). Never null.
+/// Throws std::bad_alloc without memory.
+/// Thread-safe: yes. Blocks: while it reads the store and asks the drivers.
 LUMORA_TRANSPORT_EXPORT IMIDIPortAccessor* MIDIPortAccessor(const QString& organization,
                                                             const QString& application);
 

@@ -2,15 +2,20 @@
 #define LUMORA_QT_RECURSIVEMUTEX_H
 
 /// \file
-/// A mutex that its owner may lock again, under one name for every Qt: Qt 6 made it a class of its
-/// own, before that it is a QMutex constructed so.
+/// A mutex that its owner may lock again, under one name for every Qt: Qt 6 has a class for it,
+/// earlier versions have a constructor argument of QMutex.
 
 #include <QMutex>
 #include <QMutexLocker>
 
 #if QT_VERSION >= 0x060000
-
 #include <QRecursiveMutex>
+#endif
+
+/// Names of this library's own that its headers need.
+namespace lumora {
+
+#if QT_VERSION >= 0x060000
 
 typedef QRecursiveMutex RecursiveMutex;
 typedef QMutexLocker<QRecursiveMutex> RecursiveMutexLocker;
@@ -18,7 +23,7 @@ typedef QMutexLocker<QMutex> MutexLocker;
 
 #else
 
-/// A mutex that the thread which holds it may lock again, and unlocks as often.
+/// A mutex that the thread which holds it may lock again. It unlocks it as often.
 class RecursiveMutex : public QMutex
 {
 public:
@@ -30,5 +35,7 @@ typedef QMutexLocker RecursiveMutexLocker; ///< holds a RecursiveMutex for its o
 typedef QMutexLocker MutexLocker;          ///< holds a QMutex for its own lifetime
 
 #endif
+
+} // namespace lumora
 
 #endif

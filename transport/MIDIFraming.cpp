@@ -23,13 +23,19 @@ int TMIDITransport::midi_msg_length(unsigned char status) const
 
 int TMIDITransport::read(int length, const void* data, bool strictStart, bool)
 {
-    const RecursiveMutexLocker locker(&lock);
+    return observerBlock->frame(length, data, strictStart, &lock, terminated);
+}
+
+int TMIDIObserverBlock::frame(int length, const void* data, bool strictStart,
+                              lumora::RecursiveMutex* lock, const std::atomic<bool>& terminated)
+{
+    const lumora::RecursiveMutexLocker locker(lock);
     if (terminated || length < 1)
         return length;
     if (isChannelStatus(*static_cast<const unsigned char*>(data)))
-        observerBlock->deliver(length, data, true, terminated);
+        deliver(length, data, true, terminated);
     else
-        observerBlock->assemble(length, data, strictStart, terminated);
+        assemble(length, data, strictStart, terminated);
     return length;
 }
 
@@ -40,41 +46,33 @@ void TMIDIObserverBlock::assemble(int length, const void* data, bool strictStart
     const bool endsSysEx = bytes[length - 1] == kSysExEnd;
     const bool mayStart = !strictStart || bytes[0] == kSysExStart;
 
-    if (!pendingSysEx) {
-        if (!mayStart)
-            return;
-        if (endsSysEx) {
-            // Whole in one chunk: the caller's bytes, no copy.
-            deliver(length, data, strictStart, terminated);
-            return;
-        }
-    }
-    try {
-        if (!pendingSysEx)
-            pendingSysEx = new QByteArray;
-        if (pendingSysEx->size() > INT_MAX - length)
-            throw std::bad_alloc(); // observers could not be told its length
-        pendingSysEx->append(static_cast<const char*>(data), length);
-    } catch (const std::bad_alloc&) {
-        // A message with a hole must not be delivered: what is left of it is no SysEx start.
-        delete pendingSysEx;
-        pendingSysEx = nullptr;
+    if (!pendingSysEx && !mayStart)
+        return;
+    if (!pendingSysEx && endsSysEx) {
+        // Whole in one chunk: the caller's bytes, no copy.
+        deliver(length, data, strictStart, terminated);
         return;
     }
-    if (!endsSysEx)
+    append(length, data);
+    if (!pendingSysEx || !endsSysEx)
         return;
     // Shares the bytes, so that they stay put whatever an observer does to the transport.
     const QByteArray message = *pendingSysEx;
     deliver(static_cast<int>(message.size()), message.constData(), strictStart, terminated);
-    delete pendingSysEx;
-    pendingSysEx = nullptr;
+    pendingSysEx.reset();
 }
 
-void TMIDIObserverBlock::deliver(int length, const void* data, bool strictStart,
-                                 const std::atomic<bool>& terminated)
+void TMIDIObserverBlock::append(int length, const void* data)
 {
-    for (uint i = 0; i < observers.count() && !terminated; ++i) {
-        if (TMIDIReaderRefConInterface* observer = observers.at(i))
-            observer->read(length, data, strictStart, false);
+    try {
+        if (!pendingSysEx)
+            pendingSysEx = std::make_unique<QByteArray>();
+        if (pendingSysEx->size() > INT_MAX - length)
+            throw std::bad_alloc(); // observers could not be told its length
+        pendingSysEx->append(static_cast<const char*>(data), length);
+    } catch (const std::bad_alloc&) {
+        // A message with a hole must not be delivered. Its remaining chunks start no SysEx, so they
+        // are dropped.
+        pendingSysEx.reset();
     }
 }

@@ -4,6 +4,8 @@
 #include "qt/Q3PtrList.h"
 #include "transport/MIDITransport.h"
 
+#include <memory>
+
 /// The observers of a transport and the SysEx message that is being reassembled for them.
 struct TMIDIObserverBlock
 {
@@ -11,15 +13,30 @@ struct TMIDIObserverBlock
     Q3PtrList<TMIDIReaderRefConInterface> observers;
 
     /// Null when nothing is being assembled.
-    QByteArray* pendingSysEx = nullptr;
+    std::unique_ptr<QByteArray> pendingSysEx;
+
+    /// Takes one chunk of input under `lock`: delivers a channel message at once, and assembles
+    /// everything else. Does nothing once `terminated` is true. Returns `length`.
+    int frame(int length, const void* data, bool strictStart, lumora::RecursiveMutex* lock,
+              const std::atomic<bool>& terminated);
 
     /// Calls the observers one after the other, as long as `terminated` is false.
     void deliver(int length, const void* data, bool strictStart,
-                 const std::atomic<bool>& terminated);
+                 const std::atomic<bool>& terminated)
+    {
+        for (uint i = 0; i < observers.count() && !terminated; ++i) {
+            if (TMIDIReaderRefConInterface* observer = observers.at(i))
+                observer->read(length, data, strictStart, false);
+        }
+    }
 
+private:
     /// Takes a chunk that is no channel message: a SysEx message, or a piece of one.
     void assemble(int length, const void* data, bool strictStart,
                   const std::atomic<bool>& terminated);
+
+    /// Adds a piece to the pending message, or discards what is pending for lack of memory.
+    void append(int length, const void* data);
 };
 
 #endif

@@ -43,7 +43,6 @@ TMIDITransport::~TMIDITransport()
         CloseHandle(dataEvent);
         dataEvent = nullptr;
     }
-    delete observerBlock->pendingSysEx;
     delete observerBlock;
 }
 
@@ -82,11 +81,9 @@ void TMIDITransport::registerMIDIobserver(TMIDIReaderRefConInterface* observer)
 
 void TMIDITransport::doEvent(TMIDIEvent& event)
 {
-    const QByteArray& message = event.message;
-    for (uint i = 0; i < observerBlock->observers.count(); ++i) {
-        if (TMIDIReaderRefConInterface* observer = observerBlock->observers.at(i))
-            observer->read(static_cast<int>(message.size()), message.constData(), true, false);
-    }
+    const std::atomic<bool> neverTerminated{false};
+    observerBlock->deliver(static_cast<int>(event.message.size()), event.message.constData(), true,
+                           neverTerminated);
 }
 
 void TMIDITransport::startPusherThread()

@@ -17,17 +17,23 @@ class IMIDIPortAccessor;
 class TMIDIEventPushThread;
 struct TMIDIObserverBlock;
 
-/// Whoever takes MIDI: every observer, and the transport itself.
+namespace lumora {
+struct TransportTestAccess; // the tests' view of the objects' insides
+}
+
+/// Takes MIDI. Observers implement it, and so does the transport itself.
 class TMIDIReaderRefConInterface
 {
 public:
-    /// Takes `length` bytes at `data`, which are the caller's and valid for this call only.
+    /// Takes `length` bytes at `data`. They are the caller's and valid during this call only.
     ///
-    /// An observer is called on the transport's pusher thread, one call at a time, under the
-    /// transport's lock; by doEvent() on its caller's, without. It gets a channel message as 4
-    /// bytes: status, two data bytes (0 where the message has none) and 0; or one whole SysEx
-    /// message, F0 … F7, of any length. `strictStart` is true and `spare` false in everything a
-    /// device sent. The return value is ignored. It must not throw: nothing above it catches.
+    /// An observer gets a channel message as 4 bytes: status, two data bytes (0 where the message
+    /// has none) and 0. It gets a SysEx message whole, F0 … F7, of any length. `strictStart` is
+    /// true and `spare` false in everything that a device sent. The return value is ignored. An
+    /// observer must not throw: nothing above it catches.
+    ///
+    /// Called on the transport's pusher thread, one call at a time and under the transport's lock;
+    /// by doEvent() on its caller's thread and without the lock. While it runs, delivery waits.
     virtual int read(int length, const void* data, bool strictStart, bool spare) = 0;
 
 protected:
@@ -35,18 +41,20 @@ protected:
     ~TMIDIReaderRefConInterface() = default;
 };
 
-/// A further interface of the host's, which implements it. Nothing in this library calls it; the
-/// last five slots are the host's own.
+/// An interface that the host implements and calls. Nothing in this library does either. The last
+/// five slots are the host's own.
 class LUMORA_TRANSPORT_EXPORT TMIDIProxyInOut : public TMIDIReaderRefConInterface
 {
 public:
     int read(int length, const void* data, bool strictStart, bool spare) override = 0;
 
-    /// Does nothing. Its owner, the host, may delete the object.
+    /// Does nothing. The host owns the object and may delete it.
+    /// Thread-safe: the host decides. Blocks: no.
     virtual ~TMIDIProxyInOut();
 
     /// @{
     /// A slot of the host's own.
+    /// Thread-safe: the host decides. Blocks: the host decides.
     virtual void hostOperation1() = 0;
     virtual void hostOperation2() = 0;
     virtual void hostOperation3() = 0;
@@ -55,139 +63,163 @@ public:
     /// @}
 };
 
-/// A message that the host hands to the observers itself, with TMIDITransport::doEvent().
+/// A message that the host hands to the observers with TMIDITransport::doEvent().
 struct TMIDIEvent
 {
     QByteArray message; ///< the bytes, which observers get as they stand
 };
 
-/// A MIDI transport: lists ports, holds one open input and one open output, sends, and delivers
-/// what arrives to observers. Made by a backend's factory with a reference count of 1.
+/// A MIDI transport. It lists ports, holds one open input and one open output, sends, and delivers
+/// what arrives to observers. A backend's factory makes it, with a reference count of 1.
 ///
-/// Ports are numbered from 1, in the system's order; a number below 1 means no port.
+/// Ports are numbered from 1, in the system's order. A number below 1 means no port.
 ///
-/// Threads. Opening and closing take a lock and belong to the host's threads; whatever else takes
-/// none says so. An observer may call back into the transport, and open and close the output,
-/// unless the input is being closed at that moment: then openOutput() returns null and
-/// closeOutput() -1. It cannot close or reopen the input, which returns -1 or null and changes
-/// nothing, and it must not give up the last reference, which destroys what it runs on.
+/// An observer may call back into the transport, and may open and close the output. While another
+/// thread closes the input, openOutput() returns null to it and closeOutput() -1. It cannot close
+/// or reopen the input: that returns -1 or null and changes nothing. It must not give up the last
+/// reference, which destroys what it runs on.
+///
+/// The last line on each member says who may call it and for how long it blocks. "One thread at a
+/// time" means that the member takes no lock of its own.
 class LUMORA_TRANSPORT_EXPORT TMIDITransport : public QObject, public TMIDIReaderRefConInterface
 {
 public:
-    /// `accessor` is not owned and must outlive the transport. Transports are counted without a
-    /// lock: one thread at a time makes them. Throws std::bad_alloc if there is no memory.
+    /// Does not own `accessor`, which must outlive the transport. Throws std::bad_alloc without
+    /// memory.
+    /// Thread-safe: no, one thread at a time makes transports. Blocks: no.
     explicit TMIDITransport(IMIDIPortAccessor* accessor);
 
-    /// Counts one more owner; returns the new count. Takes no lock: AddRef() and Release() are
-    /// called by one thread at a time.
+    /// Counts one more owner. Returns the new count.
+    /// Thread-safe: no, one thread at a time calls AddRef() and Release(). Blocks: no.
     unsigned int AddRef();
 
-    /// Counts one owner less; returns the new count. At 0 the ports are closed as closeInput() and
-    /// closeOutput() do it, and the object is gone: no other call may be in progress.
+    /// Counts one owner less. Returns the new count. At 0 it closes the ports as closeInput() and
+    /// closeOutput() do, and the object is gone: no other call may be in progress.
+    /// Thread-safe: no, one thread at a time calls AddRef() and Release(). Blocks: the last call,
+    /// as closeInput() and closeOutput().
     unsigned int Release();
 
-    /// From now on nothing that arrives is delivered, for good. Ports stay open. Any thread.
+    /// Ends delivery for good. Ports stay open.
+    /// Thread-safe: yes. Blocks: no.
     void terminate();
 
-    /// Whether a factory's reference refers to an object at all: false for the null reference that
-    /// it returns when there was no memory. The only call that such a reference allows. True after
-    /// terminate(), too.
+    /// Whether a factory's reference refers to an object at all. Without memory the factory returns
+    /// a null reference, which allows no other call. True after terminate(), too.
+    /// Thread-safe: yes. Blocks: no.
     bool valid() const;
 
     /// The length in bytes of a message that begins with `status`, by its high four bits: channel
-    /// messages 2 or 3, everything else 1, system messages included. Any thread.
+    /// messages 2 or 3, everything else 1, system messages included.
+    /// Thread-safe: yes. Blocks: no.
     int midi_msg_length(unsigned char status) const;
 
     /// Adds `observer` behind the others unless it is registered already. It is not owned, stays
-    /// registered for the life of the transport and must live as long. Takes no lock: before
-    /// openInput(), or while no input arrives.
+    /// registered for the life of the transport and must live as long. An observer that registers
+    /// another one during its own call has it called with the message at hand, too.
+    /// Thread-safe: no, one thread at a time, and none while another one delivers. Blocks: no.
     void registerMIDIobserver(TMIDIReaderRefConInterface* observer);
 
     /// Fills the TMIDIPortList at `list` with the ports of one direction of `accessor` (false:
-    /// inputs, true: outputs), in plain memory that the caller frees. The order is that of the
+    /// inputs, true: outputs), in plain memory that the caller frees. They are in the order of the
     /// labels as text: port 10 before port 2. Changes nothing if `entries` is not null or
-    /// `accessor` is; without memory `entries` stays null and `count` tells how many there would
-    /// be. Any thread.
+    /// `accessor` is. Without memory `entries` stays null, and `count` tells how many there would
+    /// be.
+    /// Thread-safe: yes. Blocks: no.
     static void MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* list);
 
-    /// The name to show for a port of either direction; for an unknown one or one without a name
-    /// the identifier's text, never an empty string. Needs an accessor. Any thread.
+    /// The name to show for a port of either direction. For a port that is unknown or has no name
+    /// it is the identifier's text, never an empty string. Needs an accessor.
+    /// Thread-safe: yes. Blocks: no.
     QString friendlyName(const QUuid& id) const;
 
     /// The port number of an input, for openInput(); 0 if there is no such input. Needs an
-    /// accessor. Any thread.
+    /// accessor.
+    /// Thread-safe: yes. Blocks: no.
     int getInpDescriptorPort(const QUuid& id) const;
 
     /// The port number of an output, for openOutput(); 0 if there is no such output. Needs an
-    /// accessor. Any thread.
+    /// accessor.
+    /// Thread-safe: yes. Blocks: no.
     int getOutDescriptorPort(const QUuid& id) const;
 
-    /// Hands `event` to every observer in order of registration, on the calling thread and without
-    /// a lock, after terminate() too; not while another thread delivers input.
+    /// Hands `event` to every observer in order of registration, on the calling thread, after
+    /// terminate() too. An observer may call it during its own call.
+    /// Thread-safe: no, one thread at a time, and none while another one delivers. Blocks: as long
+    /// as the observers.
     void doEvent(TMIDIEvent& event);
 
-    /// The number of inputs that the accessor knows; 0 without an accessor. Any thread.
+    /// The number of inputs that the accessor knows; 0 without an accessor.
+    /// Thread-safe: yes. Blocks: no.
     virtual int numberOfInputs() const = 0;
 
-    /// The number of outputs that the accessor knows; 0 without an accessor. Any thread.
+    /// The number of outputs that the accessor knows; 0 without an accessor.
+    /// Thread-safe: yes. Blocks: no.
     virtual int numberOfOutputs() const = 0;
 
     /// The identifier of input number `index`, from 1; the null QUuid if there is no such input.
-    /// Any thread.
+    /// Thread-safe: yes. Blocks: no.
     virtual QUuid getInpPortDescriptor(int index) const = 0;
 
     /// The identifier of output number `index`, from 1; the null QUuid if there is no such output.
-    /// Any thread.
+    /// Thread-safe: yes. Blocks: no.
     virtual QUuid getOutPortDescriptor(int index) const = 0;
 
     /// Opens input number `port` and starts delivery. Returns the device handle, which stays the
     /// transport's; null on failure or from an observer. A number below 1 changes nothing and
     /// returns the current handle, null if none is open. Close the open input first.
+    /// Thread-safe: yes. Blocks: while another thread opens or closes a port.
     virtual void* openInput(int port) = 0;
 
-    /// Ends delivery and closes the input: 0, or -1 if none was open or an observer calls. Waits
-    /// for the observer that is being called, however long it takes, and up to 1 s for a device
-    /// that keeps buffers. Once it returns no observer is called.
+    /// Ends delivery and closes the input: 0, or -1 if none was open or an observer calls. Once it
+    /// returns no observer is called.
+    /// Thread-safe: yes. Blocks: while another thread opens or closes a port, until the observer
+    /// that is being called returns, and up to 1 s for a device that keeps buffers.
     virtual int closeInput() = 0;
 
     /// Opens output number `port`. Returns the device handle, which stays the transport's; null on
     /// failure. A number below 1 changes nothing and returns the current handle, null if none is
     /// open. Close the open output first.
+    /// Thread-safe: yes. Blocks: while another thread opens or closes a port.
     virtual void* openOutput(int port) = 0;
 
     /// Resets and closes the output, cutting off what is still being sent: 0, or -1 if none was
     /// open.
+    /// Thread-safe: yes. Blocks: while another thread opens or closes a port, and up to 1 s for a
+    /// sender that does not wake.
     virtual int closeOutput() = 0;
 
-    /// Sends `length` bytes at `data` as they stand, which are copied. Waits for every chunk of
-    /// 4,096 bytes but the last, without limit, and at least 100 ms between chunks; for the last
-    /// one only while 8 are on their way. False if `length` is below 1, `data` is null, no output
-    /// is open, the device refused a chunk or the output was closed in the middle; earlier chunks
-    /// have then gone out. Any thread, but takes no lock: one at a time.
+    /// Copies `length` bytes at `data` and sends them as they stand, in chunks of 4,096 bytes.
+    /// False if `length` is below 1, `data` is null, no output is open, the device refused a chunk,
+    /// or the output was closed in the middle. Earlier chunks have then gone out. Thread-safe: no,
+    /// one thread at a time. Blocks: until every chunk but the last is done, without limit, and at
+    /// least 100 ms between chunks; for the last one while 8 are on their way.
     virtual bool outputData(int length, const void* data) = 0;
 
 protected:
     /// Reached through Release().
+    /// Thread-safe: no, the last call of all. Blocks: as stopPusherThread().
     ~TMIDITransport() override;
 
     /// Takes one chunk of input: frames, reassembles and delivers it under `lock`. Returns
-    /// `length`. Pusher thread. A backend overrides this with a function that drains its input
-    /// queue and calls it for every chunk.
+    /// `length`. A backend overrides it to drain its input queue, and calls it for every chunk.
+    /// Thread-safe: yes, the pusher thread calls it. Blocks: as long as the observers.
     int read(int length, const void* data, bool strictStart, bool spare) override;
 
-    /// Starts delivery once the input device runs; nothing if it is running. Without memory for
-    /// the thread nothing is delivered, and nothing tells.
+    /// Starts delivery once the input device runs. Does nothing if it has started already. Without
+    /// memory for the thread nothing is delivered, and nothing tells.
+    /// Thread-safe: no, under the backend's lock. Blocks: no.
     void startPusherThread();
 
-    /// Ends delivery after one more drain. On return the pusher thread no longer runs. Takes no
-    /// lock: the backend's own keeps opening and closing apart.
+    /// Ends delivery after one more drain. On return the pusher thread no longer runs.
+    /// Thread-safe: no, under the backend's lock. Blocks: until the observer that is being called
+    /// returns.
     void stopPusherThread();
 
     IMIDIPortAccessor* accessor; ///< not owned; may be null
 
 private:
     friend class TMIDIEventPushThread;
-    friend struct TransportTestAccess;
+    friend struct lumora::TransportTestAccess;
 
     unsigned int refCount;
     std::atomic<bool> terminated;
@@ -196,11 +228,11 @@ private:
 
 protected:
     /// The event (HANDLE, owned) that wakes the pusher thread; null if it could not be created.
-    /// Delivery then goes on without sleeping.
+    /// The pusher thread then never sleeps.
     void* dataEvent;
 
 private:
-    RecursiveMutex lock;
+    lumora::RecursiveMutex lock;
 };
 
 #endif

@@ -8,7 +8,8 @@
 #include <windows.h>
 
 /// A zero-terminated UTF-16 copy of `text` in COM task memory; its receiver frees it with
-/// CoTaskMemFree. A null QString gives an empty copy. Null if there is no memory. Any thread.
+/// CoTaskMemFree. A null QString gives an empty copy. Null if there is no memory.
+/// Thread-safe: yes. Blocks: no.
 WCHAR* CreateOLEString(const QString& text);
 
 #endif

@@ -1,6 +1,8 @@
 #ifndef LUMORA_WINMIDI_MIDIHEADERBLOCK_H
 #define LUMORA_WINMIDI_MIDIHEADERBLOCK_H
 
+#include <atomic>
+#include <cstddef>
 #include <windows.h>
 
 #include <mmsystem.h>
@@ -50,5 +52,25 @@ private:
     unsigned char* data = nullptr;
     bool headersFromHeap = false;
 };
+
+/// A header's field that the driver's thread writes or reads while another thread looks at it. The
+/// field is a plain integer to WinMM, so the atomic must be nothing else.
+template <class Field>
+std::atomic<Field>& atomicField(MIDIHDR* header, std::size_t offset)
+{
+    static_assert(sizeof(std::atomic<Field>) == sizeof(Field), "as large as the field itself");
+    static_assert(std::atomic<Field>::is_always_lock_free, "no lock that the driver does not know");
+    return *reinterpret_cast<std::atomic<Field>*>(reinterpret_cast<char*>(header) + offset);
+}
+
+inline std::atomic<DWORD>& flagsOf(MIDIHDR* header)
+{
+    return atomicField<DWORD>(header, offsetof(MIDIHDR, dwFlags));
+}
+
+inline std::atomic<DWORD_PTR>& userOf(MIDIHDR* header)
+{
+    return atomicField<DWORD_PTR>(header, offsetof(MIDIHDR, dwUser));
+}
 
 #endif

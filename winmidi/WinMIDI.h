@@ -13,13 +13,14 @@
 struct TWinMIDIPrivate;
 
 /// The transport on the Windows multimedia MIDI interface. Port number n is WinMM's device n - 1.
-/// What each operation promises stands in TMIDITransport.
+/// See TMIDITransport for the contract.
 class LUMORA_TRANSPORT_EXPORT TWinMIDI : public TMIDITransport
 {
 public:
-    /// Sets up all buffers, about 3.6 MB, for the life of the object. What the system refuses is
-    /// lacking from then on: without input buffers no SysEx arrives, without output buffers
-    /// outputData() returns false. Nothing is reported here.
+    /// Sets up all buffers, about 3.6 MB, for the life of the object. Reports nothing. The object
+    /// lacks what the system refuses: without input buffers no SysEx arrives, without output
+    /// buffers outputData() returns false.
+    /// Thread-safe: no, one thread at a time makes transports. Blocks: no.
     explicit TWinMIDI(IMIDIPortAccessor* accessor);
 
     int numberOfInputs() const override;
@@ -34,14 +35,15 @@ public:
 
 protected:
     /// Closes both ports. Reached through Release().
+    /// Thread-safe: no, the last call of all. Blocks: as closeInput() and closeOutput().
     ~TWinMIDI() override;
 
-    /// Drains the input queue, on the pusher thread. 1 if it met a MIM_CLOSE record, otherwise 0
-    /// once the queue is empty.
+    /// Drains the input queue. 1 if it met a MIM_CLOSE record, otherwise 0 once the queue is empty.
+    /// Thread-safe: no, the pusher thread calls it. Blocks: as long as the observers.
     int read(int length, const void* data, bool strictStart, bool spare) override;
 
 private:
-    friend struct TransportTestAccess;
+    friend struct lumora::TransportTestAccess;
 
     // WinMM's callbacks, on threads of WinMM's. The message parameters are declared 32 bits wide,
     // which is why the headers lie where 32 bits identify them.
@@ -50,19 +52,23 @@ private:
     static void CALLBACK MidiOutProc(HMIDIOUT handle, UINT message, DWORD_PTR instance,
                                      DWORD param1, DWORD param2);
 
-    // Senders with a status byte apart, which goes in front of `data` when it is not 0. `length`
-    // counts the bytes of `data`; in outputLongData2, which sends a single chunk, the status too.
+    // Senders whose status byte is passed separately. It goes in front of `data` unless it is 0.
+    // `length` counts the bytes of `data`; in outputLongData2, which sends one chunk, the status
+    // byte too.
     bool outputLongData2(int length, const unsigned char* data, unsigned int status, bool wait);
     bool outputLongData(int length, unsigned char* data, unsigned int status);
+
+    // Part of the binary interface only: nothing in the library calls these two.
     bool outputShortData(int length, const unsigned char* data, unsigned int status);
     bool outputData(int length, unsigned char* data, unsigned int status);
 
     TWinMIDIPrivate* d;
 };
 
-/// Makes a transport for the ports of `accessor`, with a reference count of 1; a new one on every
-/// call. The caller ends it with Release(), before the accessor. Without memory the reference is
-/// null, which valid() tells. Takes no lock: one thread at a time.
+/// Makes a new transport for the ports of `accessor`, with a reference count of 1. The caller ends
+/// it with Release(), before the accessor. Without memory the reference is null, which valid()
+/// tells.
+/// Thread-safe: no, one thread at a time makes transports. Blocks: no.
 LUMORA_TRANSPORT_EXPORT TMIDITransport& MIDITransportInstance(IMIDIPortAccessor* accessor);
 
 #endif

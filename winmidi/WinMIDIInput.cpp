@@ -7,36 +7,94 @@
 // How long a closing port waits for buffers that its reset did not bring back, in milliseconds.
 static const DWORD kLateBufferLimit = 1000;
 
+// What can fail while an input is opened. Caught in openInput().
+enum errCode { notOpened = 0, bufferNotAdded = 1, notStarted = 2 };
+
+void* TWinMIDI::openInput(int port)
+{
+    if (d->drainingThread.isCurrent())
+        return port < 1 ? d->hMidiIn.load() : nullptr;
+    const lumora::RecursiveMutexLocker locker(&d->mutex);
+    if (port < 1)
+        return d->hMidiIn;
+    try {
+        HMIDIIN handle = nullptr;
+        if (midiInOpen(&handle, static_cast<UINT>(port) - 1,
+                       reinterpret_cast<DWORD_PTR>(&MidiInProc), reinterpret_cast<DWORD_PTR>(this),
+                       CALLBACK_FUNCTION) != MMSYSERR_NOERROR)
+            throw notOpened;
+        d->hMidiIn = handle;
+        {
+            const lumora::MutexLocker queueLocker(d->recordQueue.mutex());
+            d->staleRecords.mark(d->recordQueue);
+        }
+        if (!d->addBuffers(handle))
+            throw bufferNotAdded;
+        if (midiInStart(handle) != MMSYSERR_NOERROR)
+            throw notStarted;
+        startPusherThread();
+    } catch (errCode) {
+        closeInput();
+        d->hMidiIn = nullptr;
+    }
+    return d->hMidiIn;
+}
+
+int TWinMIDI::closeInput()
+{
+    if (d->drainingThread.isCurrent())
+        return -1;
+    const lumora::RecursiveMutexLocker locker(&d->mutex);
+    const HMIDIIN handle = d->hMidiIn;
+    if (!handle)
+        return -1;
+    d->closingInput = true;
+    stopPusherThread();
+    midiInStop(handle);
+    d->hMidiIn = nullptr;
+    midiInReset(handle);
+    d->awaitBuffers();
+    for (MIDIHDR& header : d->inHeaders)
+        midiInUnprepareHeader(handle, &header, sizeof header);
+    midiInClose(handle);
+    while (d->callbacksRunning.any())
+        Sleep(0);
+    d->closingInput = false;
+    return 0;
+}
+
+inline bool TWinMIDIPrivate::receive(HMIDIIN handle, const InputRecord& record)
+{
+    const int room = record.message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
+    bool isCurrent = true;
+    if (record.returnsBuffer()) {
+        buffersOut.takeBack();
+        // A driver that does not wait for its own thread may still return a buffer of a port that
+        // is closed by now. That buffer may be with the next opening already.
+        isCurrent = handle == hMidiIn;
+    }
+    const lumora::MutexLocker locker(recordQueue.mutex());
+    if (closingInput || !isCurrent)
+        return false;
+    if (recordQueue.space() >= room)
+        recordQueue.write(&record, sizeof record);
+    return true;
+}
+
 // WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
 void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR instance, DWORD param1,
                                    DWORD)
 {
     TWinMIDI* const self = reinterpret_cast<TWinMIDI*>(instance);
     TWinMIDIPrivate* const d = self->d;
-    const InputRecord record = {message, param1};
-    const int room = message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
-    const bool returnsBuffer = message == MIM_LONGDATA || message == MIM_LONGERROR;
-
-    ++d->callbacksRunning;
-    if (returnsBuffer)
-        --d->buffersOut;
-    bool closing;
-    {
-        const MutexLocker locker(d->recordQueue.mutex());
-        // A driver that does not wait for its own thread may still return a buffer of a port that
-        // is closed by now; that buffer may be with the next opening already.
-        closing = d->closingInput || (returnsBuffer && handle != d->hMidiIn);
-        if (!closing && d->recordQueue.space() >= room)
-            d->recordQueue.write(&record, sizeof record);
-    }
-    if (!closing)
+    const CallbacksRunning::Call call(&d->callbacksRunning);
+    if (d->receive(handle, {message, param1}))
         SetEvent(self->dataEvent);
-    --d->callbacksRunning; // the last touch: closeInput() may be waiting to let the object go
 }
 
 bool TWinMIDIPrivate::addBuffers(HMIDIIN handle)
 {
-    buffersOut = 0;
+    buffersOut.reset();
     for (MIDIHDR& header : inHeaders) {
         header.dwFlags = 0;
         header.dwBytesRecorded = 0;
@@ -52,36 +110,63 @@ bool TWinMIDIPrivate::addBuffers(HMIDIIN handle)
 
 bool TWinMIDIPrivate::addBuffer(HMIDIIN handle, MIDIHDR* header)
 {
-    ++buffersOut; // before the device may return it
+    buffersOut.give();
     if (midiInAddBuffer(handle, header, sizeof *header) == MMSYSERR_NOERROR)
         return true;
-    --buffersOut;
+    buffersOut.takeBack();
     return false;
 }
 
 void TWinMIDIPrivate::awaitBuffers()
 {
     const DWORD start = timeGetTime(); // a Sleep(1) may take 15 ms
-    while (buffersOut > 0 && timeGetTime() - start < kLateBufferLimit)
+    while (buffersOut.any() && timeGetTime() - start < kLateBufferLimit)
         Sleep(1);
 }
 
-void TWinMIDIPrivate::markQueueStale()
+int TWinMIDI::read(int, const void*, bool strictStart, bool spare)
 {
-    const MutexLocker locker(recordQueue.mutex());
-    staleRecords = recordQueue.avail() / int(sizeof(InputRecord));
+    return d->drain([&](int length, const void* data) {
+        TMIDITransport::read(length, data, strictStart, spare);
+    });
+}
+
+template <class Frame>
+int TWinMIDIPrivate::drain(const Frame& frame)
+{
+    const DrainingThread::Mark mark(&drainingThread);
+    unsigned char copy[MIDIHeaderBlock::kBufferSize];
+    InputRecord record;
+    while (takeRecord(&record)) {
+        switch (record.message) {
+        case MIM_CLOSE:
+            return 1; // what is behind it stays queued for the next call
+        case MIM_DATA:
+            frame(sizeof record.param, &record.param);
+            break;
+        case MIM_LONGDATA:
+            // The buffer is back with the device before any observer runs.
+            if (MIDIHDR* const header = inHeaders.find(record.param))
+                frame(takeLongData(header, copy), copy);
+            break;
+        case MIM_LONGERROR:
+            if (MIDIHDR* const header = inHeaders.find(record.param))
+                recycle(header);
+            break;
+        default:
+            break;
+        }
+    }
+    return 0;
 }
 
 bool TWinMIDIPrivate::takeRecord(InputRecord* record)
 {
-    const MutexLocker locker(recordQueue.mutex());
+    const lumora::MutexLocker locker(recordQueue.mutex());
     if (recordQueue.read(record, sizeof *record) == 0)
         return false;
-    if (staleRecords > 0) {
-        --staleRecords;
-        if (record->message == MIM_LONGDATA || record->message == MIM_LONGERROR)
-            record->param = 0;
-    }
+    if (staleRecords.takeOne() && record->returnsBuffer())
+        record->param = 0;
     return true;
 }
 
@@ -102,7 +187,7 @@ void TWinMIDIPrivate::recycle(MIDIHDR* header)
     // A closing port reclaims all its buffers itself, and must not wait here for a device that
     // never lets go of one.
     while (result == MIDIERR_STILLPLAYING && !closingInput) {
-        Sleep(0);
+        Sleep(0); // required: yields, and tries again without limit
         result = midiInUnprepareHeader(handle, header, sizeof *header);
     }
     if (result != MMSYSERR_NOERROR)
@@ -111,49 +196,4 @@ void TWinMIDIPrivate::recycle(MIDIHDR* header)
     header->dwBytesRecorded = 0;
     if (midiInPrepareHeader(handle, header, sizeof *header) == MMSYSERR_NOERROR)
         addBuffer(handle, header);
-}
-
-// While the pusher thread drains, it may run observers, and so be the one that calls us.
-class DrainMark
-{
-public:
-    explicit DrainMark(TWinMIDIPrivate* d) : thread(d->drainingThread)
-    {
-        thread = QThread::currentThreadId();
-    }
-    ~DrainMark() { thread = nullptr; }
-
-    DrainMark(const DrainMark&) = delete;
-    DrainMark& operator=(const DrainMark&) = delete;
-
-private:
-    std::atomic<Qt::HANDLE>& thread;
-};
-
-int TWinMIDI::read(int, const void*, bool strictStart, bool spare)
-{
-    const DrainMark mark(d);
-    unsigned char copy[MIDIHeaderBlock::kBufferSize];
-    InputRecord record;
-    while (d->takeRecord(&record)) {
-        switch (record.message) {
-        case MIM_CLOSE:
-            return 1; // what is behind it stays queued for the next call
-        case MIM_DATA:
-            TMIDITransport::read(sizeof record.param, &record.param, strictStart, spare);
-            break;
-        case MIM_LONGDATA:
-            // The buffer is back with the device before any observer runs.
-            if (MIDIHDR* const header = d->inHeaders.find(record.param))
-                TMIDITransport::read(d->takeLongData(header, copy), copy, strictStart, spare);
-            break;
-        case MIM_LONGERROR:
-            if (MIDIHDR* const header = d->inHeaders.find(record.param))
-                d->recycle(header);
-            break;
-        default:
-            break;
-        }
-    }
-    return 0;
 }

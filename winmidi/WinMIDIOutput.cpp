@@ -20,18 +20,85 @@ static const DWORD kDoneInterval = 10;
 // ended from outside does not.
 static const DWORD kReleaseLimit = 1000;
 
-// A queued header belongs to the driver, whose thread sets its flags while the pool is being
-// scanned, and whose callback may read dwUser as late as when the header is taken again.
-static std::atomic<DWORD>& flagsOf(MIDIHDR* header)
+// How often an output that still plays is reset and closed. A sender pauses 100 ms between chunks,
+// so the second attempt finds the port quiet. More is for a device that never is.
+static const int kCloseAttempts = 10;
+
+// The device lock, for the operations that an observer may call. On the pusher thread it is given
+// up if the input is being closed: the closing thread holds the lock and waits for this very
+// thread.
+class OutputLocker
 {
-    return *reinterpret_cast<std::atomic<DWORD>*>(reinterpret_cast<char*>(header) +
-                                                  offsetof(MIDIHDR, dwFlags));
+public:
+    explicit OutputLocker(TWinMIDIPrivate* d) : mutex(d->mutex), held(true)
+    {
+        if (!d->drainingThread.isCurrent()) {
+            mutex.lock();
+            return;
+        }
+        while (!mutex.tryLock()) {
+            if (d->closingInput) {
+                held = false;
+                return;
+            }
+            Sleep(1); // of time-critical priority, it would leave no one else a core
+        }
+    }
+    ~OutputLocker()
+    {
+        if (held)
+            mutex.unlock();
+    }
+
+    OutputLocker(const OutputLocker&) = delete;
+    OutputLocker& operator=(const OutputLocker&) = delete;
+
+    bool isLocked() const { return held; }
+
+private:
+    lumora::RecursiveMutex& mutex;
+    bool held;
+};
+
+void* TWinMIDI::openOutput(int port)
+{
+    if (port < 1)
+        return d->hMidiOut;
+    const OutputLocker locker(d);
+    if (!locker.isLocked())
+        return nullptr;
+    HMIDIOUT handle = nullptr;
+    if (midiOutOpen(&handle, static_cast<UINT>(port) - 1, reinterpret_cast<DWORD_PTR>(&MidiOutProc),
+                    0, CALLBACK_FUNCTION) != MMSYSERR_NOERROR)
+        handle = nullptr;
+    d->hMidiOut = handle;
+    return handle;
 }
 
-static std::atomic<DWORD_PTR>& userOf(MIDIHDR* header)
+int TWinMIDI::closeOutput()
 {
-    return *reinterpret_cast<std::atomic<DWORD_PTR>*>(reinterpret_cast<char*>(header) +
-                                                      offsetof(MIDIHDR, dwUser));
+    const OutputLocker locker(d);
+    if (!locker.isLocked())
+        return -1;
+    const HMIDIOUT handle = d->hMidiOut;
+    if (!handle)
+        return -1;
+    d->closingOutput = true;
+    MMRESULT result;
+    int attempts = 0;
+    do {
+        midiOutReset(handle);
+        for (MIDIHDR& header : d->outHeaders)
+            midiOutUnprepareHeader(handle, &header, sizeof header);
+        result = midiOutClose(handle);
+        // A thread that is sending may have put a chunk behind the reset, which keeps the port
+        // open.
+    } while (result == MIDIERR_STILLPLAYING && ++attempts < kCloseAttempts);
+    d->hMidiOut = nullptr; // first: a sender that is given a free header finds no port
+    d->freeOutputHeaders();
+    d->senders.release(d->doneEvent);
+    d->closingOutput = false;
+    return 0;
 }
 
 static void pauseBetweenChunks()
@@ -68,38 +135,35 @@ MIDIHDR* TWinMIDIPrivate::takeOutputHeader()
                 return &header;
             }
         }
-        Sleep(0);
+        Sleep(0); // required: a full pool yields, it does not wait for an event
     }
 }
 
 bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned closings)
 {
-    // Counted first and looked at second, the other way round than releaseSenders() does it: one of
-    // the two sees the other.
-    ++sendersWaiting;
-    if (outputClosings == closings) {
-        DWORD result = WaitForSingleObject(doneEvent, INFINITE);
-        // A header may be taken again before the callback of its last chunk has run, which then
-        // signals for this one. The true signal may have joined it, so this wait is not endless.
-        while (result != WAIT_FAILED && outputClosings == closings &&
-               !(flagsOf(header) & MHDR_DONE))
-            result = WaitForSingleObject(doneEvent, kDoneInterval);
-    }
-    --sendersWaiting;
-    return outputClosings == closings;
+    const Senders::Waiting waiting(&senders);
+    if (senders.closedSince(closings))
+        return false;
+    DWORD result = WaitForSingleObject(doneEvent, INFINITE);
+    // A header may be taken again before the callback of its last chunk has run, which then signals
+    // for this one. The true signal may have joined it, so this wait is not endless.
+    while (result != WAIT_FAILED && !senders.closedSince(closings) &&
+           !(flagsOf(header) & MHDR_DONE))
+        result = WaitForSingleObject(doneEvent, kDoneInterval);
+    return !senders.closedSince(closings);
 }
 
-void TWinMIDIPrivate::releaseSenders()
+void Senders::release(HANDLE doneEvent)
 {
-    ++outputClosings;
+    ++closed;
     const DWORD start = timeGetTime();
-    while (sendersWaiting > 0 && timeGetTime() - start < kReleaseLimit) {
+    while (waiting > 0 && timeGetTime() - start < kReleaseLimit) {
         SetEvent(doneEvent);
         Sleep(1);
     }
     // No signal of the closed port is left for a sender on the next one, but for one that is so
     // late that it still needs it.
-    if (sendersWaiting == 0)
+    if (waiting == 0)
         ResetEvent(doneEvent);
 }
 
@@ -114,7 +178,7 @@ void TWinMIDIPrivate::freeOutputHeaders()
 bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned int status,
                                bool wait)
 {
-    const unsigned closings = d->outputClosings;
+    const unsigned closings = d->senders.closings();
     MIDIHDR* const header = d->takeOutputHeader();
     if (!header)
         return false;
@@ -157,7 +221,7 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
         ++total;
     if (total < 1)
         return false;
-    const unsigned closings = d->outputClosings;
+    const unsigned closings = d->senders.closings();
     for (;;) {
         const int chunk = static_cast<int>(std::min<long long>(total, kChunkBytes));
         const bool wait = total > kChunkBytes;
@@ -168,7 +232,7 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
         data += status != 0 ? chunk - 1 : chunk;
         status = 0;
         pauseBetweenChunks();
-        if (d->outputClosings != closings)
+        if (d->senders.closedSince(closings))
             return false; // the rest is nothing that another port could understand
     }
 }

@@ -4,38 +4,17 @@
 #include "qt/RecursiveMutex.h"
 #include "utilities/CircularBuffer.h"
 #include "winmidi/MIDIHeaderBlock.h"
+#include "winmidi/WinMIDIInput.h"
+#include "winmidi/WinMIDIOutput.h"
 
-#include <QThread>
 #include <atomic>
-
-/// Input buffers: together 3 MB of SysEx that can arrive while nobody takes it out.
-static const unsigned int kInputHeaders = 768;
-
-/// Output buffers: that many chunks can be queued in WinMM at once.
-static const unsigned int kOutputHeaders = 8;
-
-/// What the input callback keeps of each call. The time stamp is not kept.
-struct InputRecord
-{
-    DWORD message; ///< WinMM's message code, MIM_…
-    DWORD param;   ///< the packed short message, or the address of the returned header
-};
-static_assert(sizeof(InputRecord) == 8, "a record is two items of 4 bytes");
-
-/// Room for 65,536 records.
-static const int kQueueBytes = 0x80000;
-
-/// A short message is queued only while this much is free, 6,160 bytes, so that the notices that
-/// hand all the input buffers back always find room: a lost notice would be a lost buffer. The two
-/// more are for messages of other kinds.
-static const int kShortMessageRoom = int((kInputHeaders + 2) * sizeof(InputRecord));
 
 /// The device state of a TWinMIDI.
 struct TWinMIDIPrivate
 {
     /// Serialises open, close and destruction. Recursive, because a failed openInput() closes what
     /// it opened. The callbacks, the drain and the senders never take it.
-    RecursiveMutex mutex;
+    lumora::RecursiveMutex mutex;
 
     MIDIHeaderBlock inHeaders{kInputHeaders};
     MIDIHeaderBlock outHeaders{kOutputHeaders};
@@ -44,7 +23,8 @@ struct TWinMIDIPrivate
     std::atomic<HMIDIIN> hMidiIn{nullptr};
     std::atomic<HMIDIOUT> hMidiOut{nullptr};
 
-    /// Auto-reset: signalled when a chunk that a sender waits for is done.
+    /// Auto-reset: signalled when a chunk that a sender waits for is done. The destructor of
+    /// TWinMIDI closes it, between the buffers and the rest.
     HANDLE doneEvent = nullptr;
 
     /// True only while the input is being closed: the callback then queues and signals nothing.
@@ -53,33 +33,16 @@ struct TWinMIDIPrivate
     /// True only while the output is being closed.
     std::atomic<bool> closingOutput{false};
 
-    /// How often the output was closed. A sender that waits for a chunk of a port that is closed by
-    /// now would wait for ever.
-    std::atomic<unsigned> outputClosings{0};
-
-    /// Senders that closeOutput() has to wake.
-    std::atomic<int> sendersWaiting{0};
-
     /// What the input callback wrote and the drain has not read yet, under the queue's own mutex,
     /// which is never held across a WinMM call or a delivery.
     CircularBuffer recordQueue{kQueueBytes};
 
-    /// How many records at the front of the queue are left over from before the last openInput(),
-    /// which gave every header to WinMM anew. Under the queue's mutex.
-    int staleRecords = 0;
+    // --- Input: WinMIDIInput.cpp ----------------------------------------------------------------
 
-    /// Input buffers that the device was given and has not returned. Some drivers return the last
-    /// ones only after the reset that should have brought them back.
-    std::atomic<int> buffersOut{0};
-
-    /// Calls of the input callback in progress. Not every driver waits for them when it closes.
-    std::atomic<int> callbacksRunning{0};
-
-    /// The thread that is inside read(), null if none is.
-    std::atomic<Qt::HANDLE> drainingThread{nullptr};
-
-    /// Whether an observer is calling, and not one of the host's threads.
-    bool onPusherThread() const { return drainingThread == QThread::currentThreadId(); }
+    BuffersOut buffersOut;
+    StaleRecords staleRecords; ///< under the queue's mutex
+    CallbacksRunning callbacksRunning;
+    DrainingThread drainingThread;
 
     /// Gives every input buffer to a device that was just opened; false if it refuses one.
     bool addBuffers(HMIDIIN handle);
@@ -91,8 +54,15 @@ struct TWinMIDIPrivate
     /// be taken for those of the next opening. Gives up on a device that never returns them.
     void awaitBuffers();
 
-    /// Marks the records that are queued now as stale.
-    void markQueueStale();
+    /// Queues what the input callback was given. False if the input is being closed, or the message
+    /// is no longer about the open port: then nothing must be signalled.
+    bool receive(HMIDIIN handle, const InputRecord& record);
+
+    /// Takes records out of the queue until it is empty, gives their buffers back to the device and
+    /// hands what they brought to `frame(length, data)`. 1 if it met a MIM_CLOSE record, which ends
+    /// it, otherwise 0.
+    template <class Frame>
+    int drain(const Frame& frame);
 
     /// Takes the oldest record out; false if there is none. A stale notice of a returned header
     /// comes back as one that names no header: the one it names is with WinMM again.
@@ -106,6 +76,10 @@ struct TWinMIDIPrivate
     /// out of the rotation until the next openInput().
     void recycle(MIDIHDR* header);
 
+    // --- Output: WinMIDIOutput.cpp --------------------------------------------------------------
+
+    Senders senders;
+
     /// An output header that is free, after waiting for one if all are busy; null if there are no
     /// output headers at all.
     MIDIHDR* takeOutputHeader();
@@ -113,9 +87,6 @@ struct TWinMIDIPrivate
     /// Waits until the chunk of `header` is done, which was sent when the output had been closed
     /// `closings` times, or until the output closes: then false.
     bool awaitChunk(MIDIHDR* header, unsigned closings);
-
-    /// Once the port is closed: ends the waits for chunks that it did not give back.
-    void releaseSenders();
 
     /// Makes every output header free, once the port is closed: a device that was pulled out may
     /// have kept some, and the pool would otherwise lose them for good.

@@ -16,6 +16,7 @@
 #include <type_traits>
 #include <vector>
 
+using lumora::TransportTestAccess;
 using Bytes = std::vector<unsigned char>;
 
 // --- Numbers ------------------------------------------------------------------------------------
@@ -32,7 +33,7 @@ static_assert(sizeof(InputRecord) == 8 && offsetof(InputRecord, message) == 0 &&
               "the queue and its reserve are counted in records of this layout");
 
 /// Offsets within the objects, also of private members.
-struct TransportTestAccess
+struct lumora::TransportTestAccess
 {
     using InputCallback = decltype(&TWinMIDI::MidiInProc);
     using OutputCallback = decltype(&TWinMIDI::MidiOutProc);
@@ -332,7 +333,7 @@ TEST_F(InterfaceTest, SubclassesOfHostsFindTheMembersWhereTheyWere)
                   reinterpret_cast<char*>(transport),
               16);
     const std::ptrdiff_t lock = 64;
-    const std::ptrdiff_t end = lock + std::ptrdiff_t(sizeof(RecursiveMutex));
+    const std::ptrdiff_t end = lock + std::ptrdiff_t(sizeof(lumora::RecursiveMutex));
     EXPECT_EQ(TransportTestAccess::offsets(*transport),
               (std::vector<std::ptrdiff_t>{24, 32, 36, 40, 48, 56, lock, end}));
     EXPECT_EQ(sizeof(TMIDITransport), std::size_t(end));

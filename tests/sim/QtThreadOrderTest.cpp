@@ -21,12 +21,12 @@ struct Worker : QThread
 
 TEST(QtThreadOrder, AMutexOrdersItsOwners)
 {
-    RecursiveMutex mutex;
+    lumora::RecursiveMutex mutex;
     int plain = 0;
     const auto count = [&] {
         for (int i = 0; i < 20000; ++i) {
-            const RecursiveMutexLocker outer(&mutex);
-            const RecursiveMutexLocker inner(&mutex);
+            const lumora::RecursiveMutexLocker outer(&mutex);
+            const lumora::RecursiveMutexLocker inner(&mutex);
             ++plain;
         }
     };

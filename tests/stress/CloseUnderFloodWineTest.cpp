@@ -14,7 +14,7 @@
 #include <tlhelp32.h>
 
 /// The private state is all data, so that the test sees it without a symbol of the DLL.
-struct TransportTestAccess
+struct lumora::TransportTestAccess
 {
     static const TWinMIDIPrivate& device(const TMIDITransport& transport)
     {
@@ -79,7 +79,7 @@ private:
 int headersBack(const TMIDITransport& transport)
 {
     int back = 0;
-    for (const MIDIHDR& header : TransportTestAccess::device(transport).inHeaders)
+    for (const MIDIHDR& header : lumora::TransportTestAccess::device(transport).inHeaders)
         back += (header.dwFlags & (MHDR_INQUEUE | MHDR_PREPARED)) == 0;
     return back;
 }

@@ -425,7 +425,7 @@ TEST_F(DeviceOpenCloseTest, NoSignalOfAClosedOutputIsLeft)
 TEST_F(DeviceOpenCloseTest, AChunkOfAnOutputThatIsClosedByNowIsNotWaitedFor)
 {
     ASSERT_NE(transport->openOutput(1), nullptr);
-    const unsigned closings = device().outputClosings;
+    const unsigned closings = device().senders.closings();
     EXPECT_EQ(transport->closeOutput(), 0);
     EXPECT_FALSE(device().awaitChunk(device().outHeaders.begin(), closings));
 }
@@ -434,7 +434,7 @@ TEST_F(DeviceOpenCloseTest, ASenderWhoseThreadWasEndedDoesNotKeepTheOutputFromCl
 {
     sim::useVirtualTime();
     ASSERT_NE(transport->openOutput(1), nullptr);
-    ++device().sendersWaiting;
+    const Senders::Waiting lost(&device().senders);
     const DWORD start = timeGetTime();
     EXPECT_EQ(transport->closeOutput(), 0);
     EXPECT_EQ(timeGetTime() - start, 1000u);

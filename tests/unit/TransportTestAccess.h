@@ -9,10 +9,15 @@
 
 #include <vector>
 
+using lumora::MutexLocker;
+using lumora::RecursiveMutex;
+using lumora::RecursiveMutexLocker;
+using lumora::TransportTestAccess;
+
 using Bytes = std::vector<unsigned char>;
 
 /// What tests and benches see of the objects' insides.
-struct TransportTestAccess
+struct lumora::TransportTestAccess
 {
     static int frame(TMIDITransport& transport, const Bytes& chunk, bool strictStart = true,
                      bool spare = false)

@@ -65,22 +65,22 @@ void UniIMIDIPortAccessor::Release()
     delete this;
 }
 
+// The first port in the map's order with this device name; the null identifier if there is none.
+static QUuid identifierOfName(const TSystemMIDIMap& map, const QString& name)
+{
+    for (TSystemMIDIMap::const_iterator port = map.begin(); port != map.end(); ++port) {
+        const PortLabel label(port.value());
+        if (label.hasName() && label.name() == name)
+            return port.key();
+    }
+    return QUuid();
+}
+
 QUuid UniIMIDIPortAccessor::portIdentity(const QString& name, bool) const
 {
-    QUuid result;
-    for (const TSystemMIDIMap& map : plugMaps) {
-        // The null identifier can be a real key: the outputs are still searched behind it.
-        if (!result.isNull())
-            break;
-        for (TSystemMIDIMap::const_iterator port = map.begin(); port != map.end(); ++port) {
-            const PortLabel label(port.value());
-            if (label.hasName() && label.name() == name) {
-                result = port.key();
-                break;
-            }
-        }
-    }
-    return result;
+    // The null identifier can be an input's real key: the outputs are searched all the same.
+    const QUuid input = identifierOfName(plugMaps[false], name);
+    return input.isNull() ? identifierOfName(plugMaps[true], name) : input;
 }
 
 QString UniIMIDIPortAccessor::portName(const QUuid& id) const
