@@ -132,4 +132,103 @@ TEST_F(PersistenceTest, WithoutDevicesNothingIsListed)
     EXPECT_TRUE(run("# no ports\n").empty());
 }
 
+/// One value of the table, as another program may have left it.
+void writeValue(const wchar_t* value, DWORD type, const std::wstring& text)
+{
+    ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kInputKey, value, type, text.c_str(),
+                              static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
+              0);
+}
+
+const char kId[] = "{01234567-89ab-4cde-8f01-23456789abcd}";
+const wchar_t kWideId[] = L"{01234567-89ab-4cde-8f01-23456789abcd}";
+
+TEST_F(PersistenceTest, ValuesThatAreOneStringAreListsOfOne)
+{
+    for (const DWORD type : {REG_SZ, REG_EXPAND_SZ}) {
+        writeValue(L"portNames", type, L"1;Synth");
+        writeValue(L"portIds", type, kWideId);
+        EXPECT_EQ(idOf(run("in \"Synth\"\n"), "1;Synth"), kId);
+        EXPECT_EQ(registryList(kInputKey, L"portNames"), std::vector<std::string>{"1;Synth"});
+        EXPECT_EQ(registryList(kInputKey, L"portIds"), std::vector<std::string>{kId});
+    }
+}
+
+TEST_F(PersistenceTest, BinaryValuesAreTheirTextAsAListOfOne)
+{
+    const wchar_t name[] = L"1;Synth"; // without the zero at its end
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kInputKey, L"portNames", REG_BINARY, name,
+                    sizeof name - sizeof(wchar_t));
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kInputKey, L"portIds", REG_BINARY, kWideId,
+                    sizeof kWideId - sizeof(wchar_t));
+    EXPECT_EQ(idOf(run("in \"Synth\"\n"), "1;Synth"), kId);
+    EXPECT_EQ(registryList(kInputKey, L"portNames"), std::vector<std::string>{"1;Synth"});
+    EXPECT_EQ(registryList(kInputKey, L"portIds"), std::vector<std::string>{kId});
+}
+
+TEST_F(PersistenceTest, AnIdentifierWithoutBracesIsReadAndAppendedOnceWithThem)
+{
+    const std::string bare = std::string(kId).substr(1, 36);
+    writeValue(L"portNames", REG_SZ, L"1;Synth");
+    writeValue(L"portIds", REG_SZ, std::wstring(kWideId).substr(1, 36));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(idOf(run("in \"Synth\"\n"), "1;Synth"), kId);
+        EXPECT_EQ(registryList(kInputKey, L"portNames"),
+                  (std::vector<std::string>{"1;Synth", "1;Synth"}));
+        EXPECT_EQ(registryList(kInputKey, L"portIds"), (std::vector<std::string>{bare, kId}));
+    }
+}
+
+TEST_F(PersistenceTest, WithoutDevicesEmptyListsAreStoredAndFullOnesStay)
+{
+    run("# no ports\n");
+    for (const wchar_t* const key : {kInputKey, kOutputKey}) {
+        for (const wchar_t* const value : {L"portNames", L"portIds"}) {
+            EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, key, value, RRF_RT_REG_MULTI_SZ, nullptr,
+                                   nullptr, nullptr),
+                      0);
+            EXPECT_EQ(registryList(key, value), std::vector<std::string>());
+        }
+    }
+    run(kTwoInputs);
+    const std::vector<std::string> names = registryList(kInputKey, L"portNames");
+    const std::vector<std::string> ids = registryList(kInputKey, L"portIds");
+    EXPECT_EQ(names.size(), 2u);
+    run("# no ports\n");
+    EXPECT_EQ(registryList(kInputKey, L"portNames"), names);
+    EXPECT_EQ(registryList(kInputKey, L"portIds"), ids);
+}
+
+TEST_F(PersistenceTest, AnOrganizationWithABackslashIsAKeyInAKey)
+{
+    const char organization[] = "Lumora Tests\\Persistence\\Inner";
+    const std::vector<Port> first = runHost("in \"Synth\"\n", organization, "Editor");
+    EXPECT_EQ(runHost("in \"Synth\"\n", organization, "Editor"), first);
+    EXPECT_EQ(registryList(L"Software\\Lumora Tests\\Persistence\\Inner\\Editor"
+                           L"\\preferences\\SystemPorts\\Input",
+                           L"portIds"),
+              std::vector<std::string>{idOf(first, "1;Synth")});
+}
+
+TEST_F(PersistenceTest, AnOrganizationWithASlashIsOneKey)
+{
+    const wchar_t organizationKey[] = L"Software\\Lumora/Tests";
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, organizationKey);
+    const std::vector<Port> first = runHost("in \"Synth\"\n", "Lumora/Tests", "Editor");
+    EXPECT_EQ(runHost("in \"Synth\"\n", "Lumora/Tests", "Editor"), first);
+    EXPECT_EQ(registryList(L"Software\\Lumora/Tests\\Editor\\preferences\\SystemPorts\\Input",
+                           L"portIds"),
+              std::vector<std::string>{idOf(first, "1;Synth")});
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, organizationKey);
+}
+
+TEST_F(PersistenceTest, WithoutAnOrganizationNothingIsStored)
+{
+    const std::string first = idOf(runHost("in \"Synth\"\n", "", "Editor"), "1;Synth");
+    const std::string second = idOf(runHost("in \"Synth\"\n", "", "Editor"), "1;Synth");
+    EXPECT_EQ(first.size(), 38u);
+    EXPECT_EQ(second.size(), 38u);
+    EXPECT_NE(first, second);
+}
+
 } // namespace

@@ -1,6 +1,7 @@
 #include "tests/unit/OutOfMemory.h"
 
 #include <cstdlib>
+#include <dlfcn.h>
 #include <new>
 
 static thread_local bool failing = false;
@@ -61,4 +62,12 @@ void operator delete(void* block, std::size_t) noexcept
 void operator delete[](void* block, std::size_t) noexcept
 {
     std::free(block);
+}
+
+// Where Qt's containers grow. In place of the C library's, for Qt's own calls, too.
+extern "C" void* realloc(void* block, std::size_t size)
+{
+    using Realloc = void*(void*, std::size_t);
+    static auto* const original = reinterpret_cast<Realloc*>(dlsym(RTLD_NEXT, "realloc"));
+    return failing ? nullptr : original(block, size);
 }

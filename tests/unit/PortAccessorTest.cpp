@@ -215,4 +215,22 @@ TEST_F(PortAccessorTest, PortNameIsTheLabelOfThePortOfEitherDirection)
     EXPECT_EQ(accessor.portName(uuid(9)), QString("<unknown port name>"));
 }
 
+TEST_F(PortAccessorTest, ADeviceWhoseNameBeginsWithASemicolonIsFoundByWhatFollows)
+{
+    sim::addInput(u";Foo");
+    accessor.init();
+    EXPECT_EQ(accessor.plugs(kInput).first(), QString("1;;Foo"));
+    EXPECT_TRUE(accessor.portIdentity(";Foo", kInput).isNull());
+    EXPECT_EQ(accessor.portIdentity("Foo", kInput), accessor.plugs(kInput).firstKey());
+}
+
+TEST_F(PortAccessorTest, ALabelWithoutANumberMatchesNoName)
+{
+    // No table and no device makes such a label.
+    const_cast<TSystemMIDIMap&>(accessor.plugs(kInput)).insert(uuid(1), ";Foo");
+    EXPECT_TRUE(accessor.portIdentity("Foo", kInput).isNull());
+    EXPECT_TRUE(accessor.portIdentity(";Foo", kInput).isNull());
+    EXPECT_TRUE(accessor.portIdentity("", kInput).isNull());
+}
+
 } // namespace

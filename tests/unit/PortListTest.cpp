@@ -410,4 +410,50 @@ TEST_F(PortListTest, TheDescriptorLookupOfAPortWithoutANameGivesItsNumber)
     EXPECT_EQ(transport->getInpDescriptorPort(uuid(1)), 3);
 }
 
+TEST_F(PortListTest, TheBytesBetweenCountAndEntriesAreTheCallers)
+{
+    accessor.maps[0].insert(uuid(1), "1;A");
+    alignas(8) unsigned char list[16];
+    for (const bool output : {false, true}) { // with a port and without
+        std::memset(list, 0xEE, 8);
+        std::memset(list + 8, 0, 8);
+        TMIDITransport::MIDIPorts(&accessor, output, list);
+        EXPECT_EQ(Bytes(list, list + 8), (Bytes{static_cast<unsigned char>(output ? 0 : 1), 0, 0, 0,
+                                                0xEE, 0xEE, 0xEE, 0xEE}));
+        TMIDIPortList filled;
+        std::memcpy(&filled, list, sizeof filled);
+        if (filled.entries)
+            CoTaskMemFree(filled.entries[0].portName);
+        CoTaskMemFree(filled.entries);
+    }
+    forgetPlaceholders(1);
+}
+
+TEST_F(PortListTest, ANameWithHalvesOfSurrogatePairsIsListedAsItIs)
+{
+    const std::u16string name = {u'a', 0xD83C, u'b', 0xDFB9};
+    accessor.maps[0].insert(uuid(1), QString::fromStdU16String(u"1;" + name));
+    {
+        const OwnedList ports(&accessor, false);
+        const auto* const units = reinterpret_cast<const char16_t*>(ports.list.entries[0].portName);
+        EXPECT_EQ(std::u16string(units, 5), name + u'\0');
+    }
+    EXPECT_EQ(transport->friendlyName(uuid(1)).toStdU16String(), name);
+    forgetPlaceholders(1);
+}
+
+TEST_F(PortListTest, ALabelThatBeginsWithItsSemicolonHasNeitherNameNorNumber)
+{
+    accessor.maps[0].insert(uuid(1), ";Foo");
+    {
+        const OwnedList ports(&accessor, false);
+        EXPECT_EQ(ports.id(0), uuid(1));
+        EXPECT_EQ(ports.number(0), 0);
+        EXPECT_EQ(ports.name(0), QString());
+    }
+    EXPECT_EQ(sim::inUse().taskBlocks, blocksBefore);
+    EXPECT_EQ(transport->friendlyName(uuid(1)), uuid(1).toString());
+    EXPECT_EQ(transport->getInpDescriptorPort(uuid(1)), 0);
+}
+
 } // namespace

@@ -320,4 +320,116 @@ TEST_F(PortTableTest, NamesWithSeparatorsAndAnyCharacterSurviveTheStore)
     EXPECT_EQ(run(), first);
 }
 
+/// The Windows accessor, to be ended with Release(), with init() left to the test.
+class OwnAccessor : public WinIMIDIPortAccessor
+{
+public:
+    OwnAccessor() : WinIMIDIPortAccessor(kOrganization, kApplication) {}
+
+protected:
+    ~OwnAccessor() override = default;
+};
+
+TEST_F(PortTableTest, WithoutDevicesTheFirstRunStoresFourEmptyLists)
+{
+    setInputs({});
+    run();
+    for (const char* const key : {kInputNames, kInputIds, kOutputNames, kOutputIds}) {
+        EXPECT_TRUE(QSettings(QSettings::SystemScope, kOrganization, kApplication).contains(key));
+        EXPECT_EQ(stored(key), QStringList());
+    }
+}
+
+TEST_F(PortTableTest, WithoutDevicesTheStoredListsStayAsTheyAre)
+{
+    const QStringList names = {"1;A", "2;B", "odd one out"};
+    const QStringList ids = {kIdA, "no identifier"};
+    for (const bool output : {false, true}) {
+        store(output ? kOutputNames : kInputNames, names);
+        store(output ? kOutputIds : kInputIds, ids);
+    }
+    setInputs({});
+    EXPECT_TRUE(run().isEmpty());
+    EXPECT_EQ(stored(kInputNames), names);
+    EXPECT_EQ(stored(kInputIds), ids);
+    EXPECT_EQ(stored(kOutputNames), names);
+    EXPECT_EQ(stored(kOutputIds), ids);
+}
+
+TEST_F(PortTableTest, ASecondInitGivesADeviceThatIsNotStoredASecondIdentifier)
+{
+    store(kInputNames, {"1;Stored"});
+    store(kInputIds, {kIdA});
+    setInputs({u"Stored", u"New"});
+    auto* const accessor = new OwnAccessor;
+    accessor->init();
+    const TSystemMIDIMap first = accessor->plugs(false);
+    accessor->init();
+    const TSystemMIDIMap both = accessor->plugs(false);
+    EXPECT_EQ(both.size(), 3);
+    EXPECT_EQ(both.keys("1;Stored"), QList<QUuid>{QUuid(QString(kIdA))});
+    EXPECT_EQ(both.keys("2;New").size(), 2);
+    EXPECT_TRUE(both.keys("2;New").contains(first.key("2;New")));
+    accessor->Release();
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;Stored", "2;New", "2;New"}));
+}
+
+TEST_F(PortTableTest, OfTwoUnreadableIdentifiersTheLaterDevicesLabelHasTheNullOne)
+{
+    store(kInputNames, {"1;A", "2;B"});
+    store(kInputIds, {"no identifier", ""});
+    setInputs({u"A", u"B"});
+    for (int i = 0; i < 2; ++i) {
+        const TSystemMIDIMap inputs = run();
+        ASSERT_EQ(inputs.size(), 1);
+        EXPECT_EQ(inputs.value(QUuid()), QString("2;B"));
+        EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "2;B", "2;B"}));
+        EXPECT_EQ(stored(kInputIds), QStringList({"no identifier", "", QUuid().toString()}));
+    }
+}
+
+TEST_F(PortTableTest, AnIdentifierWithoutBracesIsReadAndAppendedOnceWithThem)
+{
+    const QString bare = QString(kIdA).mid(1, 36);
+    store(kInputNames, {"1;A"});
+    store(kInputIds, {bare});
+    setInputs({u"A"});
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(run().firstKey(), QUuid(QString(kIdA)));
+        EXPECT_EQ(stored(kInputNames), QStringList({"1;A", "1;A"}));
+        EXPECT_EQ(stored(kInputIds), QStringList({bare, kIdA}));
+    }
+}
+
+TEST_F(PortTableTest, ANameWithHalvesOfSurrogatePairsKeepsItsIdentifier)
+{
+    const std::u16string name = {u'a', 0xD83C, u'b', 0xDFB9, u'c', 0xD83C};
+    setInputs({name});
+    const TSystemMIDIMap first = run();
+    ASSERT_EQ(first.size(), 1);
+    EXPECT_EQ(first.first().toStdU16String(), u"1;" + name);
+    EXPECT_EQ(run(), first);
+    EXPECT_EQ(stored(kInputNames).size(), 1);
+}
+
+TEST_F(PortTableTest, WhateverTheOrganizationIsCalledTheNextRunFindsItsPorts)
+{
+    setInputs({u"A"});
+    const auto identifier = [](const char* organization, const char* application) {
+        IMIDIPortAccessor* const accessor = MIDIPortAccessor(organization, application);
+        const QUuid id = accessor->plugs(false).firstKey();
+        accessor->Release();
+        return id;
+    };
+    QSet<QString> seen;
+    for (const char* const name : {"Back\\slash", "Sla/sh", "", "Back", "Sla"}) {
+        SCOPED_TRACE(name);
+        const QUuid id = identifier(name, kApplication);
+        EXPECT_FALSE(id.isNull());
+        EXPECT_EQ(identifier(name, kApplication), id);
+        seen.insert(id.toString());
+    }
+    EXPECT_EQ(seen.size(), 5) << "each has a table of its own";
+}
+
 } // namespace
