@@ -16,7 +16,7 @@ function(lumora_add_googletest_library name folder source)
     target_include_directories(${name} SYSTEM PUBLIC "${LUMORA_GOOGLETEST_DIR}/${folder}/include")
     target_include_directories(${name} PRIVATE "${LUMORA_GOOGLETEST_DIR}/${folder}")
     target_compile_features(${name} PUBLIC cxx_std_17)
-    target_compile_options(${name} PRIVATE -w)
+    target_compile_options(${name} PRIVATE -w -O0)
     set_target_properties(${name} PROPERTIES AUTOMOC OFF CXX_CLANG_TIDY "")
 endfunction()
 

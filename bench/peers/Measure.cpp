@@ -9,6 +9,8 @@
 //                              it is sent at once to an observer that stalls meanwhile
 //   whole BYTES STALL          whether one of BYTES does
 //   sysexout BYTES             how long the library takes to send a SysEx message
+//   close COUNT                how long it takes to close an input under a flood, with objects that
+//                              are made anew each time
 //   lifecycle COUNT            time and memory to make the library's objects, open and close an
 //   input signal COUNT               the cost of SetEvent, with nobody waiting for the event
 //
@@ -370,6 +372,33 @@ void sysExOut(const std::string& setting, unsigned length)
 
 // ---- Beginning and end -------------------------------------------------------------------------
 
+class Waiting final : public Observer
+{
+public:
+    void receive(const unsigned char*, std::size_t) override { ++received; }
+
+    std::atomic<unsigned> received{0};
+};
+
+void closeUnderFlood(const std::string& setting, unsigned count)
+{
+    constexpr unsigned flowing = 20;
+    Numbers times;
+    for (unsigned i = 0; i < count; ++i) {
+        Waiting observer;
+        const std::unique_ptr<Library> library = make(setting, observer);
+        expect(library->openInput(), "The input cannot be opened.");
+        while (observer.received < flowing)
+            Sleep(1);
+        const double start = now();
+        library->closeInput();
+        times.push_back(now() - start);
+    }
+    std::printf("{\"cycles\": %u, ", count);
+    printList("microseconds", times);
+    std::printf("}\n");
+}
+
 // Private memory of this process with pages behind it, touched or not.
 double committedBytes()
 {
@@ -476,6 +505,8 @@ void run(int argc, char** argv)
         whole(setting, number(3), number(4));
     else if (measurement == "sysexout")
         sysExOut(setting, number(3));
+    else if (measurement == "close")
+        closeUnderFlood(setting, number(3));
     else if (measurement == "lifecycle")
         lifecycle(setting, number(3));
     else if (measurement == "signal")
