@@ -78,12 +78,21 @@ if(LUMORA_INSTALL_RUNTIME)
   endforeach()
 
   set(qt_version ${Qt${LUMORA_QT}_VERSION})
+  set(qt_source qtbase-opensource-src)
+  set(qt_recipe qt-windows)
+  if(LUMORA_QT EQUAL 6)
+    set(qt_source qt6-base)
+    set(qt_recipe qt6-windows)
+  endif()
   string(REGEX MATCH "^[0-9]+" gcc_version ${CMAKE_CXX_COMPILER_VERSION})
   configure_file(cmake/licenses.md.in ${PROJECT_BINARY_DIR}/licenses.md @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/licenses.md DESTINATION ${data_dir}/licenses RENAME README.md)
-  # Qt's beside its sources' terms the recipe that it was built by.
+  # Qt's beside its sources' terms the recipe that it was built by; that for Qt 6 calls the other.
   install(DIRECTORY ${LUMORA_QT_DIR}/licenses/ DESTINATION ${data_dir}/licenses/qtcore)
   install(FILES workbench/setup/qt-windows DESTINATION ${data_dir}/licenses/qtcore)
+  if(LUMORA_QT EQUAL 6)
+    install(FILES workbench/setup/qt6-windows DESTINATION ${data_dir}/licenses/qtcore)
+  endif()
   install(FILES /usr/share/doc/gcc-mingw-w64-x86-64-posix-runtime/copyright /usr/share/common-licenses/GPL-3
       DESTINATION ${data_dir}/licenses/gcc-runtime)
   install(FILES /usr/share/doc/mingw-w64-x86-64-dev/copyright DESTINATION ${data_dir}/licenses/mingw-w64)

@@ -1,16 +1,24 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
 # The builds of CMakePresets.json, each in build/PRESET, and the Wine prefix that runs what they make.
 
+# provide_wine [PRESET]: each build for Windows has a prefix of its own, so that their tests may run
+# at the same time.
 provide_wine() {
-    [[ -f $root/build/wine/.lumora ]] ||
-        long_step "Making the Wine prefix" wine progress_working "$setup/on-wine" cmd /c exit ||
-        fail "The Wine prefix could not be made: mend what $root/build/wine.log says, then run this again."
+    local preset=${1-windows}
+    local prefix=$root/build/wine${preset#windows}
+    [[ -f $prefix/.lumora ]] ||
+        LUMORA_BUILD=$root/build/$preset long_step "Making the Wine prefix" wine progress_working \
+            "$setup/on-wine" cmd /c exit ||
+        fail "The Wine prefix could not be made: mend what $prefix.log says, then run this again."
 }
 
 # What a build folder is configured from; a change asks for a fresh start.
 configuration_of() {
     cat "$root/CMakePresets.json" "$setup/mingw-w64.cmake" | sha256sum
-    [[ $1 != windows ]] || echo "$qt_dir"
+    case $1 in
+    windows) echo "$qt_dir" ;;
+    windows-qt6) echo "$qt6_dir" ;;
+    esac
 }
 
 # is_built PRESET [TARGET...]: Ninja finds nothing to do.
@@ -78,5 +86,5 @@ provide_tests() {
     mapfile -t files < <(files_of_tests "$1")
     [[ ${#files[@]} -gt 0 ]] || return 0
     provide_build "$1" "${files[@]}"
-    [[ $1 != windows ]] || provide_wine
+    [[ $1 != windows* ]] || provide_wine "$1"
 }

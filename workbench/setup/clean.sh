@@ -2,12 +2,12 @@
 # What ./dev made, removed again.
 
 clean_build() {
-    local wineserver=/usr/lib/wine/wineserver64
+    local wineserver=/usr/lib/wine/wineserver64 prefix
     [[ -d $root/build ]] || return 0
     hold_lock "$root/build/lock" "the build"
-    if [[ -d $root/build/wine && -x $wineserver ]]; then
-        WINEPREFIX=$root/build/wine "$wineserver" -k || true
-    fi
+    for prefix in "$root"/build/wine "$root"/build/wine-qt6; do
+        [[ ! -d $prefix || ! -x $wineserver ]] || WINEPREFIX=$prefix "$wineserver" -k || true
+    done
     say "Removing $root/build"
     rm -rf "$root/build"
 }

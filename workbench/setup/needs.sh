@@ -6,7 +6,7 @@ for part in display packages qt builds peers; do
     . "${BASH_SOURCE[0]%/*}/$part.sh"
 done
 
-# set_up NEED...: packages, qt, wine, peers, configured:BUILD, tests:BUILD, or a build as "windows" or
+# set_up NEED...: packages, qt, qt6, wine, peers, configured:BUILD, tests:BUILD, or a build as "windows" or
 # "windows:TARGET:TARGET". "run" counts a step that the command itself begins.
 set_up() {
     local need words
@@ -15,7 +15,7 @@ set_up() {
         IFS=: read -ra words <<<"$need"
         case ${words[0]} in
         run) continue ;;
-        packages | qt | wine | peers | configured | tests) words[0]=provide_${words[0]} ;;
+        packages | qt | qt6 | wine | peers | configured | tests) words[0]=provide_${words[0]} ;;
         *) words=(provide_build "${words[@]}") ;;
         esac
         step+=1

@@ -6,7 +6,7 @@ packages=(
     qtbase5-dev dpkg-dev # native builds; with the latter also the Windows one of QtCore
 )
 qt6_packages=(qt6-base-dev) # native builds with Qt 6
-fuzz_packages=(clang libclang-rt-14-dev)
+fuzz_packages=(clang libclang-rt-dev)
 bench_packages=(libbenchmark-dev valgrind python3)
 check_packages=(git clang-format clang-tidy cppcheck shellcheck)
 
@@ -47,7 +47,7 @@ may_use_sudo() {
 provide_packages() {
     local missing as_root=() log=$logs/packages.log
     [[ -x $(command -v apt-get) && -x $(command -v dpkg-query) ]] ||
-        fail "apt-get and dpkg-query are not here: ./dev sets up Debian 12, use such a machine or container."
+        fail "apt-get and dpkg-query are not here: ./dev sets up Debian 12 or 13, use such a machine or container."
     mapfile -t missing < <(missing_packages)
     [[ ${#missing[@]} -gt 0 ]] || return 0
     [[ $(dpkg --print-architecture 2>/dev/null) == amd64 ]] ||

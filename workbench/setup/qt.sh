@@ -1,60 +1,74 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# QtCore for Windows: built once by the recipe qt-windows and kept in the cache.
+# QtCore for Windows: built once by the recipe qt-windows, or qt6-windows, and kept in the cache.
 
-# Sets qt_dir: named for Qt's version, the compiler's and the recipe's, so that each has its own.
+# locate_qt PACKAGE RECIPE: prints a folder that is named for Qt's version, the compiler's and the
+# recipe's, so that each has its own.
 locate_qt() {
     local version hash
-    version=$(dpkg-query -W -f '${source:Version}' qtbase5-dev 2>/dev/null) || version=
+    version=$(dpkg-query -W -f '${source:Version}' "$1" 2>/dev/null) || version=
     hash=$({
         echo "$version"
         dpkg-query -W -f '${Version}' g++-mingw-w64-x86-64-posix 2>/dev/null || true
-        cat "$setup/qt-windows"
+        cat "$setup/$2"
     } | sha256sum)
-    qt_dir=$cache/qt-${version%%[+-]*}-${hash:0:12}
-    export LUMORA_QT_DIR=$qt_dir
+    echo "$cache/qt-${version%%[+-]*}-${hash:0:12}"
 }
 
 progress_fetch() { du -sm "$qt_work" | awk '{ printf "%d MB fetched and unpacked", $1 }'; }
 
+# By make's lines, or by those of Ninja.
 progress_compile() {
-    printf 'compiled %d of about 250 files' \
-        "$(grep -cE '^x86_64-w64-mingw32-g(cc|\+\+) .*-c ' "$1")"
+    local ninja
+    ninja=$(sed -nE 's|^\[([0-9]+)/([0-9]+)\].*|compiled \1 of \2 files|p' "$1" | tail -n 1)
+    printf '%s' "${ninja:-compiled $(grep -cE '^x86_64-w64-mingw32-g(cc|\+\+) .*-c ' "$1") of about 250 files}"
 }
 
 provide_qt() {
-    local status
-    locate_qt
-    [[ ! -d $qt_dir ]] || return 0
+    qt_dir=$(locate_qt qtbase5-dev qt-windows)
+    export LUMORA_QT_DIR=$qt_dir
+    provide_qt_in "$qt_dir" 5 qtbase5-dev qt-windows
+}
+
+provide_qt6() {
+    qt6_dir=$(locate_qt qt6-base-dev qt6-windows)
+    export LUMORA_QT6_DIR=$qt6_dir
+    provide_qt_in "$qt6_dir" 6 qt6-base-dev qt6-windows
+}
+
+# provide_qt_in FOLDER MAJOR PACKAGE RECIPE
+provide_qt_in() {
+    local folder=$1 qt="Qt $2" package=$3 recipe=$setup/$4 log=$logs/qt$2 status
+    [[ ! -d $folder ]] || return 0
     [[ $cache != *[[:space:]]* ]] ||
         fail "Qt cannot be built in '$cache', which has a space: name another folder in LUMORA_CACHE."
     hold_lock "$cache/lock" "packages or Qt"
     # It may stand there now, from the run we waited for.
-    if [[ -d $qt_dir ]]; then
+    if [[ -d $folder ]]; then
         release_lock
         return
     fi
 
     # Made in a folder that has another name until it is whole.
     rm -rf "$cache"/qt-*.partial
-    qt_work=$qt_dir.partial
+    qt_work=$folder.partial
     mkdir "$qt_work"
-    long_step "Fetching Qt's source package" qt-fetch progress_fetch "$setup/qt-windows" fetch "$qt_work" || {
+    long_step "Fetching $qt's source package" "qt$2-fetch" progress_fetch "$recipe" fetch "$qt_work" || {
         status=$?
         [[ $status -ne 3 ]] ||
-            fail "Qt's source package is of another version than the installed qtbase5-dev: bring the" \
-                "package lists and qtbase5-dev up to date, then run this again (log: $logs/qt-fetch.log)."
-        ! no_network "$logs/qt-fetch.log" ||
-            fail "Qt's source package could not be downloaded, no package server answers:" \
-                "check the network or the proxy, then run this again (log: $logs/qt-fetch.log)."
-        fail "Qt's source package could not be had from the machine's package sources:" \
-            "mend what $logs/qt-fetch.log says, then run this again."
+            fail "$qt's source package is of another version than the installed $package: bring the" \
+                "package lists and $package up to date, then run this again (log: $log-fetch.log)."
+        ! no_network "$log-fetch.log" ||
+            fail "$qt's source package could not be downloaded, no package server answers:" \
+                "check the network or the proxy, then run this again (log: $log-fetch.log)."
+        fail "$qt's source package could not be had from the machine's package sources:" \
+            "mend what $log-fetch.log says, then run this again."
     }
-    long_step "Configuring Qt" qt-configure progress_working "$setup/qt-windows" configure "$qt_work" ||
-        fail "Qt could not be configured: mend what $logs/qt-configure.log says, then run this again."
-    long_step "Compiling QtCore for Windows" qt-compile progress_compile \
-        "$setup/qt-windows" compile "$qt_work" "$jobs" ||
-        fail "QtCore could not be compiled: mend what $logs/qt-compile.log says, then run this again."
-    mv "$qt_work/root/qt5" "$qt_dir"
+    long_step "Configuring $qt" "qt$2-configure" progress_working "$recipe" configure "$qt_work" ||
+        fail "$qt could not be configured: mend what $log-configure.log says, then run this again."
+    long_step "Compiling QtCore $2 for Windows" "qt$2-compile" progress_compile \
+        "$recipe" compile "$qt_work" "$jobs" ||
+        fail "QtCore $2 could not be compiled: mend what $log-compile.log says, then run this again."
+    mv "$qt_work/root/qt$2" "$folder"
     rm -rf "$qt_work"
     release_lock
 }
