@@ -759,18 +759,6 @@ TEST_F(Input, SysExFillsTheQueuedBuffersInOrder)
     EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
 }
 
-TEST_F(Input, SysExFindsNoBufferWhileTheInputIsStopped)
-{
-    Headers headers(1, 4);
-    const HMIDIIN handle = openWith(headers, 1);
-    midiInStop(handle);
-    EXPECT_EQ(sim::sysEx(device, "abc", 3), 0u);
-    EXPECT_EQ(headers[0].dwFlags, MHDR_PREPARED | MHDR_INQUEUE);
-    midiInStart(handle);
-    EXPECT_EQ(sim::sysEx(device, "abc", 3), 3u);
-    EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
-}
-
 TEST_F(Input, AReturnedBufferGoesToTheEndOfTheQueue)
 {
     Headers headers(2, 4);
@@ -788,60 +776,6 @@ TEST_F(Input, AReturnedBufferGoesToTheEndOfTheQueue)
     EXPECT_EQ(headerAt(received[0].parameter1), &headers[1]);
     EXPECT_EQ(headerAt(received[1].parameter1), &headers[0]);
     EXPECT_EQ(received[1].data, Bytes{'g'});
-}
-
-TEST_F(Input, HeaderContractIsKept)
-{
-    Headers headers(2);
-    const HMIDIIN handle = open();
-    MIDIHDR& header = headers[0];
-    EXPECT_EQ(midiInAddBuffer(handle, &header, kHeaderSize), MIDIERR_UNPREPARED);
-    EXPECT_EQ(midiInPrepareHeader(handle, &header, 8), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(midiInPrepareHeader(handle, nullptr, kHeaderSize), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(midiInUnprepareHeader(handle, &header, kHeaderSize), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiInPrepareHeader(handle, &header, kHeaderSize), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiInPrepareHeader(handle, &header, kHeaderSize), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiInAddBuffer(handle, &header, 8), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(midiInAddBuffer(handle, &header, kHeaderSize), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiInAddBuffer(handle, &header, kHeaderSize), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(midiInUnprepareHeader(handle, &header, kHeaderSize), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(midiInUnprepareHeader(handle, &header, 8), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(header.dwFlags, MHDR_PREPARED | MHDR_INQUEUE);
-
-    MIDIHDR empty{};
-    EXPECT_EQ(midiInPrepareHeader(handle, &empty, kHeaderSize), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(midiInAddBuffer(handle, &empty, kHeaderSize), MIDIERR_UNPREPARED);
-    midiInReset(handle);
-}
-
-TEST_F(Input, ResetStopsAndHandsEveryBufferBackEmptyAndInOrder)
-{
-    Headers headers(3);
-    const HMIDIIN handle = openWith(headers, 3);
-    receiver.take();
-    EXPECT_EQ(midiInReset(handle), MMSYSERR_NOERROR);
-    EXPECT_FALSE(sim::isStarted(device));
-    const std::vector<Received> received = receiver.take();
-    ASSERT_EQ(received.size(), 3u);
-    for (unsigned i = 0; i < 3; ++i) {
-        EXPECT_EQ(received[i].message, MIM_LONGDATA);
-        EXPECT_EQ(headerAt(received[i].parameter1), &headers[i]);
-        EXPECT_EQ(received[i].data, Bytes());
-        EXPECT_EQ(received[i].flags, MHDR_PREPARED | MHDR_DONE);
-        EXPECT_EQ(midiInUnprepareHeader(handle, &headers[i], kHeaderSize), MMSYSERR_NOERROR);
-    }
-    EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
-}
-
-TEST_F(Input, CloseWithBuffersQueuedIsRefusedAndChangesNothing)
-{
-    Headers headers(1);
-    const HMIDIIN handle = openWith(headers, 1);
-    EXPECT_EQ(midiInClose(handle), MIDIERR_STILLPLAYING);
-    EXPECT_TRUE(sim::shortMessage(device, 0xF8));
-    EXPECT_EQ(sim::inUse().inputBuffers, 1);
-    EXPECT_EQ(midiInReset(handle), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
 }
 
 TEST_F(Input, NullAndClosedHandlesAreRefusedEverywhere)
@@ -972,82 +906,6 @@ TEST_F(Input, EveryClientOfASharedInputGetsItsCopy)
               (std::vector<UINT>{MIM_DATA, MIM_DATA, MIM_LONGDATA, MIM_LONGDATA}));
     EXPECT_EQ(midiInClose(first), MMSYSERR_NOERROR);
     EXPECT_EQ(midiInClose(second), MMSYSERR_NOERROR);
-}
-
-// ---- Driver kinds -------------------------------------------------------------------------------
-
-// A driver thread stuck in a callback while another thread closes the port.
-struct StuckCallback : Input, testing::WithParamInterface<sim::DriverKind>
-{
-    // True if the action came to its end while the callback was still stuck.
-    template <typename Action>
-    static bool finishesMeanwhile(Action action, std::atomic<bool>& release)
-    {
-        std::atomic<bool> finished{false};
-        std::thread thread([&] {
-            action();
-            finished = true;
-        });
-        for (int i = 0; i < 100 && !finished; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        const bool result = finished;
-        release = release || !result;
-        thread.join();
-        return result;
-    }
-};
-
-TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
-{
-    sim::setDriverKind(GetParam());
-    const HMIDIIN handle = open();
-    midiInStart(handle);
-    std::atomic<bool> inside{false};
-    std::atomic<bool> release{false};
-    receiver.also = [&](UINT message) {
-        if (message != MIM_DATA)
-            return;
-        inside = true;
-        while (!release)
-            std::this_thread::yield();
-    };
-    std::thread driver([&] { sim::shortMessage(device, 0xF8); });
-    while (!inside)
-        std::this_thread::yield();
-
-    const bool resetFinished = finishesMeanwhile([&] { midiInReset(handle); }, release);
-    EXPECT_EQ(resetFinished, GetParam() != sim::DriverKind::WaitsInReset);
-    if (resetFinished) {
-        const bool closeFinished = finishesMeanwhile([&] { midiInClose(handle); }, release);
-        EXPECT_EQ(closeFinished, GetParam() != sim::DriverKind::WaitsInClose);
-    } else {
-        EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
-    }
-    release = true;
-    driver.join();
-    EXPECT_EQ(receiver.messages().back(), MIM_CLOSE);
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, StuckCallback,
-                         testing::Values(sim::DriverKind::WaitsInReset,
-                                         sim::DriverKind::WaitsInClose,
-                                         sim::DriverKind::WaitsInNeither));
-
-TEST_F(Input, ResetAndCloseInsideTheOwnCallbackDoNotWaitForThemselves)
-{
-    for (const auto kind : {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose}) {
-        sim::setDriverKind(kind);
-        const HMIDIIN handle = open();
-        midiInStart(handle);
-        receiver.also = [&](UINT message) {
-            if (message == MIM_DATA) {
-                EXPECT_EQ(midiInReset(handle), MMSYSERR_NOERROR);
-                EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
-            }
-        };
-        EXPECT_TRUE(sim::shortMessage(device, 0xF8));
-    }
-    EXPECT_EQ(sim::inUse().inputPorts, 0);
 }
 
 // ---- Flood --------------------------------------------------------------------------------------
@@ -1197,26 +1055,6 @@ TEST_F(Output, InlineCompletionReportsBeforeTheSendReturns)
     EXPECT_EQ(receiver.messages().back(), MOM_CLOSE);
 }
 
-TEST_F(Output, ManualCompletionFinishesSendsInOrder)
-{
-    sim::setCompletion(device, sim::Completion::Manual);
-    Headers headers(2);
-    const HMIDIOUT handle = open();
-    send(handle, headers[0], {1});
-    send(handle, headers[1], {2});
-    EXPECT_EQ(headers[0].dwFlags, MHDR_PREPARED | MHDR_INQUEUE);
-    EXPECT_EQ(sim::pendingOutputs(device), 2u);
-    EXPECT_EQ(sim::sent(device).size(), 2u);
-    EXPECT_EQ(midiOutUnprepareHeader(handle, &headers[0], kHeaderSize), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(midiOutClose(handle), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(sim::completeOutput(device), &headers[0]);
-    EXPECT_EQ(headers[0].dwFlags, MHDR_PREPARED | MHDR_DONE);
-    EXPECT_EQ(midiOutUnprepareHeader(handle, &headers[0], kHeaderSize), MMSYSERR_NOERROR);
-    EXPECT_EQ(sim::completeOutput(device), &headers[1]);
-    EXPECT_EQ(sim::completeOutput(device), nullptr);
-    EXPECT_EQ(midiOutClose(handle), MMSYSERR_NOERROR);
-}
-
 TEST_F(Output, ADriverThreadCompletesSendsByItself)
 {
     sim::setCompletion(device, sim::Completion::Thread);
@@ -1260,50 +1098,6 @@ TEST_F(Output, AHeaderPolledForDoneIsFoundDone)
     midiOutClose(handle);
 }
 
-TEST_F(Output, ResetFinishesEverythingPendingInOrder)
-{
-    sim::setCompletion(device, sim::Completion::Manual);
-    Headers headers(3);
-    const HMIDIOUT handle = open();
-    for (unsigned i = 0; i < 3; ++i)
-        send(handle, headers[i], {1});
-    receiver.take();
-    EXPECT_EQ(midiOutReset(handle), MMSYSERR_NOERROR);
-    const std::vector<Received> received = receiver.take();
-    ASSERT_EQ(received.size(), 3u);
-    for (unsigned i = 0; i < 3; ++i) {
-        EXPECT_EQ(received[i].message, MOM_DONE);
-        EXPECT_EQ(headerAt(received[i].parameter1), &headers[i]);
-        EXPECT_EQ(received[i].flags, MHDR_PREPARED | MHDR_DONE);
-    }
-    EXPECT_EQ(sim::inUse().outputBuffers, 0);
-    EXPECT_EQ(midiOutClose(handle), MMSYSERR_NOERROR);
-}
-
-TEST_F(Output, HeaderContractIsKept)
-{
-    sim::setCompletion(device, sim::Completion::Manual);
-    Headers headers(1);
-    const HMIDIOUT handle = open();
-    MIDIHDR& header = headers[0];
-    EXPECT_EQ(midiOutLongMsg(handle, &header, kHeaderSize), MIDIERR_UNPREPARED);
-    EXPECT_EQ(midiOutPrepareHeader(handle, &header, 8), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(send(handle, header, {1}), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiOutLongMsg(handle, &header, kHeaderSize), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(midiOutLongMsg(handle, &header, 8), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(sim::sent(device).size(), 1u);
-    midiOutReset(handle);
-    midiOutClose(handle);
-    for (const HMIDIOUT bad : {HMIDIOUT(nullptr), handle}) {
-        EXPECT_EQ(midiOutPrepareHeader(bad, &header, kHeaderSize), MMSYSERR_INVALHANDLE);
-        EXPECT_EQ(midiOutLongMsg(bad, &header, kHeaderSize), MMSYSERR_INVALHANDLE);
-        EXPECT_EQ(midiOutUnprepareHeader(bad, &header, kHeaderSize), MMSYSERR_INVALHANDLE);
-        EXPECT_EQ(midiOutShortMsg(bad, 0), MMSYSERR_INVALHANDLE);
-        EXPECT_EQ(midiOutReset(bad), MMSYSERR_INVALHANDLE);
-        EXPECT_EQ(midiOutClose(bad), MMSYSERR_INVALHANDLE);
-    }
-}
-
 TEST_F(Output, SendsAreRecordedWithTheirTime)
 {
     sim::useVirtualTime(100);
@@ -1329,127 +1123,6 @@ TEST_F(Output, RawCallsTheCallbackWithAnything)
     open();
     EXPECT_TRUE(sim::rawOutput(device, 0x123, 7, 0));
     EXPECT_EQ(receiver.take().back().parameter1, 7u);
-}
-
-// ---- Lead from output to input ------------------------------------------------------------------
-
-struct Lead : Output
-{
-    Lead()
-    {
-        sim::connect(device, input);
-        EXPECT_EQ(midiInOpen(&in, 0, reinterpret_cast<DWORD_PTR>(&inputProcedure),
-                             reinterpret_cast<DWORD_PTR>(&inputReceiver), CALLBACK_FUNCTION),
-                  MMSYSERR_NOERROR);
-        for (unsigned i = 0; i < 8; ++i)
-            Input::add(in, inputHeaders[i]);
-        midiInStart(in);
-        inputReceiver.take();
-    }
-    ~Lead() override
-    {
-        midiInReset(in);
-        midiInClose(in);
-    }
-    // Short messages as they were packed, long ones as their bytes; one string each.
-    std::vector<std::string> arrived()
-    {
-        std::vector<std::string> result;
-        for (const Received& entry : inputReceiver.take()) {
-            std::string text;
-            char digits[16];
-            if (entry.message == MIM_DATA) {
-                std::snprintf(digits, sizeof digits, "%x", entry.parameter1);
-                text = digits;
-            } else {
-                for (const unsigned char byte : entry.data) {
-                    std::snprintf(digits, sizeof digits, "%02X ", byte);
-                    text += digits;
-                }
-            }
-            result.push_back(text);
-        }
-        return result;
-    }
-
-    const int input = sim::addInput(u"In");
-    Headers inputHeaders{8, 16};
-    Headers headers{2};
-    Receiver inputReceiver;
-    HMIDIIN in = nullptr;
-};
-
-TEST_F(Lead, LongMessagesArriveAsWhatTheyHold)
-{
-    const HMIDIOUT handle = open();
-    send(handle, headers[0],
-         {0x90, 60, 100, 61, 0, 0xF8, 0xC3, 5, 0xF0, 1, 0xFE, 2, 0xF7, 0xF2, 1, 2, 0xF6, 9});
-    EXPECT_EQ(arrived(), (std::vector<std::string>{"643c90", "3d90", "f8", "5c3", "F0 01 ", "fe",
-                                                   "02 F7 ", "201f2", "f6"}));
-    midiOutClose(handle);
-}
-
-TEST_F(Lead, RunningStatusEndsWithASystemMessage)
-{
-    const HMIDIOUT handle = open();
-    send(handle, headers[0], {0xF3, 5, 6, 7, 0xB0, 1, 2, 0xF8, 3, 4});
-    EXPECT_EQ(arrived(), (std::vector<std::string>{"5f3", "201b0", "f8", "403b0"}));
-    midiOutClose(handle);
-}
-
-TEST_F(Lead, AMessageTakenAwayByAResetWhileItPlaysIsFinishedOnce)
-{
-    sim::setCompletion(device, sim::Completion::Manual);
-    const HMIDIOUT handle = open();
-    send(handle, headers[0], {0xF0, 1, 0xF7});
-    inputReceiver.also = [&](UINT message) {
-        if (message == MIM_LONGDATA) {
-            midiOutReset(handle);
-            send(handle, headers[1], {0xF0, 2, 0xF7});
-        }
-    };
-    receiver.take();
-    EXPECT_EQ(sim::completeOutput(device), nullptr);
-    inputReceiver.also = nullptr;
-    EXPECT_EQ(receiver.messages(), std::vector<UINT>{MOM_DONE});
-    EXPECT_EQ(headers[1].dwFlags, MHDR_PREPARED | MHDR_INQUEUE);
-    EXPECT_EQ(sim::completeOutput(device), &headers[1]);
-    midiOutClose(handle);
-}
-
-TEST_F(Lead, AMessageCutIntoPiecesIsContinued)
-{
-    const HMIDIOUT handle = open();
-    send(handle, headers[0], {0xF0, 1});
-    send(handle, headers[1], {2, 0xF7, 0x80, 60});
-    send(handle, headers[0], {0});
-    EXPECT_EQ(arrived(), (std::vector<std::string>{"F0 01 ", "02 F7 ", "3c80"}));
-    midiOutClose(handle);
-}
-
-TEST_F(Lead, ShortMessagesCrossAtOnceAndLongOnesWhenTheyAreFinished)
-{
-    sim::setCompletion(device, sim::Completion::Manual);
-    const HMIDIOUT handle = open();
-    send(handle, headers[0], {0xF0, 1, 0xF7});
-    midiOutShortMsg(handle, 0xF8);
-    EXPECT_EQ(arrived(), std::vector<std::string>{"f8"});
-    sim::completeOutput(device);
-    EXPECT_EQ(arrived(), std::vector<std::string>{"F0 01 F7 "});
-    midiOutClose(handle);
-}
-
-TEST_F(Lead, LongDataIsSplitOverTheInputBuffers)
-{
-    const HMIDIOUT handle = open();
-    const Bytes dump = sim::floodSysEx(1, 40);
-    send(handle, headers[0], dump);
-    Bytes joined;
-    for (const Received& entry : inputReceiver.take())
-        joined.insert(joined.end(), entry.data.begin(), entry.data.end());
-    EXPECT_EQ(joined, dump);
-    EXPECT_EQ(sim::queuedBuffers(input), 5u);
-    midiOutClose(handle);
 }
 
 } // namespace

@@ -1,17 +1,18 @@
-#include "Description.h"
+#include "workbench/cable/Description.h"
 
-#include "System.h"
-
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <optional>
-
-#include <mmsystem.h>
+#include <system_error>
 
 namespace cable {
+
 namespace {
 
-constexpr size_t kLongestName = MAXPNAMELEN - 1; // the capability structures end a name with 0
-constexpr DWORD kWireBytesPerSecond = 3125;      // 31,250 bit/s, 10 bits a byte
-constexpr DWORD kShortestDump = 3;               // F0 7D F7
+constexpr std::size_t kLongestName = MAXPNAMELEN - 1; // the capability structures end a name with 0
+constexpr DWORD kWireBytesPerSecond = 3125;           // 31,250 bit/s, 10 bits a byte
+constexpr DWORD kShortestDump = 3;                    // F0 7D F7
 constexpr DWORD kToUnset = MAXDWORD;
 
 constexpr char kDefaultDescription[] = "in \"Lumora Cable\"\nout \"Lumora Cable\"\n";
@@ -31,64 +32,46 @@ bool isSpace(char c)
 class LineReader
 {
 public:
-    explicit LineReader(std::string_view text) : text_(text) {}
+    explicit LineReader(std::string_view line) : text(line) {}
 
     bool atEnd()
     {
-        while (!text_.empty() && isSpace(text_.front()))
-            text_.remove_prefix(1);
-        return text_.empty() || text_.front() == '#';
+        while (!text.empty() && isSpace(text.front()))
+            text.remove_prefix(1);
+        return text.empty() || text.front() == '#';
     }
 
     std::string_view word()
     {
-        size_t length = 0;
-        while (length < text_.size() && !isSpace(text_[length]))
+        std::size_t length = 0;
+        while (length < text.size() && !isSpace(text[length]))
             ++length;
-        const std::string_view result = text_.substr(0, length);
-        text_.remove_prefix(length);
+        const std::string_view result = text.substr(0, length);
+        text.remove_prefix(length);
         return result;
     }
 
     // A name in double quotes; \" and \\ stand for the characters themselves.
     std::string quoted()
     {
-        if (atEnd() || text_.front() != '"')
+        if (atEnd() || text.front() != '"')
             throw BadLine{"a name in double quotes must follow the direction"};
         std::string name;
-        for (size_t i = 1; i < text_.size(); ++i) {
-            if (text_[i] == '"') {
-                text_.remove_prefix(i + 1);
+        for (std::size_t i = 1; i < text.size(); ++i) {
+            if (text[i] == '"') {
+                text.remove_prefix(i + 1);
                 return name;
             }
-            const bool escaped = text_[i] == '\\' && i + 1 < text_.size() &&
-                                 (text_[i + 1] == '"' || text_[i + 1] == '\\');
-            if (escaped)
-                ++i;
-            name += text_[i];
+            const bool escaped = text[i] == '\\' && i + 1 < text.size() &&
+                                 (text[i + 1] == '"' || text[i + 1] == '\\');
+            name += text[escaped ? ++i : i];
         }
         throw BadLine{"the name has no closing quote"};
     }
 
 private:
-    std::string_view text_;
+    std::string_view text;
 };
-
-std::wstring wideName(const std::string& utf8)
-{
-    if (utf8.empty())
-        return {};
-    const int bytes = static_cast<int>(utf8.size());
-    const int length =
-        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), bytes, nullptr, 0);
-    if (length <= 0)
-        throw BadLine{"the name is not UTF-8"};
-    std::wstring name(static_cast<size_t>(length), L'\0');
-    MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), bytes, name.data(), length);
-    if (name.size() > kLongestName)
-        name.resize(kLongestName);
-    return name;
-}
 
 std::optional<DWORD> decimal(std::string_view text)
 {
@@ -103,142 +86,139 @@ std::optional<DWORD> decimal(std::string_view text)
     return value;
 }
 
-class OptionReader
+// The part of an option behind its equals sign.
+class Value
 {
 public:
-    OptionReader(PortDescription& port, std::string_view option) : port_(port), option_(option)
+    Value(std::string_view itsOption, std::string_view itsText) : option(itsOption), text(itsText)
+    {}
+
+    // Which of the words it is.
+    std::size_t oneOf(std::initializer_list<std::string_view> words) const
     {
-        const size_t equals = option.find('=');
-        key_ = option.substr(0, equals);
-        value_ = equals == std::string_view::npos ? std::string_view() : option.substr(equals + 1);
+        std::string expected;
+        for (auto word = words.begin(); word != words.end(); ++word) {
+            if (text == *word)
+                return static_cast<std::size_t>(word - words.begin());
+            expected += (expected.empty() ? "the value \"" : "\" or \"") + std::string(*word);
+        }
+        refuse(expected + "\"");
     }
 
-    void apply()
-    {
-        if (applyCommon() || (port_.isInput ? applyInput() : applyOutput()))
-            return;
-        throw BadLine{"\"" + std::string(option_) + "\" is no option of an " +
-                      (port_.isInput ? "input" : "output")};
-    }
+    DWORD number(DWORD least) const { return number(text, least); }
 
-private:
-    bool applyCommon()
-    {
-        if (key_ == "caps")
-            port_.failCaps = fail();
-        else if (key_ == "open")
-            port_.failOpen = fail();
-        else if (key_ == "prepare")
-            port_.failPrepareAt = failAt();
-        else if (key_ == "wait")
-            port_.wait = waitKind();
-        else
-            return false;
-        return true;
-    }
-
-    bool applyInput()
-    {
-        if (key_ == "start")
-            port_.failStart = fail();
-        else if (key_ == "addbuffer")
-            port_.failAddBufferAt = failAt();
-        else if (key_ == "split")
-            port_.split = number(value_, 1);
-        else if (key_ == "hold")
-            port_.hold = number(value_, 0);
-        else if (key_ == "flood")
-            port_.generators.push_back(generator(Generator::Kind::Flood, 1));
-        else if (key_ == "dump")
-            port_.generators.push_back(generator(Generator::Kind::Dump, kShortestDump));
-        else if (key_ == "repeat")
-            port_.repeat = number(value_, 0);
-        else if (key_ == "log")
-            port_.logHeld = held();
-        else
-            return false;
-        return true;
-    }
-
-    bool applyOutput()
-    {
-        if (key_ == "long")
-            port_.failLongAt = failAt();
-        else if (key_ == "to")
-            port_.to = number(value_, 0);
-        else if (key_ == "pace")
-            port_.pace = value_ == "wire" ? kWireBytesPerSecond : number(value_, 1);
-        else
-            return false;
-        return true;
-    }
-
-    [[noreturn]] void refuse(const std::string& expected) const
-    {
-        throw BadLine{"\"" + std::string(option_) + "\" needs " + expected};
-    }
-
-    bool fail() const
-    {
-        if (value_ != "fail")
-            refuse("the value \"fail\"");
-        return true;
-    }
-
-    bool held() const
-    {
-        if (value_ != "held")
-            refuse("the value \"held\"");
-        return true;
-    }
-
+    // The number of a call: "fail@K".
     DWORD failAt() const
     {
         constexpr std::string_view prefix = "fail@";
-        const std::optional<DWORD> call = value_.substr(0, prefix.size()) == prefix
-                                              ? decimal(value_.substr(prefix.size()))
-                                              : std::nullopt;
+        const auto call = text.substr(0, prefix.size()) == prefix
+                              ? decimal(text.substr(prefix.size()))
+                              : std::nullopt;
         if (!call || *call == 0)
             refuse("the value \"fail@K\", K from 1");
         return *call;
     }
 
-    DWORD number(std::string_view text, DWORD least) const
+    // "N" or "N@R".
+    device::Generator generator(device::Generator::Kind kind, DWORD least) const
     {
-        const std::optional<DWORD> value = decimal(text);
+        const std::size_t at = text.find('@');
+        const bool hasRate = at != std::string_view::npos;
+        return {kind, number(text.substr(0, at), least),
+                hasRate ? number(text.substr(at + 1), 1) : 0};
+    }
+
+    bool is(std::string_view word) const { return text == word; }
+
+private:
+    DWORD number(std::string_view digits, DWORD least) const
+    {
+        const std::optional<DWORD> value = decimal(digits);
         if (!value || *value < least)
             refuse("a number from " + std::to_string(least));
         return *value;
     }
 
-    WaitKind waitKind() const
+    [[noreturn]] void refuse(const std::string& expected) const
     {
-        if (value_ == "reset")
-            return WaitKind::Reset;
-        if (value_ == "close")
-            return WaitKind::Close;
-        if (value_ != "none")
-            refuse("the value \"reset\", \"close\" or \"none\"");
-        return WaitKind::None;
+        throw BadLine{"\"" + std::string(option) + "\" needs " + expected};
     }
 
-    Generator generator(Generator::Kind kind, DWORD least) const
-    {
-        const size_t at = value_.find('@');
-        const bool hasRate = at != std::string_view::npos;
-        return {kind, number(value_.substr(0, at), least),
-                hasRate ? number(value_.substr(at + 1), 1) : 0};
-    }
-
-    PortDescription& port_;
-    std::string_view option_;
-    std::string_view key_;
-    std::string_view value_;
+    std::string_view option;
+    std::string_view text;
 };
+
+struct Option
+{
+    std::string_view key;
+    bool ofInputs;
+    bool ofOutputs;
+    void (*apply)(PortDescription& port, const Value& value);
+};
+
+using Port = PortDescription&;
+using Of = const Value&;
+using Play = device::Generator::Kind;
+
+DWORD refusal(Of value, MMRESULT result)
+{
+    return value.oneOf({"fail"}) == 0 ? result : MMSYSERR_NOERROR;
+}
+
+const Option kOptions[] = {
+    {"caps", true, true, [](Port p, Of v) { p.capsResult = refusal(v, MMSYSERR_NODRIVER); }},
+    {"open", true, true, [](Port p, Of v) { p.openResult = refusal(v, MMSYSERR_ALLOCATED); }},
+    {"prepare", true, true, [](Port p, Of v) { p.failPrepareAt = v.failAt(); }},
+    {"wait", true, true,
+     [](Port p, Of v) {
+         p.kind = device::DriverKind(v.oneOf({"reset", "close", "none"}));
+     }},
+    {"start", true, false, [](Port p, Of v) { p.startResult = refusal(v, MMSYSERR_NOMEM); }},
+    {"addbuffer", true, false, [](Port p, Of v) { p.failAddBufferAt = v.failAt(); }},
+    {"split", true, false, [](Port p, Of v) { p.split = v.number(1); }},
+    {"hold", true, false, [](Port p, Of v) { p.hold = v.number(0); }},
+    {"flood", true, false,
+     [](Port p, Of v) { p.generators.push_back(v.generator(Play::Flood, 1)); }},
+    {"dump", true, false,
+     [](Port p, Of v) { p.generators.push_back(v.generator(Play::Dump, kShortestDump)); }},
+    {"repeat", true, false, [](Port p, Of v) { p.repeat = v.number(0); }},
+    {"log", true, false, [](Port p, Of v) { p.logHeld = v.oneOf({"held"}) == 0; }},
+    {"long", false, true, [](Port p, Of v) { p.failLongAt = v.failAt(); }},
+    {"to", false, true, [](Port p, Of v) { p.to = v.number(0); }},
+    {"pace", false, true,
+     [](Port p, Of v) { p.pace = v.is("wire") ? kWireBytesPerSecond : v.number(1); }},
+};
+
+void apply(PortDescription& port, std::string_view text)
+{
+    const std::size_t equals = text.find('=');
+    const std::string_view key = text.substr(0, equals);
+    const std::string_view value =
+        equals == std::string_view::npos ? std::string_view() : text.substr(equals + 1);
+    for (const Option& option : kOptions) {
+        if (option.key == key && (port.isInput ? option.ofInputs : option.ofOutputs)) {
+            option.apply(port, Value(text, value));
+            return;
+        }
+    }
+    throw BadLine{"\"" + std::string(text) + "\" is no option of an " +
+                  (port.isInput ? "input" : "output")};
+}
+
+std::wstring wideName(const std::string& utf8)
+{
+    try {
+        return std::filesystem::u8path(utf8).wstring().substr(0, kLongestName);
+    } catch (const std::system_error&) {
+        throw BadLine{"the name is not UTF-8"};
+    }
+}
 
 PortDescription parseLine(LineReader line)
 {
     PortDescription port;
+    port.ownThread = true;
+    port.completion = device::Completion::Thread;
     port.to = kToUnset;
     const std::string_view direction = line.word();
     if (direction != "in" && direction != "out")
@@ -247,49 +227,27 @@ PortDescription parseLine(LineReader line)
     port.isInput = direction == "in";
     port.name = wideName(line.quoted());
     while (!line.atEnd())
-        OptionReader(port, line.word()).apply();
+        apply(port, line.word());
     return port;
 }
 
 std::optional<std::string> environment(const wchar_t* name)
 {
+    constexpr DWORD kLongest = 32767; // that a variable can be
+    std::wstring text(kLongest, L'\0');
     SetLastError(ERROR_SUCCESS);
-    const DWORD room = GetEnvironmentVariableW(name, nullptr, 0);
-    if (room == 0)
-        return GetLastError() == ERROR_ENVVAR_NOT_FOUND ? std::nullopt
-                                                        : std::optional<std::string>("");
-    std::wstring wide(room, L'\0');
-    wide.resize(GetEnvironmentVariableW(name, wide.data(), room));
-    const int units = static_cast<int>(wide.size());
-    const int bytes =
-        WideCharToMultiByte(CP_UTF8, 0, wide.data(), units, nullptr, 0, nullptr, nullptr);
-    std::string utf8(static_cast<size_t>(bytes), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide.data(), units, utf8.data(), bytes, nullptr, nullptr);
-    return utf8;
-}
-
-std::wstring widePath(const std::string& utf8)
-{
-    const int bytes = static_cast<int>(utf8.size());
-    const int length = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), bytes, nullptr, 0);
-    std::wstring path(static_cast<size_t>(length), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), bytes, path.data(), length);
-    return path;
+    text.resize(GetEnvironmentVariableW(name, text.data(), kLongest));
+    if (text.empty() && GetLastError() == ERROR_ENVVAR_NOT_FOUND)
+        return std::nullopt;
+    return std::filesystem::path(text).u8string();
 }
 
 std::optional<std::string> readFile(const std::string& path)
 {
-    const Handle file(CreateFileW(widePath(path).c_str(), GENERIC_READ,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_EXISTING, 0, nullptr));
+    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
     if (!file)
         return std::nullopt;
-    std::string text;
-    char piece[4096];
-    DWORD length = 0;
-    while (ReadFile(file.get(), piece, sizeof piece, &length, nullptr) && length > 0)
-        text.append(piece, length);
-    return text;
+    return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 } // namespace
@@ -302,7 +260,7 @@ Description parseDescription(std::string_view utf8)
 
     Description result;
     for (unsigned number = 1; !utf8.empty(); ++number) {
-        const size_t end = utf8.find('\n');
+        const std::size_t end = utf8.find('\n');
         LineReader line(utf8.substr(0, end));
         utf8.remove_prefix(end == std::string_view::npos ? utf8.size() : end + 1);
         if (line.atEnd())
@@ -317,7 +275,7 @@ Description parseDescription(std::string_view utf8)
     }
 
     // Only now is it known whether an output has an input at its own position.
-    for (size_t i = 0; i < result.outputs.size(); ++i) {
+    for (std::size_t i = 0; i < result.outputs.size(); ++i) {
         PortDescription& output = result.outputs[i];
         if (output.to == kToUnset)
             output.to = i < result.inputs.size() ? static_cast<DWORD>(i + 1) : 0;

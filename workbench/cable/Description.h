@@ -1,53 +1,27 @@
 // The list of ports that the cable shows, read from text (README.md has the syntax).
+#pragma once
 
-#ifndef LUMORA_CABLE_DESCRIPTION_H
-#define LUMORA_CABLE_DESCRIPTION_H
+#include "workbench/device/Settings.h"
 
 #include <string>
 #include <string_view>
-#include <vector>
-#include <windows.h>
 
 namespace cable {
 
-// Which call of a client waits for the callback that is in progress.
-enum class WaitKind { Reset, Close, None };
-
-// Something that an input plays by itself while it is started.
-struct Generator
-{
-    enum class Kind { Flood, Dump };
-    Kind kind;
-    DWORD count;     // messages of a flood, bytes of a dump
-    DWORD perSecond; // messages per second; 0 = as fast as the client takes them
-};
-
 // One line of the description. A number that is 0 means that the option is absent, save `to` and
 // `repeat`.
-struct PortDescription
+struct PortDescription : device::Settings
 {
     std::wstring name;
     bool isInput = true;
 
-    bool failCaps = false;
-    bool failOpen = false;
-    bool failStart = false;
-    DWORD failPrepareAt = 0;   // the number of the call that fails, from 1
-    DWORD failAddBufferAt = 0; // likewise
-    DWORD failLongAt = 0;      // likewise
+    // The number of the call that fails, from 1.
+    DWORD failPrepareAt = 0;
+    DWORD failAddBufferAt = 0;
+    DWORD failLongAt = 0;
 
-    WaitKind wait = WaitKind::Reset;
-
-    // Inputs
-    DWORD split = 0; // bytes after which a buffer goes back although there is room
-    DWORD hold = 0;  // milliseconds that SysEx bytes wait for a buffer before they are dropped
-    std::vector<Generator> generators;
-    DWORD repeat = 1; // 0 = forever
-    bool logHeld = false;
-
-    // Outputs
-    DWORD to = 0;   // 1-based position of the input that it feeds, 0 = nowhere
-    DWORD pace = 0; // bytes per second, 0 = at once
+    bool logHeld = false; // of an input
+    DWORD to = 0;         // of an output: 1-based position of the input that it feeds, 0: nowhere
 };
 
 struct Description
@@ -64,5 +38,3 @@ Description parseDescription(std::string_view utf8);
 Description readDescription();
 
 } // namespace cable
-
-#endif

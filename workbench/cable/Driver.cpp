@@ -1,6 +1,8 @@
 // The driver's entry points: the messages of winmm.dll.
-
-#include "PortTable.h"
+#include "workbench/cable/Cable.h"
+#include "workbench/cable/EventLog.h"
+#include "workbench/cable/Ports.h"
+#include "workbench/cable/System.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,25 +10,24 @@
 
 #include <mmddk.h>
 
+// Exported by winmm.dll; MinGW's headers leave it out.
+extern "C" WINMMAPI BOOL WINAPI DriverCallback(DWORD_PTR callback, DWORD type, HDRVR device,
+                                               DWORD message, DWORD_PTR instance,
+                                               DWORD_PTR parameter1, DWORD_PTR parameter2);
+
 namespace cable {
+
 namespace {
 
 constexpr WORD kDriverVersion = 0x0100;
 constexpr WORD kManufacturer = 0xFFFF; // none assigned
-constexpr WORD kInputProduct = 1;
-constexpr WORD kOutputProduct = 2;
 
-template <class Caps>
-DWORD copyCaps(const PortDescription& description, const Caps& caps, DWORD_PTR target,
-               DWORD_PTR size)
+const char* direction(const PortDescription& description)
 {
-    if (!target)
-        return MMSYSERR_INVALPARAM;
-    if (description.failCaps)
-        return MMSYSERR_NODRIVER;
-    std::memcpy(reinterpret_cast<void*>(target), &caps, std::min<size_t>(size, sizeof caps));
-    return MMSYSERR_NOERROR;
+    return description.isInput ? "in" : "out";
 }
+
+// ---- Capabilities -------------------------------------------------------------------------------
 
 template <class Caps>
 Caps commonCaps(const PortDescription& description, WORD product)
@@ -39,19 +40,93 @@ Caps commonCaps(const PortDescription& description, WORD product)
     return caps;
 }
 
-DWORD inputCaps(const InputPlace& place, DWORD_PTR target, DWORD_PTR size)
+MIDIINCAPSW capsOf(const InputPlace& place)
 {
-    return copyCaps(place.description, commonCaps<MIDIINCAPSW>(place.description, kInputProduct),
-                    target, size);
+    return commonCaps<MIDIINCAPSW>(place.description, 1);
 }
 
-DWORD outputCaps(const OutputPlace& place, DWORD_PTR target, DWORD_PTR size)
+MIDIOUTCAPSW capsOf(const OutputPlace& place)
 {
-    auto caps = commonCaps<MIDIOUTCAPSW>(place.description, kOutputProduct);
+    auto caps = commonCaps<MIDIOUTCAPSW>(place.description, 2);
     caps.wTechnology = MOD_MIDIPORT;
     caps.wChannelMask = 0xFFFF;
-    return copyCaps(place.description, caps, target, size);
+    return caps;
 }
+
+template <class OpenPort>
+DWORD copyCaps(const Place<OpenPort>& place, DWORD_PTR target, DWORD_PTR size)
+{
+    if (!target)
+        return MMSYSERR_INVALPARAM;
+    if (place.description.capsResult != MMSYSERR_NOERROR)
+        return place.description.capsResult;
+    const auto caps = capsOf(place);
+    std::memcpy(reinterpret_cast<void*>(target), &caps, std::min<std::size_t>(size, sizeof caps));
+    return MMSYSERR_NOERROR;
+}
+
+DWORD copyCounters(device::Port& port, DWORD_PTR target)
+{
+    auto* const counters = reinterpret_cast<LumoraCableCounters*>(target);
+    if (!counters || counters->size != sizeof *counters)
+        return MMSYSERR_INVALPARAM;
+    const device::Counters found = port.counters();
+    *counters = {sizeof *counters,     found.queuedBuffers, found.deliveredShort,
+                 found.deliveredBytes, found.droppedShort,  found.droppedBytes};
+    return MMSYSERR_NOERROR;
+}
+
+// ---- Open and close -----------------------------------------------------------------------------
+
+// Calls a client of winmm.dll back, and notes how long its callback held the thread.
+class Client
+{
+public:
+    Client(const MIDIOPENDESC& request, DWORD itsFlags, const PortDescription& itsDescription,
+           unsigned itsPosition)
+        : handle(reinterpret_cast<HDRVR>(request.hMidi)), callback(request.dwCallback),
+          instance(request.dwInstance), type(HIWORD(itsFlags & CALLBACK_TYPEMASK)),
+          description(itsDescription), position(itsPosition)
+    {}
+
+    void operator()(UINT message, DWORD_PTR parameter1, DWORD parameter2)
+    {
+        const bool timed = description.logHeld && message == MIM_DATA;
+        const LONGLONG start = timed ? nanoseconds() : 0;
+        if (message == MIM_CLOSE)
+            logHeld();
+        DriverCallback(callback, type, handle, message, instance, parameter1, parameter2);
+        if (timed)
+            held.push_back(nanoseconds() - start);
+    }
+
+private:
+    // In microseconds, several to a line. With a driver that waits for nothing the thread may still
+    // be adding one.
+    void logHeld()
+    {
+        constexpr std::size_t perLine = 10;
+        if (description.kind == device::DriverKind::WaitsInNeither)
+            return;
+        for (std::size_t i = 0; i < held.size(); i += perLine) {
+            std::string line = "held";
+            for (std::size_t k = i; k < std::min(i + perLine, held.size()); ++k) {
+                char text[24];
+                __mingw_snprintf(text, sizeof text, " %.1f", static_cast<double>(held[k]) / 1000);
+                line += text;
+            }
+            logEvent("in", position, "%s", line.c_str());
+        }
+    }
+
+    const HDRVR handle;
+    const DWORD_PTR callback;
+    const DWORD_PTR instance;
+    const DWORD type;
+    const PortDescription& description; // in the port table, which is never freed
+    const unsigned position;
+    std::vector<LONGLONG> held; // nanoseconds of each short message; the port's thread's own
+};
 
 // A port's thread may be inside this module at any time from now on, whatever winmm.dll thinks of
 // it.
@@ -66,28 +141,48 @@ void keepLoaded()
     static_cast<void>(kept);
 }
 
+void listen(const std::shared_ptr<InputPort>& port)
+{
+    port->listener.start(port);
+}
+
+void listen(const std::shared_ptr<OutputPort>&) {}
+
+template <class OpenPort>
+void logClose(const Place<OpenPort>& place, OpenPort& port)
+{
+    const device::Counters last = port.counters();
+    logEvent(direction(place.description), place.position, "close dropped %llu bytes %llu short",
+             static_cast<unsigned long long>(last.droppedBytes),
+             static_cast<unsigned long long>(last.droppedShort));
+}
+
 template <class OpenPort>
 DWORD openPort(Place<OpenPort>& place, DWORD_PTR user, const MIDIOPENDESC* request, DWORD flags)
 {
     if (!request || !user)
         return MMSYSERR_INVALPARAM;
-    if (place.description.failOpen)
-        return MMSYSERR_ALLOCATED;
+    if (place.description.openResult != MMSYSERR_NOERROR)
+        return place.description.openResult;
     keepLoaded();
 
-    const Lock lock(place.mutex);
+    const std::lock_guard<std::mutex> guard(place.mutex);
     if (place.open) {
-        if (!place.open->abandoned())
+        if (!place.open->wasRefused())
             return MMSYSERR_ALLOCATED;
-        place.open->discard();
+        place.open->abandon();
+        logClose(place, *place.open);
         place.open.reset();
     }
-    const Client client{request->hMidi, request->dwCallback, request->dwInstance, flags};
-    const auto port = std::make_shared<OpenPort>(place.description, place.position, client);
-    if (!port->begin())
+    const auto port =
+        std::make_shared<OpenPort>(place.description, place.position,
+                                   Client(*request, flags, place.description, place.position));
+    if (!port->begin(port))
         return MMSYSERR_NOMEM;
+    listen(port);
+    logEvent(direction(place.description), place.position, "open");
     place.open = port;
-    *reinterpret_cast<DWORD_PTR*>(user) = port->id();
+    *reinterpret_cast<DWORD_PTR*>(user) = port->id;
     return MMSYSERR_NOERROR;
 }
 
@@ -97,20 +192,14 @@ DWORD closePort(Place<OpenPort>& place, const std::shared_ptr<OpenPort>& port)
     const DWORD result = port->close();
     if (result != MMSYSERR_NOERROR)
         return result;
-    const Lock lock(place.mutex);
+    logClose(place, *port);
+    const std::lock_guard<std::mutex> guard(place.mutex);
     if (place.open == port)
         place.open.reset();
     return MMSYSERR_NOERROR;
 }
 
-DWORD copyCounters(Port& port, DWORD_PTR target)
-{
-    auto* counters = reinterpret_cast<LumoraCableCounters*>(target);
-    if (!counters || counters->size != sizeof *counters)
-        return MMSYSERR_INVALPARAM;
-    *counters = port.counters();
-    return MMSYSERR_NOERROR;
-}
+// ---- Messages -----------------------------------------------------------------------------------
 
 // Counts the call and tells whether it is the one that the description lets fail.
 bool fails(std::atomic<DWORD>& calls, DWORD failAt)
@@ -118,125 +207,101 @@ bool fails(std::atomic<DWORD>& calls, DWORD failAt)
     return ++calls == failAt;
 }
 
-DWORD inputMessage(DWORD device, UINT message, DWORD_PTR user, DWORD_PTR parameter1,
-                   DWORD_PTR parameter2)
+// The messages that both directions have.
+struct Codes
+{
+    UINT count;
+    UINT caps;
+    UINT open;
+    UINT close;
+    UINT prepare;
+    UINT unprepare;
+    UINT reset;
+};
+
+constexpr Codes kInputCodes = {MIDM_GETNUMDEVS, MIDM_GETDEVCAPS, MIDM_OPEN, MIDM_CLOSE,
+                               MIDM_PREPARE,    MIDM_UNPREPARE,  MIDM_RESET};
+constexpr Codes kOutputCodes = {MODM_GETNUMDEVS, MODM_GETDEVCAPS, MODM_OPEN, MODM_CLOSE,
+                                MODM_PREPARE,    MODM_UNPREPARE,  MODM_RESET};
+
+DWORD ownMessage(InputPlace& place, InputPort& port, UINT message, DWORD_PTR parameter1,
+                 DWORD_PTR parameter2)
 {
     switch (message) {
-    case DRVM_INIT:
-        PortTable::instance();
-        return MMSYSERR_NOERROR;
-    case DRVM_EXIT:
-    case DRVM_ENABLE:
-    case DRVM_DISABLE:
-        return MMSYSERR_NOERROR;
-    case MIDM_GETNUMDEVS:
-        return PortTable::instance().inputCount();
-    default:
-        break;
-    }
-
-    InputPlace* place = PortTable::instance().input(device);
-    if (!place)
-        return MMSYSERR_BADDEVICEID;
-    auto* header = reinterpret_cast<MIDIHDR*>(parameter1);
-    switch (message) {
-    case MIDM_GETDEVCAPS:
-        return inputCaps(*place, parameter1, parameter2);
-    case MIDM_OPEN:
-        return openPort(*place, user, reinterpret_cast<const MIDIOPENDESC*>(parameter1),
-                        static_cast<DWORD>(parameter2));
-    case MIDM_PREPARE:
-        return fails(place->prepares, place->description.failPrepareAt)
-                   ? MMSYSERR_NOMEM
-                   : prepareHeader(header, parameter2);
-    case MIDM_UNPREPARE:
-        return unprepareHeader(header, parameter2);
-    default:
-        break;
-    }
-
-    const std::shared_ptr<InputPort> port = place->current(user);
-    if (!port)
-        return MMSYSERR_INVALHANDLE;
-    switch (message) {
-    case MIDM_CLOSE:
-        return closePort(*place, port);
     case MIDM_ADDBUFFER:
-        return fails(place->addBuffers, place->description.failAddBufferAt)
-                   ? MMSYSERR_NOMEM
-                   : port->addBuffer(header, parameter2);
+        if (fails(place.addBuffers, place.description.failAddBufferAt))
+            return MMSYSERR_NOMEM;
+        return port.addBuffer(reinterpret_cast<MIDIHDR*>(parameter1), parameter2);
     case MIDM_START:
-        return place->description.failStart ? MMSYSERR_NOMEM : port->startInput();
+        return port.start();
     case MIDM_STOP:
-        return port->stopInput();
-    case MIDM_RESET:
-        return port->reset();
-    case LUMORA_CABLE_GET_COUNTERS:
-        return copyCounters(*port, parameter1);
+        return port.stop();
     default:
         return MMSYSERR_NOTSUPPORTED;
     }
 }
 
-DWORD outputMessage(DWORD device, UINT message, DWORD_PTR user, DWORD_PTR parameter1,
-                    DWORD_PTR parameter2)
+DWORD ownMessage(OutputPlace& place, OutputPort& port, UINT message, DWORD_PTR parameter1,
+                 DWORD_PTR parameter2)
 {
     switch (message) {
-    case DRVM_INIT:
-        PortTable::instance();
-        return MMSYSERR_NOERROR;
-    case DRVM_EXIT:
-    case DRVM_ENABLE:
-    case DRVM_DISABLE:
-        return MMSYSERR_NOERROR;
-    case MODM_GETNUMDEVS:
-        return PortTable::instance().outputCount();
-    default:
-        break;
-    }
-
-    OutputPlace* place = PortTable::instance().output(device);
-    if (!place)
-        return MMSYSERR_BADDEVICEID;
-    auto* header = reinterpret_cast<MIDIHDR*>(parameter1);
-    switch (message) {
-    case MODM_GETDEVCAPS:
-        return outputCaps(*place, parameter1, parameter2);
-    case MODM_OPEN:
-        return openPort(*place, user, reinterpret_cast<const MIDIOPENDESC*>(parameter1),
-                        static_cast<DWORD>(parameter2));
-    case MODM_PREPARE:
-        return fails(place->prepares, place->description.failPrepareAt)
-                   ? MMSYSERR_NOMEM
-                   : prepareHeader(header, parameter2);
-    case MODM_UNPREPARE:
-        return unprepareHeader(header, parameter2);
-    default:
-        break;
-    }
-
-    const std::shared_ptr<OutputPort> port = place->current(user);
-    if (!port)
-        return MMSYSERR_INVALHANDLE;
-    switch (message) {
-    case MODM_CLOSE:
-        return closePort(*place, port);
     case MODM_DATA:
-        return port->sendShort(static_cast<DWORD>(parameter1));
+        return port.sendShort(static_cast<DWORD>(parameter1));
     case MODM_LONGDATA:
-        return fails(place->longs, place->description.failLongAt)
-                   ? MMSYSERR_NOMEM
-                   : port->sendLong(header, parameter2);
-    case MODM_RESET:
-        return port->reset();
-    case LUMORA_CABLE_GET_COUNTERS:
-        return copyCounters(*port, parameter1);
+        if (fails(place.longs, place.description.failLongAt))
+            return MMSYSERR_NOMEM;
+        return port.sendLong(reinterpret_cast<MIDIHDR*>(parameter1), parameter2);
     default:
         return MMSYSERR_NOTSUPPORTED;
     }
+}
+
+template <class OpenPort>
+DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const Codes& codes,
+             UINT device, UINT message, DWORD_PTR user, DWORD_PTR parameter1, DWORD_PTR parameter2)
+{
+    if (message == DRVM_INIT || message == DRVM_EXIT || message == DRVM_ENABLE ||
+        message == DRVM_DISABLE)
+        return MMSYSERR_NOERROR;
+    if (message == codes.count)
+        return static_cast<DWORD>(places.size());
+    if (device >= places.size())
+        return MMSYSERR_BADDEVICEID;
+
+    Place<OpenPort>& place = *places[device];
+    auto* const header = reinterpret_cast<MIDIHDR*>(parameter1);
+    if (message == codes.caps)
+        return copyCaps(place, parameter1, parameter2);
+    if (message == codes.open)
+        return openPort(place, user, reinterpret_cast<const MIDIOPENDESC*>(parameter1),
+                        static_cast<DWORD>(parameter2));
+    if (message == codes.prepare)
+        return fails(place.prepares, place.description.failPrepareAt)
+                   ? MMSYSERR_NOMEM
+                   : device::prepareHeader(header, parameter2);
+    if (message == codes.unprepare)
+        return device::unprepareHeader(header, parameter2);
+    // Of a device or of an open port alike.
+    if (message == MODM_GETVOLUME && !place.description.isInput)
+        return parameter1 ? MMSYSERR_NOTSUPPORTED : MMSYSERR_INVALPARAM;
+
+    const std::shared_ptr<OpenPort> port = place.current(user);
+    if (!port)
+        return MMSYSERR_INVALHANDLE;
+    if (message == codes.close)
+        return closePort(place, port);
+    if (message == LUMORA_CABLE_GET_COUNTERS)
+        return copyCounters(*port, parameter1);
+    if (message == codes.reset) {
+        if (!place.description.isInput)
+            logEvent("out", place.position, "reset");
+        return port->reset();
+    }
+    return ownMessage(place, *port, message, parameter1, parameter2);
 }
 
 } // namespace
+
 } // namespace cable
 
 extern "C" {
@@ -245,7 +310,8 @@ __declspec(dllexport) DWORD CALLBACK midMessage(UINT device, UINT message, DWORD
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
     try {
-        return cable::inputMessage(device, message, user, parameter1, parameter2);
+        return cable::answer(cable::PortTable::instance().inputs, cable::kInputCodes, device,
+                             message, user, parameter1, parameter2);
     } catch (const std::bad_alloc&) {
         return MMSYSERR_NOMEM;
     }
@@ -255,7 +321,8 @@ __declspec(dllexport) DWORD CALLBACK modMessage(UINT device, UINT message, DWORD
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
     try {
-        return cable::outputMessage(device, message, user, parameter1, parameter2);
+        return cable::answer(cable::PortTable::instance().outputs, cable::kOutputCodes, device,
+                             message, user, parameter1, parameter2);
     } catch (const std::bad_alloc&) {
         return MMSYSERR_NOMEM;
     }

@@ -1,12 +1,13 @@
-#include "EventLog.h"
+#include "workbench/cable/EventLog.h"
 
-#include "System.h"
+#include "workbench/cable/System.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <string>
 
 namespace cable {
+
 namespace {
 
 class EventLog
@@ -19,30 +20,30 @@ public:
         if (length == 0)
             return;
         if (length < MAX_PATH)
-            file_ = Handle(CreateFileW(path, FILE_APPEND_DATA | SYNCHRONIZE,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+            file = Handle(CreateFileW(path, FILE_APPEND_DATA | SYNCHRONIZE,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
         // Wine finds the end of the file and writes there in two steps, so processes take turns.
-        turn_ = Handle(CreateMutexW(nullptr, FALSE, L"lumora-cable-log"));
-        if (!file_)
+        turn = Handle(CreateMutexW(nullptr, FALSE, L"lumora-cable-log"));
+        if (!file)
             complain("the file that LUMORA_CABLE_LOG names cannot be written");
     }
 
-    void write(const char* line, size_t length)
+    void write(const char* line, std::size_t length)
     {
-        if (!file_)
+        if (!file)
             return;
-        WaitForSingleObject(turn_.get(), INFINITE);
+        WaitForSingleObject(turn.get(), INFINITE);
         DWORD written = 0;
-        WriteFile(file_.get(), line, static_cast<DWORD>(length), &written, nullptr);
-        ReleaseMutex(turn_.get());
+        WriteFile(file.get(), line, static_cast<DWORD>(length), &written, nullptr);
+        ReleaseMutex(turn.get());
     }
 
-    bool isOpen() const { return static_cast<bool>(file_); }
+    bool isOpen() const { return static_cast<bool>(file); }
 
 private:
-    Handle file_;
-    Handle turn_;
+    Handle file;
+    Handle turn;
 };
 
 } // namespace
@@ -62,7 +63,7 @@ void logEvent(const char* direction, unsigned position, const char* format, ...)
     const int length = __mingw_snprintf(line, sizeof line, "%lld.%03d %s %u %s\n", now / 1000,
                                         static_cast<int>(now % 1000), direction, position, text);
     if (length > 0)
-        log.write(line, static_cast<size_t>(length));
+        log.write(line, static_cast<std::size_t>(length));
 }
 
 void complain(const char* sentence)

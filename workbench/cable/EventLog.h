@@ -1,7 +1,6 @@
 // The log that LUMORA_CABLE_LOG asks for: a line for each event, from any number of processes.
 
-#ifndef LUMORA_CABLE_EVENTLOG_H
-#define LUMORA_CABLE_EVENTLOG_H
+#pragma once
 
 #include <windows.h>
 
@@ -16,5 +15,3 @@ void logEvent(const char* direction, unsigned position, const char* format, ...)
 void complain(const char* sentence);
 
 } // namespace cable
-
-#endif

@@ -1,9 +1,9 @@
 // What travels between two processes: a frame is one message of the pipe and holds whole pieces,
 // each a PieceHeader and, for SysEx, its bytes. The receiver answers every frame with one byte once
 // the input has it.
+#pragma once
 
-#ifndef LUMORA_CABLE_FRAME_H
-#define LUMORA_CABLE_FRAME_H
+#include "transport/MIDIByteStream.h"
 
 #include <string>
 #include <windows.h>
@@ -15,22 +15,24 @@ constexpr BYTE kFrameTaken = 1;
 
 struct PieceHeader
 {
-    static constexpr DWORD Short = 0;
-    static constexpr DWORD SysEx = 1;
-    static constexpr DWORD SysExBroken = 2;
+    static constexpr BYTE kFirst = 1;
+    static constexpr BYTE kLast = 2;
 
-    static constexpr DWORD First = 1;
-    static constexpr DWORD Last = 2;
-
-    DWORD kind;
+    MIDIPiece::Kind kind;
     DWORD flags; // of a SysEx piece
     DWORD value; // the message, or the number of bytes that follow
 };
 
 // By position, so that every process reaches the same input whatever its description calls it, and
 // within the group that LUMORA_CABLE_GROUP names.
-std::wstring pipeName(unsigned inputPosition);
+inline std::wstring pipeName(unsigned inputPosition)
+{
+    wchar_t group[64];
+    const DWORD length = GetEnvironmentVariableW(L"LUMORA_CABLE_GROUP", group, 64);
+    std::wstring name = L"\\\\.\\pipe\\lumora-cable-";
+    if (length > 0 && length < 64)
+        name.append(group, length) += L'-';
+    return name + L"in-" + std::to_wstring(inputPosition);
+}
 
 } // namespace cable
-
-#endif

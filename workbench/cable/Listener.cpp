@@ -1,75 +1,76 @@
-#include "Listener.h"
+#include "workbench/cable/Listener.h"
 
-#include "Frame.h"
-#include "InputPort.h"
+#include "workbench/cable/Frame.h"
+#include "workbench/cable/System.h"
 
 #include <cstring>
+#include <system_error>
 #include <vector>
 
 namespace cable {
+
 namespace {
 
-constexpr size_t kMostConnections = 16; // senders at once; a further one waits for its turn
+constexpr std::size_t kMostConnections = 16; // senders at once; a further one waits for its turn
 constexpr DWORD kRetryMilliseconds = 10;
 
 // One instance of the pipe: waits for a sender, then takes its frames.
 class Connection
 {
 public:
-    explicit Connection(const std::wstring& name, bool first)
-        : pipe_(CreateNamedPipeW(name.c_str(),
-                                 PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED |
-                                     (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0),
-                                 PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
-                                 PIPE_UNLIMITED_INSTANCES, kLargestFrame, kLargestFrame, 0,
-                                 nullptr)),
-          event_(CreateEventW(nullptr, TRUE, FALSE, nullptr)), source_(nextPortId()),
-          frame_(kLargestFrame)
+    explicit Connection(const std::wstring& itsName, bool first)
+        : pipe(CreateNamedPipeW(itsName.c_str(),
+                                PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED |
+                                    (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0),
+                                PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
+                                PIPE_UNLIMITED_INSTANCES, kLargestFrame, kLargestFrame, 0,
+                                nullptr)),
+          event(CreateEventW(nullptr, TRUE, FALSE, nullptr)), frame(kLargestFrame)
     {
-        if (!pipe_)
+        if (!pipe)
             return;
-        io_.hEvent = event_.get();
-        if (ConnectNamedPipe(pipe_.get(), &io_))
+        io.hEvent = event.get();
+        if (ConnectNamedPipe(pipe.get(), &io))
             return;
         switch (GetLastError()) {
         case ERROR_IO_PENDING:
-            pending_ = true;
+            pending = true;
             break;
         case ERROR_PIPE_CONNECTED:
-            SetEvent(event_.get());
+            SetEvent(event.get());
             break;
         default:
-            pipe_.reset();
+            pipe.reset();
         }
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection()
     {
-        if (!pending_)
+        if (!pending)
             return;
-        // The system writes to `io_` and `frame_` until the operation has ended.
-        CancelIoEx(pipe_.get(), &io_);
+        // The system writes to `io` and `frame` until the operation has ended.
+        CancelIoEx(pipe.get(), &io);
         DWORD ignored = 0;
-        GetOverlappedResult(pipe_.get(), &io_, &ignored, TRUE);
+        GetOverlappedResult(pipe.get(), &io, &ignored, TRUE);
     }
 
-    bool isOpen() const { return static_cast<bool>(pipe_); }
-    bool isConnected() const { return connected_; }
-    HANDLE event() const { return event_.get(); }
+    bool isOpen() const { return static_cast<bool>(pipe); }
+    bool isConnected() const { return connected; }
+    HANDLE signal() const { return event.get(); }
 
     // Goes on after the event was signalled. False if the sender has gone.
-    bool advance(InputPort& input, const Pause& pause)
+    bool advance(device::InputPort& input, const device::Pause& pause)
     {
         DWORD length = 0;
-        if (pending_) {
-            pending_ = false;
-            if (!GetOverlappedResult(pipe_.get(), &io_, &length, FALSE))
+        if (pending) {
+            pending = false;
+            if (!GetOverlappedResult(pipe.get(), &io, &length, FALSE))
                 return false;
         }
-        if (connected_ && (!deliver(input, length, pause) || !answer()))
+        if (connected && (!deliver(input, length, pause) || !answer()))
             return false;
-        connected_ = true;
+        connected = true;
         return read();
     }
 
@@ -77,57 +78,57 @@ private:
     // A read that ends at once signals the event just like one that ends later.
     bool read()
     {
-        ResetEvent(event_.get());
-        pending_ = ReadFile(pipe_.get(), frame_.data(), kLargestFrame, nullptr, &io_) ||
-                   GetLastError() == ERROR_IO_PENDING;
-        return pending_;
+        ResetEvent(event.get());
+        pending = ReadFile(pipe.get(), frame.data(), kLargestFrame, nullptr, &io) ||
+                  GetLastError() == ERROR_IO_PENDING;
+        return pending;
     }
 
     bool answer()
     {
-        ResetEvent(event_.get());
+        ResetEvent(event.get());
         DWORD written = 0;
-        if (!WriteFile(pipe_.get(), &kFrameTaken, 1, nullptr, &io_) &&
+        if (!WriteFile(pipe.get(), &kFrameTaken, 1, nullptr, &io) &&
             GetLastError() != ERROR_IO_PENDING)
             return false;
-        return GetOverlappedResult(pipe_.get(), &io_, &written, TRUE) && written == 1;
+        return GetOverlappedResult(pipe.get(), &io, &written, TRUE) && written == 1;
     }
 
     // False if the frame is not one of ours.
-    bool deliver(InputPort& input, size_t length, const Pause& pause)
+    bool deliver(device::InputPort& input, std::size_t length, const device::Pause& pause)
     {
-        const BYTE* at = frame_.data();
+        const BYTE* at = frame.data();
         const BYTE* const end = at + length;
         while (at < end) {
             PieceHeader header;
-            if (static_cast<size_t>(end - at) < sizeof header)
+            if (static_cast<std::size_t>(end - at) < sizeof header)
                 return false;
             std::memcpy(&header, at, sizeof header);
             at += sizeof header;
-            if (header.kind == PieceHeader::Short) {
-                input.shortMessage(header.value);
-            } else if (header.kind == PieceHeader::SysExBroken) {
-                input.sysExBroken(source_);
-            } else {
-                if (header.value == 0 || header.value > static_cast<size_t>(end - at))
+            MIDIPiece piece{header.kind};
+            if (header.kind == MIDIPiece::Kind::Short) {
+                piece.word = header.value;
+            } else if (header.kind == MIDIPiece::Kind::SysEx) {
+                if (header.value == 0 || header.value > static_cast<std::size_t>(end - at))
                     return false;
-                input.sysEx(source_,
-                            {at, header.value, (header.flags & PieceHeader::First) != 0,
-                             (header.flags & PieceHeader::Last) != 0},
-                            pause);
-                at += header.value;
+                piece.bytes = at;
+                piece.length = header.value;
+                piece.first = (header.flags & PieceHeader::kFirst) != 0;
+                piece.last = (header.flags & PieceHeader::kLast) != 0;
             }
+            input.take(source, piece, pause);
+            at += piece.length;
         }
         return true;
     }
 
-    Handle pipe_;
-    Handle event_;
-    OVERLAPPED io_ = {};
-    bool pending_ = false;
-    bool connected_ = false;
-    const SourceId source_;
-    std::vector<BYTE> frame_;
+    Handle pipe;
+    Handle event;
+    OVERLAPPED io = {};
+    bool pending = false;
+    bool connected = false;
+    const device::SourceId source = device::nextSourceId();
+    std::vector<BYTE> frame;
 };
 
 } // namespace
@@ -136,7 +137,7 @@ struct Listener::State
 {
     explicit State(unsigned position) : name(pipeName(position)) {}
 
-    void run(InputPort& input);
+    void run(device::InputPort& input);
     // Sees to it that one instance waits for a sender, if there is room for one more.
     bool offer();
 
@@ -157,9 +158,9 @@ bool Listener::State::offer()
     return true;
 }
 
-void Listener::State::run(InputPort& input)
+void Listener::State::run(device::InputPort& input)
 {
-    const Pause pause = [this](DWORD milliseconds) {
+    const device::Pause pause = [this](DWORD milliseconds) {
         return WaitForSingleObject(stopped.get(), milliseconds) == WAIT_TIMEOUT;
     };
     for (;;) {
@@ -167,7 +168,7 @@ void Listener::State::run(InputPort& input)
         HANDLE handles[kMostConnections + 1] = {stopped.get()};
         DWORD count = 1;
         for (const auto& connection : connections)
-            handles[count++] = connection->event();
+            handles[count++] = connection->signal();
         const DWORD result =
             WaitForMultipleObjects(count, handles, FALSE, offered ? INFINITE : kRetryMilliseconds);
         if (result == WAIT_OBJECT_0 || result == WAIT_FAILED)
@@ -181,24 +182,27 @@ void Listener::State::run(InputPort& input)
     connections.clear();
 }
 
-Listener::Listener(unsigned inputPosition) : state_(std::make_shared<State>(inputPosition)) {}
+Listener::Listener(unsigned inputPosition) : state(std::make_shared<State>(inputPosition)) {}
 
 Listener::~Listener() = default;
 
-void Listener::start(std::shared_ptr<InputPort> input)
+void Listener::start(std::shared_ptr<device::InputPort> input)
 {
     // The first instance exists before the input's opening returns, so that a sender finds it from
     // then on.
-    state_->offer();
-    thread_ = startThread([state = state_, input = std::move(input)] { state->run(*input); });
+    state->offer();
+    try {
+        thread = std::thread([state = state, input = std::move(input)] { state->run(*input); });
+    } catch (const std::system_error&) { // only this process reaches the input
+    }
 }
 
 void Listener::stop()
 {
-    if (!thread_)
+    if (!thread.joinable())
         return;
-    SetEvent(state_->stopped.get());
-    join(thread_);
+    SetEvent(state->stopped.get());
+    thread.join();
 }
 
 } // namespace cable

@@ -1,15 +1,13 @@
 // The end of the pipe at an open input: takes what the outputs of other processes send.
 
-#ifndef LUMORA_CABLE_LISTENER_H
-#define LUMORA_CABLE_LISTENER_H
+#pragma once
 
-#include "System.h"
+#include "workbench/device/InputPort.h"
 
 #include <memory>
+#include <thread>
 
 namespace cable {
-
-class InputPort;
 
 class Listener
 {
@@ -19,7 +17,7 @@ public:
 
     // Listens, on a thread of its own, until stop(). While another process listens for the same
     // position this one does not; it takes over when the other has stopped.
-    void start(std::shared_ptr<InputPort> input);
+    void start(std::shared_ptr<device::InputPort> input);
 
     // Returns when nobody can reach the input through the pipe any more.
     void stop();
@@ -27,10 +25,8 @@ public:
 private:
     // Shared with the thread, which outlives the listener if that is never stopped.
     struct State;
-    std::shared_ptr<State> state_;
-    Handle thread_;
+    std::shared_ptr<State> state;
+    std::thread thread;
 };
 
 } // namespace cable
-
-#endif

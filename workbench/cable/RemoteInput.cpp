@@ -1,10 +1,9 @@
-#include "RemoteInput.h"
-
-#include "Frame.h"
+#include "workbench/cable/RemoteInput.h"
 
 #include <algorithm>
 
 namespace cable {
+
 namespace {
 
 // How long a sender keeps asking a listener that has no instance free. Between two senders there is
@@ -14,81 +13,69 @@ constexpr DWORD kBusyMilliseconds = 5;
 
 } // namespace
 
-RemoteInput::RemoteInput(unsigned inputPosition) : name_(pipeName(inputPosition)) {}
+RemoteInput::RemoteInput(unsigned inputPosition) : name(pipeName(inputPosition)) {}
 
-void RemoteInput::shortMessage(DWORD word)
+void RemoteInput::take(MIDIPiece piece)
 {
-    if (frame_.size() + sizeof(PieceHeader) > kLargestFrame)
-        flush();
-    append(PieceHeader::Short, 0, word);
-    ++inFrame_.shortMessages;
-}
-
-void RemoteInput::sysEx(const SysExPiece& piece)
-{
-    size_t at = 0;
-    while (at < piece.length) {
-        if (frame_.size() + sizeof(PieceHeader) >= kLargestFrame)
+    do {
+        if (frame.size() + sizeof(PieceHeader) >= kLargestFrame)
             flush();
-        const size_t room = kLargestFrame - frame_.size() - sizeof(PieceHeader);
-        const size_t length = std::min(room, piece.length - at);
-        const bool first = piece.first && at == 0;
-        const bool last = piece.last && at + length == piece.length;
-        append(PieceHeader::SysEx,
-               (first ? PieceHeader::First : 0) | (last ? PieceHeader::Last : 0),
-               static_cast<DWORD>(length));
-        frame_.insert(frame_.end(), piece.bytes + at, piece.bytes + at + length);
-        inFrame_.bytes += length;
-        at += length;
-    }
-}
-
-void RemoteInput::sysExBroken()
-{
-    if (frame_.size() + sizeof(PieceHeader) > kLargestFrame)
-        flush();
-    append(PieceHeader::SysExBroken, 0, 0);
+        MIDIPiece part = piece;
+        part.length = std::min(kLargestFrame - frame.size() - sizeof(PieceHeader), piece.length);
+        part.last = piece.last && part.length == piece.length;
+        append(part);
+        piece.first = false;
+        piece.bytes += part.length;
+        piece.length -= part.length;
+    } while (piece.length > 0);
 }
 
 void RemoteInput::flush()
 {
-    if (frame_.empty())
+    if (frame.empty())
         return;
     bool taken = false;
-    if (pipe_ || connect()) {
+    if (pipe || connect()) {
         Outcome outcome = transact();
         // The listener of an input that has been closed is gone, but the input may be open again.
         if (outcome == Outcome::Closed && connect())
             outcome = transact();
         taken = outcome == Outcome::Taken;
     }
-    Tally& tally = taken ? sent_ : lost_;
-    tally.shortMessages += inFrame_.shortMessages;
-    tally.bytes += inFrame_.bytes;
-    inFrame_ = {};
-    frame_.clear();
+    Delivery& delivery = taken ? sent : lost;
+    delivery.shortMessages += inFrame.shortMessages;
+    delivery.bytes += inFrame.bytes;
+    inFrame = {};
+    frame.clear();
 }
 
-void RemoteInput::append(DWORD kind, DWORD flags, DWORD value)
+void RemoteInput::append(const MIDIPiece& piece)
 {
-    const PieceHeader header{kind, flags, value};
-    const auto* bytes = reinterpret_cast<const BYTE*>(&header);
-    frame_.insert(frame_.end(), bytes, bytes + sizeof header);
+    const bool isShort = piece.kind == MIDIPiece::Kind::Short;
+    const PieceHeader header{piece.kind,
+                             static_cast<DWORD>((piece.first ? PieceHeader::kFirst : 0) |
+                                                (piece.last ? PieceHeader::kLast : 0)),
+                             isShort ? static_cast<DWORD>(piece.word)
+                                     : static_cast<DWORD>(piece.length)};
+    const auto* const bytes = reinterpret_cast<const BYTE*>(&header);
+    frame.insert(frame.end(), bytes, bytes + sizeof header);
+    frame.insert(frame.end(), piece.bytes, piece.bytes + piece.length);
+    inFrame.count(piece);
 }
 
 bool RemoteInput::connect()
 {
-    pipe_.reset();
+    pipe.reset();
     for (int attempt = 0; attempt < kBusyAttempts; ++attempt) {
-        pipe_ = Handle(CreateFileW(name_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                   OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
-        if (pipe_) {
+        pipe = Handle(CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                  OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+        if (pipe) {
             DWORD mode = PIPE_READMODE_MESSAGE;
-            SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr);
+            SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
             return true;
         }
         if (GetLastError() != ERROR_PIPE_BUSY ||
-            WaitForSingleObject(cancelled_.get(), kBusyMilliseconds) == WAIT_OBJECT_0)
+            WaitForSingleObject(cancelled.get(), kBusyMilliseconds) == WAIT_OBJECT_0)
             return false;
     }
     return false;
@@ -97,22 +84,22 @@ bool RemoteInput::connect()
 RemoteInput::Outcome RemoteInput::transact()
 {
     OVERLAPPED io = {};
-    io.hEvent = done_.get();
-    ResetEvent(done_.get());
+    io.hEvent = done.get();
+    ResetEvent(done.get());
     BYTE answer = 0;
     DWORD length = 0;
-    bool ok = TransactNamedPipe(pipe_.get(), frame_.data(), static_cast<DWORD>(frame_.size()),
-                                &answer, sizeof answer, nullptr, &io);
+    bool ok = TransactNamedPipe(pipe.get(), frame.data(), static_cast<DWORD>(frame.size()), &answer,
+                                sizeof answer, nullptr, &io);
     if (ok || GetLastError() == ERROR_IO_PENDING) {
-        const HANDLE handles[] = {done_.get(), cancelled_.get()};
+        const HANDLE handles[] = {done.get(), cancelled.get()};
         if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0)
-            CancelIoEx(pipe_.get(), &io);
-        ok = GetOverlappedResult(pipe_.get(), &io, &length, TRUE);
+            CancelIoEx(pipe.get(), &io);
+        ok = GetOverlappedResult(pipe.get(), &io, &length, TRUE);
     }
     if (ok && length == sizeof answer && answer == kFrameTaken)
         return Outcome::Taken;
     const DWORD error = ok ? ERROR_INVALID_DATA : GetLastError();
-    pipe_.reset(); // an answer may still come and would be taken for that of the next frame
+    pipe.reset(); // an answer may still come and would be taken for that of the next frame
     const bool closed =
         error == ERROR_NO_DATA || error == ERROR_BROKEN_PIPE || error == ERROR_PIPE_NOT_CONNECTED;
     return closed ? Outcome::Closed : Outcome::Failed;

@@ -1,16 +1,25 @@
 // An input that another process has open, seen from the output that feeds it.
+#pragma once
 
-#ifndef LUMORA_CABLE_REMOTEINPUT_H
-#define LUMORA_CABLE_REMOTEINPUT_H
+#include "workbench/cable/Frame.h"
+#include "workbench/cable/System.h"
 
-#include "ByteStream.h"
-#include "System.h"
-
-#include <string>
-#include <utility>
 #include <vector>
 
 namespace cable {
+
+// What has been handed over.
+struct Delivery
+{
+    ULONGLONG shortMessages = 0;
+    ULONGLONG bytes = 0;
+
+    void count(const MIDIPiece& piece)
+    {
+        shortMessages += piece.kind == MIDIPiece::Kind::Short ? 1 : 0;
+        bytes += piece.length;
+    }
+};
 
 // Used by the output's thread alone, except cancel() and allow().
 class RemoteInput
@@ -19,44 +28,33 @@ public:
     explicit RemoteInput(unsigned inputPosition);
 
     // Collected into a frame; sent when the frame is full or by flush().
-    void shortMessage(DWORD word);
-    void sysEx(const SysExPiece& piece);
-    void sysExBroken();
+    void take(MIDIPiece piece);
 
     // Returns when the other process has everything, or when it is lost: no process listens, or
     // cancel().
     void flush();
 
     // Ends a flush that is under way and makes further ones lose everything, until allow().
-    void cancel() { SetEvent(cancelled_.get()); }
-    void allow() { ResetEvent(cancelled_.get()); }
+    void cancel() { SetEvent(cancelled.get()); }
+    void allow() { ResetEvent(cancelled.get()); }
 
-    // What flush() has sent and lost since the last call.
-    struct Tally
-    {
-        ULONGLONG shortMessages;
-        ULONGLONG bytes;
-    };
-    Tally takeSent() { return std::exchange(sent_, {}); }
-    Tally takeLost() { return std::exchange(lost_, {}); }
+    // By flush(), until somebody takes them away.
+    Delivery sent;
+    Delivery lost;
 
 private:
     enum class Outcome { Taken, Closed, Failed };
 
-    void append(DWORD kind, DWORD flags, DWORD value);
+    void append(const MIDIPiece& piece);
     bool connect();
     Outcome transact();
 
-    const std::wstring name_;
-    Handle pipe_;
-    const Handle done_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    const Handle cancelled_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    std::vector<BYTE> frame_;
-    Tally inFrame_ = {};
-    Tally sent_ = {};
-    Tally lost_ = {};
+    const std::wstring name;
+    Handle pipe;
+    const Handle done{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    const Handle cancelled{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    std::vector<BYTE> frame;
+    Delivery inFrame;
 };
 
 } // namespace cable
-
-#endif

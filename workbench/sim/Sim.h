@@ -15,7 +15,7 @@
 // load.
 #pragma once
 
-#include "mmsystem.h"
+#include "workbench/device/Settings.h"
 
 #include <climits>
 #include <cstddef>
@@ -134,15 +134,9 @@ bool isSignalled(HANDLE event);
 
 // ---- Devices ------------------------------------------------------------------------------------
 
-// Which of its calls waits for a callback in progress on another thread. Waiting for it in neither,
-// as some drivers do, lets a callback outlive the close.
-enum class DriverKind { WaitsInReset, WaitsInClose, WaitsInNeither };
-
-enum class Completion {
-    Manual, // completeOutput() finishes the sends
-    Inline, // finished, with MOM_DONE, before midiOutLongMsg returns
-    Thread, // finished in order by a driver thread of the device
-};
+// Of the model of a driver's port.
+using device::Completion;
+using device::DriverKind;
 
 struct DeviceOptions
 {

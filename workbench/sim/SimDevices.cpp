@@ -1,17 +1,25 @@
-// The simulated devices: which there are, what they are called, and their end.
+// The script's devices: which there are, what arrives at their inputs, what their outputs sent.
 #include "SimMidi.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace sim {
 namespace internal {
 
 namespace {
 
+// The source of all SysEx that the script lets arrive itself.
+const device::SourceId kScript = device::nextSourceId();
+
+std::int64_t microseconds()
+{
+    return std::int64_t(now()) * 1000;
+}
+
 template <typename Handle>
 int addDevice(const std::u16string& name, const DeviceOptions& options)
 {
-    auto& direction = directionOf(Handle{});
+    auto& direction = directionOf<Handle>;
     const unsigned index = direction.deviceCount.load();
     if (index >= kMaximumDevices || options.maximumClients > kMaximumClients)
         stopWith("too many devices or clients");
@@ -20,29 +28,10 @@ int addDevice(const std::u16string& name, const DeviceOptions& options)
     return static_cast<int>(index);
 }
 
-template <typename Handle, typename Capabilities>
-MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
-{
-    if (!target)
-        return MMSYSERR_INVALPARAM;
-    const Device<Handle>* const device = findDevice<Handle>(index);
-    if (!device)
-        return MMSYSERR_BADDEVICEID;
-    if (device->options.capsResult != MMSYSERR_NOERROR)
-        return device->options.capsResult;
-    if (!device->options.fillsCaps)
-        return MMSYSERR_NOERROR;
-    Capabilities found{};
-    found.vDriverVersion = 0x0100;
-    std::copy(device->name.begin(), device->name.end(), found.szPname);
-    std::memcpy(target, &found, std::min<std::size_t>(size, sizeof found));
-    return MMSYSERR_NOERROR;
-}
-
 template <typename Handle>
 void removeAll()
 {
-    auto& direction = directionOf(Handle{});
+    auto& direction = directionOf<Handle>;
     const std::size_t ports = direction.portCount.exchange(0);
     for (std::size_t i = 0; i < ports; ++i)
         delete direction.ports[i].exchange(nullptr);
@@ -55,34 +44,71 @@ void removeAll()
 template <typename Handle>
 int queuedHeaders()
 {
-    auto& direction = directionOf(Handle{});
     std::size_t count = 0;
-    const unsigned devices = direction.deviceCount.load(std::memory_order_acquire);
-    for (unsigned i = 0; i < devices; ++i) {
-        forEachClient(*direction.devices[i].load(std::memory_order_acquire),
-                      [&](Port<Handle>& port) {
-                          const std::lock_guard<std::mutex> guard(port.lock);
-                          count += port.queue.size();
-                      });
-    }
+    forEachDevice<Handle>([&](Device<Handle>& device) {
+        forEachClient(device, [&](Port<Handle>& port) { count += port.queued(); });
+    });
     return static_cast<int>(count);
 }
 
 template <typename Handle>
 void setKind(DriverKind kind)
 {
-    auto& direction = directionOf(Handle{});
-    const unsigned devices = direction.deviceCount.load();
-    for (unsigned i = 0; i < devices; ++i)
-        direction.devices[i].load()->kind.store(kind, std::memory_order_relaxed);
+    forEachDevice<Handle>([&](Device<Handle>& device) {
+        const std::lock_guard<std::mutex> guard(device.opening);
+        device.settings.kind = kind;
+        forEachClient(device, [&](Port<Handle>& port) { port.setKind(kind); });
+    });
 }
 
 } // namespace
 
+template <typename Handle>
+Device<Handle>::Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions)
+    : name(deviceName.substr(0, MAXPNAMELEN)), options(deviceOptions)
+{
+    settings.kind = options.kind;
+    settings.completion = options.completion;
+    settings.capsResult = options.capsResult;
+    settings.openResult = options.openResult;
+    settings.clock = microseconds;
+}
+
+void Lead::noteShort(DWORD word)
+{
+    unsigned char bytes[4];
+    for (unsigned i = 0; i < 4; ++i)
+        bytes[i] = static_cast<unsigned char>(word >> (8 * i));
+    note(true, bytes, sizeof bytes, nullptr);
+}
+
+void Lead::noteLong(const MIDIHDR& header)
+{
+    note(false, header.lpData, header.dwBufferLength, &header);
+}
+
+void Lead::note(bool isShort, const void* bytes, std::size_t length, const MIDIHDR* header)
+{
+    if (!device.options.keepSent)
+        return;
+    const auto* const first = static_cast<const unsigned char*>(bytes);
+    const std::lock_guard<std::mutex> guard(device.sentLock);
+    device.sentMessages.push_back({isShort, {first, first + length}, now(), header});
+}
+
+void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
+{
+    const int input = device.connectedInput.load(std::memory_order_acquire);
+    if (input < 0)
+        return;
+    forEachClient(scriptedDevice<HMIDIIN>(input),
+                  [&](Port<HMIDIIN>& port) { port.take(source, piece, pause); });
+}
+
 void countMidi(Resources& resources)
 {
-    resources.inputPorts = inputDirection.openPorts.load(std::memory_order_relaxed);
-    resources.outputPorts = outputDirection.openPorts.load(std::memory_order_relaxed);
+    resources.inputPorts = directionOf<HMIDIIN>.openPorts.load(std::memory_order_relaxed);
+    resources.outputPorts = directionOf<HMIDIOUT>.openPorts.load(std::memory_order_relaxed);
     resources.inputBuffers = queuedHeaders<HMIDIIN>();
     resources.outputBuffers = queuedHeaders<HMIDIOUT>();
 }
@@ -90,11 +116,8 @@ void countMidi(Resources& resources)
 void resetMidi()
 {
     endFloods();
-    const unsigned outputs = outputDirection.deviceCount.load();
-    for (unsigned i = 0; i < outputs; ++i)
-        endDriver(*outputDirection.devices[i].load());
+    removeAll<HMIDIOUT>(); // their threads lead into the inputs
     removeAll<HMIDIIN>();
-    removeAll<HMIDIOUT>();
 }
 
 } // namespace internal
@@ -113,7 +136,7 @@ int addOutput(const std::u16string& name, const DeviceOptions& options)
 
 void removeDevices()
 {
-    if (inputDirection.openPorts.load() > 0 || outputDirection.openPorts.load() > 0)
+    if (directionOf<HMIDIIN>.openPorts.load() > 0 || directionOf<HMIDIOUT>.openPorts.load() > 0)
         stopWith("removeDevices: a port is open");
     resetMidi();
 }
@@ -124,35 +147,105 @@ void setDriverKind(DriverKind kind)
     setKind<HMIDIOUT>(kind);
 }
 
+// ---- Input --------------------------------------------------------------------------------------
+
+bool shortMessage(int input, DWORD packed)
+{
+    bool taken = false;
+    forEachClient(scriptedDevice<HMIDIIN>(input),
+                  [&](Port<HMIDIIN>& port) { taken = port.shortMessage(packed) || taken; });
+    return taken;
+}
+
+std::size_t sysEx(int input, const void* bytes, std::size_t length)
+{
+    std::size_t done = 0;
+    const MIDIPiece whole{
+        MIDIPiece::Kind::SysEx, 0, static_cast<const unsigned char*>(bytes), length, true, true};
+    forEachClient(scriptedDevice<HMIDIIN>(input),
+                  [&](Port<HMIDIIN>& port) { done = std::max(done, port.sysEx(kScript, whole)); });
+    return done;
+}
+
+MIDIHDR* returnBuffer(int input, DWORD bytesRecorded, const void* bytes, std::size_t length,
+                      UINT code)
+{
+    Port<HMIDIIN>* const port = firstClient<HMIDIIN>(input);
+    return port ? port->returnBuffer(code, bytesRecorded, bytes, length) : nullptr;
+}
+
+bool raw(int input, UINT message, DWORD parameter1, DWORD parameter2)
+{
+    Port<HMIDIIN>* const port = firstClient<HMIDIIN>(input);
+    return port && port->raw(message, parameter1, parameter2);
+}
+
+bool isStarted(int input)
+{
+    bool started = false;
+    forEachClient(scriptedDevice<HMIDIIN>(input),
+                  [&](Port<HMIDIIN>& port) { started = started || port.isStarted(); });
+    return started;
+}
+
+std::size_t queuedBuffers(int input)
+{
+    std::size_t least = SIZE_MAX;
+    forEachClient(scriptedDevice<HMIDIIN>(input),
+                  [&](Port<HMIDIIN>& port) { least = std::min(least, port.queued()); });
+    return least == SIZE_MAX ? 0 : least;
+}
+
+// ---- Output -------------------------------------------------------------------------------------
+
 void setCompletion(int output, Completion completion)
 {
-    scriptedDevice<HMIDIOUT>(output).completion.store(completion, std::memory_order_relaxed);
+    Device<HMIDIOUT>& device = scriptedDevice<HMIDIOUT>(output);
+    const std::lock_guard<std::mutex> guard(device.opening);
+    device.settings.completion = completion;
+    forEachClient(device, [&](Port<HMIDIOUT>& port) { port.setCompletion(completion); });
+}
+
+std::vector<Sent> sent(int output)
+{
+    Device<HMIDIOUT>& device = scriptedDevice<HMIDIOUT>(output);
+    const std::lock_guard<std::mutex> guard(device.sentLock);
+    return device.sentMessages;
+}
+
+void clearSent(int output)
+{
+    Device<HMIDIOUT>& device = scriptedDevice<HMIDIOUT>(output);
+    const std::lock_guard<std::mutex> guard(device.sentLock);
+    device.sentMessages.clear();
+}
+
+std::size_t pendingOutputs(int output)
+{
+    std::size_t count = 0;
+    forEachClient(scriptedDevice<HMIDIOUT>(output),
+                  [&](Port<HMIDIOUT>& port) { count += port.queued(); });
+    return count;
+}
+
+MIDIHDR* completeOutput(int output)
+{
+    MIDIHDR* header = nullptr;
+    forEachClient(scriptedDevice<HMIDIOUT>(output),
+                  [&](Port<HMIDIOUT>& port) { header = header ? header : port.completeNext(); });
+    return header;
+}
+
+bool rawOutput(int output, UINT message, DWORD parameter1, DWORD parameter2)
+{
+    Port<HMIDIOUT>* const port = firstClient<HMIDIOUT>(output);
+    return port && port->raw(message, parameter1, parameter2);
+}
+
+void connect(int output, int input)
+{
+    scriptedDevice<HMIDIIN>(input);
+    scriptedDevice<HMIDIOUT>(output).connectedInput.store(input, std::memory_order_release);
 }
 
 } // namespace sim
-
-using namespace sim::internal;
-
-UINT midiInGetNumDevs(void)
-{
-    Entry entry(Function::midiInGetNumDevs);
-    return entry.fails() ? entry.fail<UINT>() : entry.returns(inputDirection.deviceCount.load());
-}
-
-UINT midiOutGetNumDevs(void)
-{
-    Entry entry(Function::midiOutGetNumDevs);
-    return entry.fails() ? entry.fail<UINT>() : entry.returns(outputDirection.deviceCount.load());
-}
-
-MMRESULT midiInGetDevCapsW(UINT_PTR device, LPMIDIINCAPSW caps, UINT size)
-{
-    return served(Entry(Function::midiInGetDevCapsW, nullptr, nullptr, device, size),
-                  [&] { return capabilities<HMIDIIN>(device, caps, size); });
-}
-
-MMRESULT midiOutGetDevCapsW(UINT_PTR device, LPMIDIOUTCAPSW caps, UINT size)
-{
-    return served(Entry(Function::midiOutGetDevCapsW, nullptr, nullptr, device, size),
-                  [&] { return capabilities<HMIDIOUT>(device, caps, size); });
-}

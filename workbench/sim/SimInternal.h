@@ -114,24 +114,6 @@ void setLastError(DWORD error);
 // timeGetTime without the log.
 DWORD now();
 
-// dwFlags is shared between the driver's threads and whoever polls it. Its offset of 24 in the
-// packed header keeps it aligned.
-inline DWORD* flagsAddress(const MIDIHDR& header)
-{
-    const char* const bytes = reinterpret_cast<const char*>(&header);
-    return reinterpret_cast<DWORD*>(const_cast<char*>(bytes + offsetof(MIDIHDR, dwFlags)));
-}
-
-inline DWORD flagsOf(const MIDIHDR& header)
-{
-    return __atomic_load_n(flagsAddress(header), __ATOMIC_ACQUIRE);
-}
-
-inline void setFlags(MIDIHDR& header, DWORD flags)
-{
-    __atomic_store_n(flagsAddress(header), flags, __ATOMIC_RELEASE);
-}
-
 // The position of an address in its memory block, in units of `size`; -1 if no block holds it.
 int positionInBlock(std::uint64_t address, std::size_t size);
 

@@ -1,11 +1,35 @@
-// WinMM's promises about handles, headers and callbacks.
+// WinMM's functions, in front of the devices.
 #include "SimMidi.h"
+
+#include <algorithm>
+#include <cstring>
 
 namespace sim::internal {
 
 namespace {
 
-// ---- Open and close -----------------------------------------------------------------------------
+// A callback's parameters are 32 bits wide in the product.
+template <typename Handle>
+device::Port::Callback callbackTo(Handle handle, DWORD_PTR callback, DWORD_PTR instance)
+{
+    if (!callback)
+        return nullptr;
+    using Procedure = void(CALLBACK*)(Handle, UINT, DWORD_PTR, DWORD, DWORD);
+    return [=, procedure = reinterpret_cast<Procedure>(callback)](
+               UINT message, DWORD_PTR parameter1, DWORD parameter2) {
+        procedure(handle, message, instance, static_cast<DWORD>(parameter1), parameter2);
+    };
+}
+
+Port<HMIDIIN>* newPort(Device<HMIDIIN>& device, device::Port::Callback callback)
+{
+    return new Port<HMIDIIN>(device, std::move(callback));
+}
+
+Port<HMIDIOUT>* newPort(Device<HMIDIOUT>& device, device::Port::Callback callback)
+{
+    return new Port<HMIDIOUT>(device, std::make_unique<Lead>(device), std::move(callback));
+}
 
 template <typename Handle>
 MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR instance, DWORD flags)
@@ -20,10 +44,9 @@ MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR inst
     Device<Handle>* const device = findDevice<Handle>(index);
     if (!device)
         return MMSYSERR_BADDEVICEID;
-    if (device->options.openResult != MMSYSERR_NOERROR)
-        return device->options.openResult;
+    if (device->settings.openResult != MMSYSERR_NOERROR)
+        return device->settings.openResult;
 
-    auto& direction = directionOf(Handle{});
     Port<Handle>* port = nullptr;
     {
         const std::lock_guard<std::mutex> guard(device->opening);
@@ -31,160 +54,67 @@ MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR inst
         const auto place = std::find(device->clients.begin(), end, nullptr);
         if (place == end)
             return MMSYSERR_ALLOCATED;
+        auto& direction = directionOf<Handle>;
         const std::size_t number = direction.portCount.fetch_add(1);
         if (number >= kMaximumPorts)
             stopWith("out of ports; reset() makes them anew");
-        port = new Port<Handle>(*device, type == CALLBACK_FUNCTION ? callback : 0, instance);
-        port->handle = reinterpret_cast<Handle>(Messages<Handle>::firstHandle + number * 4);
+        *handle = reinterpret_cast<Handle>(Kind<Handle>::firstHandle + number * 4);
+        port = newPort(*device,
+                       callbackTo(*handle, type == CALLBACK_FUNCTION ? callback : 0, instance));
         direction.ports[number].store(port, std::memory_order_release);
+        direction.openPorts.fetch_add(1, std::memory_order_relaxed);
         place->store(port, std::memory_order_release);
     }
-    direction.openPorts.fetch_add(1, std::memory_order_relaxed);
-    *handle = port->handle;
-    const CallbackInProgress inProgress(port->callbacksInProgress, CallbackInProgress::kUnordered);
-    port->call(Messages<Handle>::open, 0, 0);
+    port->begin();
     return MMSYSERR_NOERROR;
 }
 
+// The open port of a handle, or null.
 template <typename Handle>
-MMRESULT closePort(Handle handle)
+Port<Handle>* findPort(Handle handle)
 {
-    Port<Handle>* const port = findPort(handle);
-    if (!port)
-        return MMSYSERR_INVALHANDLE;
-    {
-        const std::lock_guard<std::mutex> guard(port->lock);
-        if (!port->queue.empty())
-            return MIDIERR_STILLPLAYING;
-        if (!port->isOpen.exchange(false))
-            return MMSYSERR_INVALHANDLE;
-        port->isStarted.store(false);
-        port->queue.shrink_to_fit();
-    }
-    {
-        const std::lock_guard<std::mutex> guard(port->device.opening);
-        std::replace(port->device.clients.begin(), port->device.clients.end(), port,
-                     static_cast<Port<Handle>*>(nullptr));
-    }
-    directionOf(handle).openPorts.fetch_sub(1, std::memory_order_relaxed);
-    if (port->device.kind.load(std::memory_order_relaxed) == DriverKind::WaitsInClose)
-        CallbackInProgress::waitForOthers(port->callbacksInProgress);
-    const CallbackInProgress inProgress(port->callbacksInProgress, CallbackInProgress::kUnordered);
-    port->call(Messages<Handle>::close, 0, 0);
-    return MMSYSERR_NOERROR;
+    const std::uintptr_t value = reinterpret_cast<std::uintptr_t>(handle);
+    const std::uintptr_t first = Kind<Handle>::firstHandle;
+    if (value < first || (value - first) % 4 != 0 || (value - first) / 4 >= kMaximumPorts)
+        return nullptr;
+    Port<Handle>* const port =
+        directionOf<Handle>.ports[(value - first) / 4].load(std::memory_order_acquire);
+    return port && port->isOpen() ? port : nullptr;
 }
 
-// ---- Headers ------------------------------------------------------------------------------------
-
-template <typename Handle>
-MMRESULT prepare(Handle handle, MIDIHDR* header, UINT size)
+// Logs the call, then serves it unless it is to fail.
+template <typename Serve>
+MMRESULT served(Entry&& entry, Serve serve)
 {
-    if (!header || size < sizeof(MIDIHDR))
+    return entry.returns(entry.fails() ? MMRESULT{entry.failure()} : serve());
+}
+
+// The same for a call to an open port.
+template <typename Handle, typename Serve>
+MMRESULT servedBy(Entry&& entry, Handle handle, Serve serve)
+{
+    return served(std::move(entry), [&]() -> MMRESULT {
+        Port<Handle>* const port = findPort(handle);
+        return port ? serve(*port) : MMRESULT{MMSYSERR_INVALHANDLE};
+    });
+}
+
+template <typename Handle, typename Capabilities>
+MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
+{
+    if (!target)
         return MMSYSERR_INVALPARAM;
-    if (!findPort(handle))
-        return MMSYSERR_INVALHANDLE;
-    if (!header->lpData || header->dwBufferLength == 0)
-        return MMSYSERR_INVALPARAM;
-    if (flagsOf(*header) & MHDR_INQUEUE)
-        return MIDIERR_STILLPLAYING;
-    setFlags(*header, (flagsOf(*header) | MHDR_PREPARED) & ~MHDR_DONE);
-    return MMSYSERR_NOERROR;
-}
-
-template <typename Handle>
-MMRESULT unprepare(Handle handle, MIDIHDR* header, UINT size)
-{
-    if (!header || size < sizeof(MIDIHDR))
-        return MMSYSERR_INVALPARAM;
-    if (!findPort(handle))
-        return MMSYSERR_INVALHANDLE;
-    const DWORD flags = flagsOf(*header);
-    if (flags & MHDR_INQUEUE)
-        return MIDIERR_STILLPLAYING;
-    setFlags(*header, flags & ~MHDR_PREPARED);
-    return MMSYSERR_NOERROR;
-}
-
-// Puts a prepared header into the port's queue. The port's lock hands its contents to the driver.
-template <typename Handle>
-MMRESULT enqueue(Handle handle, MIDIHDR* header, UINT size)
-{
-    if (!header || size < sizeof(MIDIHDR))
-        return MMSYSERR_INVALPARAM;
-    Port<Handle>* const port = findPort(handle);
-    if (!port)
-        return MMSYSERR_INVALHANDLE;
-    const std::lock_guard<std::mutex> guard(port->lock);
-    if (!port->isOpen.load())
-        return MMSYSERR_INVALHANDLE;
-    const DWORD flags = flagsOf(*header);
-    if (flags & MHDR_INQUEUE)
-        return MIDIERR_STILLPLAYING;
-    if ((flags & MHDR_PREPARED) == 0)
-        return MIDIERR_UNPREPARED;
-    if (!header->lpData || header->dwBufferLength == 0)
-        return MMSYSERR_INVALPARAM;
-    if constexpr (std::is_same_v<Handle, HMIDIIN>)
-        header->dwBytesRecorded = 0;
-    setFlags(*header, (flags & ~MHDR_DONE) | MHDR_INQUEUE);
-    port->queue.push_back(header);
-    return MMSYSERR_NOERROR;
-}
-
-// Stops the port and hands every queued header back, in order.
-template <typename Handle>
-MMRESULT resetPort(Handle handle)
-{
-    Port<Handle>* const port = findPort(handle);
-    if (!port)
-        return MMSYSERR_INVALHANDLE;
-    port->isStarted.store(false);
-    if (port->device.kind.load(std::memory_order_relaxed) == DriverKind::WaitsInReset)
-        CallbackInProgress::waitForOthers(port->callbacksInProgress);
-    std::deque<MIDIHDR*> returned;
-    {
-        const std::lock_guard<std::mutex> guard(port->lock);
-        returned.swap(port->queue);
-        for (MIDIHDR* header : returned) {
-            if constexpr (std::is_same_v<Handle, HMIDIIN>)
-                header->dwBytesRecorded = 0;
-            finish(*header);
-        }
-    }
-    const CallbackInProgress inProgress(port->callbacksInProgress, CallbackInProgress::kUnordered);
-    for (const MIDIHDR* header : returned)
-        port->call(Messages<Handle>::longDone, low32(header), port->stamp());
-    return MMSYSERR_NOERROR;
-}
-
-// ---- Sending ------------------------------------------------------------------------------------
-
-MMRESULT sendLong(HMIDIOUT handle, MIDIHDR* header, UINT size)
-{
-    Port<HMIDIOUT>* const port = findPort(handle);
-    // Until it is queued the header is the caller's, so its bytes are noted before.
-    const bool acceptable = port && header && size >= sizeof(MIDIHDR) && header->lpData &&
-                            (flagsOf(*header) & (MHDR_INQUEUE | MHDR_PREPARED)) == MHDR_PREPARED;
-    if (acceptable)
-        noteSent(port->device, false, header->lpData, header->dwBufferLength, header);
-    const MMRESULT result = enqueue(handle, header, size);
-    if (result == MMSYSERR_NOERROR)
-        finishAsOrdered(*port);
-    return result;
-}
-
-MMRESULT sendShort(HMIDIOUT handle, DWORD message)
-{
-    Port<HMIDIOUT>* const port = findPort(handle);
-    if (!port)
-        return MMSYSERR_INVALHANDLE;
-    unsigned char bytes[4];
-    for (unsigned i = 0; i < 4; ++i)
-        bytes[i] = static_cast<unsigned char>(message >> (8 * i));
-    noteSent(port->device, true, bytes, sizeof bytes, nullptr);
-    const int input = port->device.connectedInput.load(std::memory_order_acquire);
-    if (input >= 0)
-        shortMessage(input, message);
+    const Device<Handle>* const device = findDevice<Handle>(index);
+    if (!device)
+        return MMSYSERR_BADDEVICEID;
+    if (device->settings.capsResult != MMSYSERR_NOERROR)
+        return device->settings.capsResult;
+    if (!device->options.fillsCaps)
+        return MMSYSERR_NOERROR;
+    Capabilities found{};
+    found.vDriverVersion = 0x0100;
+    std::copy(device->name.begin(), device->name.end(), found.szPname);
+    std::memcpy(target, &found, std::min<std::size_t>(size, sizeof found));
     return MMSYSERR_NOERROR;
 }
 
@@ -192,9 +122,33 @@ MMRESULT sendShort(HMIDIOUT handle, DWORD message)
 
 } // namespace sim::internal
 
-// ---- WinMM --------------------------------------------------------------------------------------
-
 using namespace sim::internal;
+
+UINT midiInGetNumDevs(void)
+{
+    Entry entry(Function::midiInGetNumDevs);
+    return entry.fails() ? entry.fail<UINT>()
+                         : entry.returns(directionOf<HMIDIIN>.deviceCount.load());
+}
+
+UINT midiOutGetNumDevs(void)
+{
+    Entry entry(Function::midiOutGetNumDevs);
+    return entry.fails() ? entry.fail<UINT>()
+                         : entry.returns(directionOf<HMIDIOUT>.deviceCount.load());
+}
+
+MMRESULT midiInGetDevCapsW(UINT_PTR device, LPMIDIINCAPSW caps, UINT size)
+{
+    return served(Entry(Function::midiInGetDevCapsW, nullptr, nullptr, device, size),
+                  [&] { return capabilities<HMIDIIN>(device, caps, size); });
+}
+
+MMRESULT midiOutGetDevCapsW(UINT_PTR device, LPMIDIOUTCAPSW caps, UINT size)
+{
+    return served(Entry(Function::midiOutGetDevCapsW, nullptr, nullptr, device, size),
+                  [&] { return capabilities<HMIDIOUT>(device, caps, size); });
+}
 
 MMRESULT midiInOpen(LPHMIDIIN handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
                     DWORD flags)
@@ -210,87 +164,35 @@ MMRESULT midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_P
                   [&] { return openPort(handle, device, callback, instance, flags); });
 }
 
-MMRESULT midiInClose(HMIDIIN handle)
-{
-    return served(Entry(Function::midiInClose, handle), [&] { return closePort(handle); });
-}
+#define SIM_PORT_CALL(function, Handle, call)                                                      \
+    MMRESULT function(Handle handle)                                                               \
+    {                                                                                              \
+        return servedBy(Entry(Function::function, handle), handle,                                 \
+                        [](Port<Handle>& port) { return port.call; });                             \
+    }
 
-MMRESULT midiOutClose(HMIDIOUT handle)
-{
-    return served(Entry(Function::midiOutClose, handle), [&] { return closePort(handle); });
-}
+#define SIM_HEADER_CALL(function, Handle, call)                                                    \
+    MMRESULT function(Handle handle, LPMIDIHDR header, UINT size)                                  \
+    {                                                                                              \
+        return servedBy(Entry(Function::function, handle, header, size), handle,                   \
+                        [&]([[maybe_unused]] Port<Handle>& port) { return call(header, size); });  \
+    }
 
-MMRESULT midiInStart(HMIDIIN handle)
-{
-    return served(Entry(Function::midiInStart, handle), [&]() -> MMRESULT {
-        Port<HMIDIIN>* const port = findPort(handle);
-        if (!port)
-            return MMSYSERR_INVALHANDLE;
-        port->startTime.store(now(), std::memory_order_relaxed);
-        port->isStarted.store(true);
-        return MMSYSERR_NOERROR;
-    });
-}
-
-MMRESULT midiInStop(HMIDIIN handle)
-{
-    return served(Entry(Function::midiInStop, handle), [&]() -> MMRESULT {
-        Port<HMIDIIN>* const port = findPort(handle);
-        if (!port)
-            return MMSYSERR_INVALHANDLE;
-        port->isStarted.store(false);
-        return MMSYSERR_NOERROR;
-    });
-}
-
-MMRESULT midiInReset(HMIDIIN handle)
-{
-    return served(Entry(Function::midiInReset, handle), [&] { return resetPort(handle); });
-}
-
-MMRESULT midiOutReset(HMIDIOUT handle)
-{
-    return served(Entry(Function::midiOutReset, handle), [&] { return resetPort(handle); });
-}
-
-MMRESULT midiInPrepareHeader(HMIDIIN handle, LPMIDIHDR header, UINT size)
-{
-    return served(Entry(Function::midiInPrepareHeader, handle, header, size),
-                  [&] { return prepare(handle, header, size); });
-}
-
-MMRESULT midiOutPrepareHeader(HMIDIOUT handle, LPMIDIHDR header, UINT size)
-{
-    return served(Entry(Function::midiOutPrepareHeader, handle, header, size),
-                  [&] { return prepare(handle, header, size); });
-}
-
-MMRESULT midiInUnprepareHeader(HMIDIIN handle, LPMIDIHDR header, UINT size)
-{
-    return served(Entry(Function::midiInUnprepareHeader, handle, header, size),
-                  [&] { return unprepare(handle, header, size); });
-}
-
-MMRESULT midiOutUnprepareHeader(HMIDIOUT handle, LPMIDIHDR header, UINT size)
-{
-    return served(Entry(Function::midiOutUnprepareHeader, handle, header, size),
-                  [&] { return unprepare(handle, header, size); });
-}
-
-MMRESULT midiInAddBuffer(HMIDIIN handle, LPMIDIHDR header, UINT size)
-{
-    return served(Entry(Function::midiInAddBuffer, handle, header, size),
-                  [&] { return enqueue(handle, header, size); });
-}
-
-MMRESULT midiOutLongMsg(HMIDIOUT handle, LPMIDIHDR header, UINT size)
-{
-    return served(Entry(Function::midiOutLongMsg, handle, header, size),
-                  [&] { return sendLong(handle, header, size); });
-}
+SIM_PORT_CALL(midiInClose, HMIDIIN, close())
+SIM_PORT_CALL(midiInStart, HMIDIIN, start())
+SIM_PORT_CALL(midiInStop, HMIDIIN, stop())
+SIM_PORT_CALL(midiInReset, HMIDIIN, reset())
+SIM_PORT_CALL(midiOutClose, HMIDIOUT, close())
+SIM_PORT_CALL(midiOutReset, HMIDIOUT, reset())
+SIM_HEADER_CALL(midiInPrepareHeader, HMIDIIN, device::prepareHeader)
+SIM_HEADER_CALL(midiInUnprepareHeader, HMIDIIN, device::unprepareHeader)
+SIM_HEADER_CALL(midiInAddBuffer, HMIDIIN, port.addBuffer)
+SIM_HEADER_CALL(midiOutPrepareHeader, HMIDIOUT, device::prepareHeader)
+SIM_HEADER_CALL(midiOutUnprepareHeader, HMIDIOUT, device::unprepareHeader)
+SIM_HEADER_CALL(midiOutLongMsg, HMIDIOUT, port.sendLong)
 
 MMRESULT midiOutShortMsg(HMIDIOUT handle, DWORD message)
 {
-    return served(Entry(Function::midiOutShortMsg, handle, nullptr, message),
-                  [&] { return sendShort(handle, message); });
+    return servedBy(Entry(Function::midiOutShortMsg, handle, nullptr, message), handle,
+                    [&](Port<HMIDIOUT>& port) { return port.sendShort(message); });
 }

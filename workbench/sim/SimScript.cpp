@@ -2,6 +2,7 @@
 #include "SimInternal.h"
 
 #include "objbase.h"
+#include "workbench/device/Header.h"
 
 #include <algorithm>
 #include <array>
@@ -180,7 +181,7 @@ Entry::Entry(Function function, const void* handle, const MIDIHDR* header, std::
     call.arguments[0] = argument1;
     call.arguments[1] = argument2;
     if (header) {
-        call.headerFlags = flagsOf(*header);
+        call.headerFlags = device::flagsOf(*header);
         call.headerLength = header->dwBufferLength;
     }
     call.thread = currentThread();

@@ -1,0 +1,103 @@
+#include "workbench/cable/Ports.h"
+
+#include "workbench/cable/EventLog.h"
+
+namespace cable {
+
+namespace {
+
+template <class AnyPlace>
+void fill(std::vector<std::unique_ptr<AnyPlace>>& places, std::vector<PortDescription>& ports)
+{
+    for (PortDescription& port : ports) {
+        auto place = std::make_unique<AnyPlace>();
+        place->description = std::move(port);
+        place->position = static_cast<unsigned>(places.size() + 1);
+        places.push_back(std::move(place));
+    }
+}
+
+} // namespace
+
+DWORD_PTR nextPortId()
+{
+    static std::atomic<DWORD_PTR> last{0};
+    return ++last;
+}
+
+PortTable& PortTable::instance()
+{
+    // Never destroyed: the ports' threads may run until the process has ended.
+    static PortTable& table = *[] {
+        auto* const made = new PortTable;
+        Description description = readDescription();
+        for (const std::string& complaint : description.complaints)
+            complain(complaint.c_str());
+        fill(made->inputs, description.inputs);
+        fill(made->outputs, description.outputs);
+        return made;
+    }();
+    return table;
+}
+
+InputPort::InputPort(const PortDescription& description, unsigned position, Callback callback)
+    : device::InputPort(description, std::move(callback)), listener(position)
+{}
+
+OutputPort::OutputPort(const PortDescription& description, unsigned position, Callback callback)
+    : device::OutputPort(description, std::make_unique<Lead>(position, description.to),
+                         std::move(callback))
+{}
+
+// ---- The lead -----------------------------------------------------------------------------------
+
+Lead::Lead(unsigned outputPosition, unsigned inputPosition)
+    : position(outputPosition), to(inputPosition), remote(inputPosition)
+{}
+
+void Lead::noteShort(DWORD word)
+{
+    logEvent("out", position, "short %06X", static_cast<unsigned>(word & 0xFFFFFF));
+}
+
+void Lead::noteLong(const MIDIHDR& header)
+{
+    logEvent("out", position, "long %lu", header.dwBufferLength);
+}
+
+bool Lead::connect()
+{
+    remote.allow();
+    const auto& inputs = PortTable::instance().inputs;
+    if (to > 0 && to <= inputs.size())
+        local = inputs[to - 1]->current();
+    return local ? local->takesAtOnce() : to == 0;
+}
+
+void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
+{
+    if (!local && to != 0) {
+        remote.take(piece);
+        return;
+    }
+    if (local)
+        local->take(source, piece, pause);
+    (local ? delivered : dropped).count(piece);
+}
+
+void Lead::disconnect(device::Counters& counters)
+{
+    local.reset();
+    for (Delivery* taken : {&delivered, &remote.sent}) {
+        counters.deliveredShort += taken->shortMessages;
+        counters.deliveredBytes += taken->bytes;
+        *taken = {};
+    }
+    for (Delivery* lost : {&dropped, &remote.lost}) {
+        counters.droppedShort += lost->shortMessages;
+        counters.droppedBytes += lost->bytes;
+        *lost = {};
+    }
+}
+
+} // namespace cable

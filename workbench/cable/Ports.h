@@ -1,0 +1,100 @@
+// The cable's ports: the model of a driver's port, with what leads from one process to another.
+#pragma once
+
+#include "workbench/cable/Description.h"
+#include "workbench/cable/Listener.h"
+#include "workbench/cable/RemoteInput.h"
+#include "workbench/device/OutputPort.h"
+
+#include <atomic>
+#include <memory>
+
+namespace cable {
+
+// Never 0, never the same twice in a process: a call through a stale handle is recognised.
+DWORD_PTR nextPortId();
+
+// What an output feeds: an input of this process, else one of another, else nothing.
+class Lead : public device::Wire
+{
+public:
+    Lead(unsigned outputPosition, unsigned inputPosition);
+
+    void noteShort(DWORD word) override;
+    void noteLong(const MIDIHDR& header) override;
+    bool connect() override;
+    void take(const MIDIPiece& piece, const device::Pause& pause) override;
+    void disconnect(device::Counters& counters) override;
+    void flush() override { remote.flush(); }
+    void cancel() override { remote.cancel(); }
+
+private:
+    const unsigned position;
+    const unsigned to;
+    const device::SourceId source = device::nextSourceId();
+    std::shared_ptr<device::InputPort> local; // the input, if this process has it open
+    RemoteInput remote;                       // otherwise
+    Delivery delivered, dropped;              // not yet in the counters
+};
+
+// Other processes reach the input while it is open.
+class InputPort : public device::InputPort
+{
+public:
+    InputPort(const PortDescription& description, unsigned position, Callback callback);
+    void released() override { listener.stop(); }
+
+    const DWORD_PTR id = nextPortId();
+    Listener listener;
+};
+
+class OutputPort : public device::OutputPort
+{
+public:
+    OutputPort(const PortDescription& description, unsigned position, Callback callback);
+
+    const DWORD_PTR id = nextPortId();
+};
+
+// The place of one port. The counts number the calls for the description's faults, from the
+// process' beginning.
+template <class OpenPort>
+struct Place
+{
+    PortDescription description;
+    unsigned position; // from 1
+
+    std::mutex mutex;
+    std::shared_ptr<OpenPort> open; // guarded by `mutex`; null if closed
+
+    std::atomic<DWORD> prepares{0};
+    std::atomic<DWORD> addBuffers{0};
+    std::atomic<DWORD> longs{0};
+
+    std::shared_ptr<OpenPort> current()
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return open;
+    }
+
+    // The port that the client's handle stands for; null if that has been closed.
+    std::shared_ptr<OpenPort> current(DWORD_PTR id)
+    {
+        std::shared_ptr<OpenPort> port = current();
+        return port && port->id == id ? port : nullptr;
+    }
+};
+
+using InputPlace = Place<InputPort>;
+using OutputPlace = Place<OutputPort>;
+
+// The ports that the description lists. Read when first asked for; live as long as the process.
+struct PortTable
+{
+    static PortTable& instance();
+
+    std::vector<std::unique_ptr<InputPlace>> inputs;
+    std::vector<std::unique_ptr<OutputPlace>> outputs;
+};
+
+} // namespace cable

@@ -1,0 +1,87 @@
+// An open output: sends what the client gives it down the wire, at the wire's pace, and finishes
+// its headers.
+#pragma once
+
+#include "workbench/device/InputPort.h"
+
+namespace device {
+
+// What an output's messages go into; each host has its own. Calls of connect() to disconnect() come
+// from one thread at a time if the port has a thread of its own.
+class Wire
+{
+public:
+    virtual ~Wire() = default;
+
+    // The client's sends, as they are accepted. With the port's lock held.
+    virtual void noteShort(DWORD) {}
+    virtual void noteLong(const MIDIHDR&) {}
+
+    // Looks who is at the far end. True if that takes everything at once.
+    virtual bool connect() { return true; }
+    virtual void take(const MIDIPiece& piece, const Pause& pause) = 0;
+    // Adds to `tally` what has been delivered and dropped since the last time.
+    virtual void disconnect(Counters&) {}
+    // What was taken must not wait any longer. Returns when it is delivered or lost.
+    virtual void flush() {}
+    // Ends a flush that is under way, and further ones until the next connect(). From any thread.
+    virtual void cancel() {}
+};
+
+class OutputPort : public Port
+{
+public:
+    OutputPort(const Settings& settings, std::unique_ptr<Wire> wire, Callback callback);
+    ~OutputPort() override;
+
+    // The client's calls. With a thread of the port's own neither waits for the wire.
+    MMRESULT sendShort(DWORD word);
+    MMRESULT sendLong(MIDIHDR* header, DWORD_PTR size);
+    // Completes every long message; short messages that wait for their turn still go out.
+    MMRESULT reset();
+
+    void setCompletion(Completion to) { completion.store(to, std::memory_order_relaxed); }
+    // Plays the oldest message that waits. Returns its header, null if there is none or a reset
+    // finishes it meanwhile.
+    MIDIHDR* completeNext();
+
+private:
+    // Something that waits for its turn on the wire, or plays.
+    struct Item
+    {
+        std::uint64_t number;
+        MIDIHDR* header; // null for a short message
+        DWORD word;
+        std::vector<unsigned char>
+            bytes; // a copy: the header may be the client's before all is sent
+        std::int64_t queuedAt;
+        bool plays = false;
+    };
+
+    DWORD work(Lock& held) override;
+    DWORD queuedHeaders() const override;
+    void endWork() override;
+    void discardWork() override;
+
+    // With the lock held.
+    bool passesAtOnce();
+    void queue(Lock& held, MIDIHDR* header, DWORD word);
+    MIDIHDR* play(Lock& held, std::uint64_t number, bool keepLock);
+    void transmit(Lock& held, const Item& item, bool keepLock);
+    void carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::uint64_t number,
+               bool keepLock);
+    bool waitForWire(Lock& held, std::uint64_t number, std::int64_t due);
+    std::deque<Item>::iterator find(std::uint64_t number);
+    void stopPlaying();
+
+    const std::unique_ptr<Wire> wire;
+    std::atomic<Completion> completion;
+    std::deque<Item> items;
+    std::uint64_t lastNumber = 0;
+    bool sending = false; // the thread has the wire
+    Condition cancelled;  // an item that plays has been taken away
+    MIDIByteStream stream;
+    std::int64_t wireFreeAt = 0;
+};
+
+} // namespace device
