@@ -6,6 +6,8 @@
 
 #include <memory>
 
+LUMORA_LIST_DELETES_NO(TMIDIReaderRefConInterface)
+
 /// The observers of a transport and the SysEx message that is being reassembled for them.
 struct TMIDIObserverBlock
 {
