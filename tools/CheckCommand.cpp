@@ -20,13 +20,10 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 static const int kShortestSysEx = 4;
 static const int kLatencySamples = 100;
 
-// Added to what the wire needs, for the system's own delays.
-static const qint64 kSlackMs = 2000;
-
-// A lead's other end may take in a whole message before it sends it on.
-static std::chrono::milliseconds replyTime(int bytes)
+// Qt 6 counts in 64 bits.
+static int lengthOf(const QByteArray& bytes)
 {
-    return std::chrono::milliseconds(2 * sendMs(bytes) + kSlackMs);
+    return static_cast<int>(bytes.size());
 }
 
 // F0 7D, then bytes that differ from round to round and from chunk to chunk, then F7.
@@ -47,16 +44,17 @@ static QByteArray testMessage(int bytes, int round)
 static QString chunkText(int bytes)
 {
     const QVector<int> chunks = chunksOf(bytes);
-    if (chunks.size() == 1)
+    const int count = static_cast<int>(chunks.size());
+    if (count == 1)
         return QStringLiteral("1 chunk");
-    QString text = QStringLiteral("%1 chunks (").arg(chunks.size());
+    QString text = QStringLiteral("%1 chunks (").arg(count);
     const int shown = 4;
-    for (int i = 0; i < chunks.size(); ++i) {
-        if (chunks.size() > shown && i == shown - 2) {
+    for (int i = 0; i < count; ++i) {
+        if (count > shown && i == shown - 2) {
             text += QStringLiteral("… + ");
-            i = chunks.size() - 1;
+            i = count - 1;
         }
-        text += grouped(chunks.at(i)) + (i + 1 < chunks.size() ? QStringLiteral(" + ") : QString());
+        text += grouped(chunks.at(i)) + (i + 1 < count ? QStringLiteral(" + ") : QString());
     }
     return text + QStringLiteral("), pauses of at least %1 ms").arg(kPauseMs);
 }
@@ -69,7 +67,7 @@ static QString throughputText(qint64 bytes, double milliseconds)
 
 static QString differenceText(const QByteArray& sent, const QByteArray& received)
 {
-    const int common = std::min(sent.size(), received.size());
+    const int common = std::min(lengthOf(sent), lengthOf(received));
     int offset = 0;
     while (offset < common && sent.at(offset) == received.at(offset))
         ++offset;
@@ -98,7 +96,7 @@ public:
         send(message);
         sendingTime = steady_clock::now() - start;
 
-        const auto deadline = start + replyTime(message.size());
+        const auto deadline = start + std::chrono::milliseconds(replyMs(lengthOf(message)));
         ReceivedMessage reply;
         do {
             if (!receiver.next(&reply, deadline)) {
@@ -127,14 +125,14 @@ private:
         if (interrupted())
             throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
         answerInterruption("Ending after this message; Ctrl-C again cuts it short.");
-        const bool ok = transport.outputData(message.size(), message.constData());
+        const bool ok = transport.outputData(lengthOf(message), message.constData());
         answerInterruption(nullptr);
         if (!ok)
             throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the data.")};
         if (interrupted()) {
             // The library does not wait for the last chunk.
             std::this_thread::sleep_for(
-                std::chrono::milliseconds(wireMs(chunksOf(message.size()).last()) + kDriverMs));
+                std::chrono::milliseconds(wireMs(chunksOf(lengthOf(message)).last()) + kDriverMs));
             throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
         }
     }
@@ -204,8 +202,13 @@ void checkCommand(const QStringList& arguments)
         QStringLiteral(
             "Sends SysEx and short messages out of an output and compares what comes back at "
             "an input that a cable connects to it."));
-    line.addPort(QStringLiteral("IN"), false);
+    line.addExample(QStringLiteral("1 1"),
+                    QStringLiteral("10,000 bytes of SysEx and 100 short messages, there and "
+                                   "back."));
+    line.addExample(QStringLiteral("1 1 --bytes 60000 --times 10"),
+                    QStringLiteral("more of it, for a cable that fails now and then."));
     line.addPort(QStringLiteral("OUT"), true);
+    line.addPort(QStringLiteral("IN"), false);
     line.addOption(QStringLiteral("bytes"),
                    QStringLiteral("Length of the SysEx message (default 10000)."),
                    QStringLiteral("N"), QStringLiteral("10000"));
@@ -221,8 +224,8 @@ void checkCommand(const QStringList& arguments)
     const auto start = steady_clock::now();
     Receiver receiver;
     Session session(line.store());
-    const Port input = session.openInput(line.arguments().at(0), receiver);
-    const Port output = session.openOutput(line.arguments().at(1));
+    const Port output = session.openOutput(line.arguments().at(0));
+    const Port input = session.openInput(line.arguments().at(1), receiver);
     print(QStringLiteral("From %1 to %2\n").arg(describe(output, true), describe(input, false)));
 
     Loop loop(session.transport(), receiver);

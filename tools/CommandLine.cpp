@@ -3,49 +3,58 @@
 #include "tools/Console.h"
 #include "tools/Failure.h"
 #include "tools/Ports.h"
+#include "tools/Text.h"
+
+#include <algorithm>
 
 static const char kProgram[] = "lumora-midi";
 
 CommandLine::CommandLine(const QString& name, const QString& description)
-    : name(name), usage(QStringLiteral("[options]"))
+    : name(name), description(description), usage(QStringLiteral("[options]"))
+{}
+
+void CommandLine::addExample(const QString& arguments, const QString& effect)
 {
-    parser.setApplicationDescription(description);
-    parser.addOption(
-        {{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Shows this text.")});
-    addOption(
-        QStringLiteral("organization"),
-        QStringLiteral("Organization whose settings store keeps the identifiers (default Lumora)."),
-        QStringLiteral("name"), QStringLiteral("Lumora"));
-    addOption(QStringLiteral("application"),
-              QStringLiteral(
-                  "Application whose settings store keeps the identifiers (default Transport)."),
-              QStringLiteral("name"), QStringLiteral("Transport"));
+    const QString command = name.isEmpty() ? name : name + QLatin1Char(' ');
+    exampleHelp.append(
+        {QStringLiteral("%1 %2%3").arg(QLatin1String(kProgram), command, arguments), effect});
 }
 
-void CommandLine::addArgument(const QString& argument, const QString& description,
-                              const QString& syntax)
+void CommandLine::addArgument(const QString& argument, const QString& text, const QString& syntax)
 {
-    parser.addPositionalArgument(argument, description, syntax);
+    argumentHelp.append({argument, text});
     usage += QLatin1Char(' ') + syntax;
+}
+
+void CommandLine::addCommand(const QString& command, const QString& effect)
+{
+    commandHelp.append({command, effect});
+}
+
+void CommandLine::addNote(const QString& text)
+{
+    notes.append(text);
 }
 
 void CommandLine::addPort(const QString& argument, bool output)
 {
-    addArgument(
-        argument,
-        QStringLiteral("The %1: its number, name or identifier.").arg(directionName(output)),
-        argument);
+    addArgument(argument,
+                QStringLiteral("The %1: number, name, part of a name, or identifier.")
+                    .arg(directionName(output)),
+                argument);
 }
 
-void CommandLine::addOption(const QString& option, const QString& description)
+void CommandLine::addOption(const QString& option, const QString& text)
 {
-    parser.addOption({option, description});
+    optionHelp.append({QLatin1String("--") + option, text});
+    parser.addOption({option, text});
 }
 
-void CommandLine::addOption(const QString& option, const QString& description,
-                            const QString& valueName, const QString& defaultValue)
+void CommandLine::addOption(const QString& option, const QString& text, const QString& valueName,
+                            const QString& defaultValue)
 {
-    parser.addOption({option, description, valueName, defaultValue});
+    optionHelp.append({QStringLiteral("--%1 %2").arg(option, valueName), text});
+    parser.addOption({option, text, valueName, defaultValue});
 }
 
 void CommandLine::stopAtFirstArgument()
@@ -63,10 +72,20 @@ void CommandLine::stopAtFirstArgument()
 
 bool CommandLine::parse(const QStringList& arguments)
 {
-    // The parser leaves out the first of them, the program's name.
+    // Last of all, where the help has them: few users ever need the store's.
+    parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QString()});
+    optionHelp.append({QStringLiteral("-h, --help"), QStringLiteral("Shows this text.")});
+    addOption(QStringLiteral("organization"),
+              QStringLiteral("Organization whose settings store keeps the identifiers of ports "
+                             "(default Lumora)."),
+              QStringLiteral("NAME"), QStringLiteral("Lumora"));
+    addOption(QStringLiteral("application"),
+              QStringLiteral("Application whose settings store keeps them (default Transport)."),
+              QStringLiteral("NAME"), QStringLiteral("Transport"));
+    // The parser leaves out the first of the arguments, the program's name.
     const bool ok = parser.parse(QStringList(QLatin1String(kProgram)) + arguments);
     if (ok && parser.isSet(QStringLiteral("help"))) {
-        print(helpText());
+        print(helpText(outputWidth()));
         return false;
     }
     if (!ok)
@@ -115,11 +134,48 @@ Store CommandLine::store() const
     return {value("organization"), value("application")};
 }
 
-QString CommandLine::helpText() const
+// Terms in one column, what they mean in the next.
+template <typename Lines>
+static QString table(const char* title, const Lines& lines, int width)
 {
-    // The parser's own first line has the path of the program and not the command.
-    const QString text = parser.helpText();
+    if (lines.isEmpty())
+        return QString();
+    const int frame = 2;  // blanks ahead of each column
+    const int least = 20; // columns for a text, however narrow the terminal is
+    int widest = 0;
+    for (const auto& line : lines)
+        widest = std::max(widest, static_cast<int>(line.term.size()));
+    const int indent = frame + widest + frame;
+    QString text = QStringLiteral("\n%1:\n").arg(QLatin1String(title));
+    for (const auto& line : lines) {
+        const QString wrappedText =
+            wrapped(line.description, std::max(width - indent, least), 0)
+                .replace(QLatin1Char('\n'), QLatin1Char('\n') + QString(indent, QLatin1Char(' ')));
+        text += QStringLiteral("  %1  %2\n").arg(line.term.leftJustified(widest), wrappedText);
+    }
+    return text;
+}
+
+// Commands to copy, each with its effect below it.
+template <typename Lines>
+static QString exampleText(const Lines& examples, int width)
+{
+    QString text = examples.isEmpty() ? QString() : QStringLiteral("\nExamples:\n");
+    for (const auto& example : examples)
+        text += QStringLiteral("  %1\n      %2\n")
+                    .arg(example.term, wrapped(example.description, width - 6, 6));
+    return text;
+}
+
+QString CommandLine::helpText(int width) const
+{
     const QString command = name.isEmpty() ? name : QLatin1Char(' ') + name;
-    return QStringLiteral("Usage: %1%2 %3").arg(QLatin1String(kProgram), command, usage) +
-           text.mid(text.indexOf(QLatin1Char('\n')));
+    QString text = QStringLiteral("Usage: %1%2 %3\n").arg(QLatin1String(kProgram), command, usage);
+    text += exampleText(exampleHelp, width);
+    text += QLatin1Char('\n') + wrapped(description, width, 0) + QLatin1Char('\n');
+    text += table("Commands", commandHelp, width) + table("Arguments", argumentHelp, width) +
+            table("Options", optionHelp, width);
+    for (const QString& note : notes)
+        text += QLatin1Char('\n') + wrapped(note, width, 0) + QLatin1Char('\n');
+    return text;
 }

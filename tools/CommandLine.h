@@ -5,6 +5,7 @@
 
 #include <QCommandLineParser>
 #include <QStringList>
+#include <QVector>
 
 /// The options and arguments of one command: declared, parsed, asked. Whatever is wrong with them
 /// is a Failure with ExitStatus::WrongUsage.
@@ -13,6 +14,9 @@ class CommandLine
 public:
     /// `name` is the command's name, empty for the program itself.
     CommandLine(const QString& name, const QString& description);
+
+    /// For the help: what follows the command's name, and what it does.
+    void addExample(const QString& arguments, const QString& effect);
 
     /// Arguments in order; the last may repeat. `syntax` stands in the usage line, "PORT" or
     /// "[BYTES…]".
@@ -27,6 +31,10 @@ public:
 
     /// What follows the first argument is not looked at: it belongs to a command.
     void stopAtFirstArgument();
+
+    /// For the help of the program itself: a command, and a paragraph at the end.
+    void addCommand(const QString& command, const QString& effect);
+    void addNote(const QString& text);
 
     /// False if only help was asked for, which is then printed.
     bool parse(const QStringList& arguments);
@@ -43,10 +51,22 @@ public:
     Store store() const;
 
 private:
-    QString helpText() const;
+    struct HelpLine
+    {
+        QString term;
+        QString description;
+    };
 
-    QString name;
+    QString helpText(int width) const;
+
+    const QString name;
+    const QString description;
     QString usage;
+    QStringList notes;
+    QVector<HelpLine> exampleHelp;
+    QVector<HelpLine> commandHelp;
+    QVector<HelpLine> argumentHelp;
+    QVector<HelpLine> optionHelp;
     QCommandLineParser parser;
     QStringList positional;
 };

@@ -9,6 +9,8 @@ void listCommand(const QStringList& arguments);
 void monitorCommand(const QStringList& arguments);
 void sendCommand(const QStringList& arguments);
 void recordCommand(const QStringList& arguments);
+void requestCommand(const QStringList& arguments);
 void checkCommand(const QStringList& arguments);
+void completionCommand(const QStringList& arguments);
 
 #endif

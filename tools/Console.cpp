@@ -10,9 +10,12 @@
 // What a console takes at once is limited, in older systems to 64 KB and less.
 static const int kConsoleUnits = 8192;
 
+// How long a program that ends waits for a thread that is writing, in milliseconds.
+static const int kLeaveMs = 50;
+
 // The main thread, the progress bar's and the system's, which tells of Ctrl-C, write.
-static std::mutex errorMutex;   // guards what follows and the order of what is written
-static bool barIsShown = false; // the cursor stands behind it
+static std::mutex terminalMutex; // guards what follows and the order of what is written
+static QString lineInPlace;      // the cursor stands behind it
 
 static bool isTerminal(HANDLE stream)
 {
@@ -54,9 +57,70 @@ static bool writeTo(DWORD which, const QString& text)
     return true;
 }
 
-bool print(const QString& text)
+static WORD attributesOf(Colour colour)
 {
-    if (writeTo(STD_OUTPUT_HANDLE, text))
+    switch (colour) {
+    case Colour::Green:
+        return FOREGROUND_GREEN;
+    case Colour::Yellow:
+        return FOREGROUND_RED | FOREGROUND_GREEN;
+    case Colour::Magenta:
+        return FOREGROUND_RED | FOREGROUND_BLUE;
+    case Colour::Cyan:
+        return FOREGROUND_GREEN | FOREGROUND_BLUE;
+    case Colour::None:
+        break;
+    }
+    return FOREGROUND_RED | FOREGROUND_GREEN | FOREGROUND_BLUE;
+}
+
+// One column is left free: in the last one some consoles begin a new line.
+static int widthOf(DWORD which)
+{
+    CONSOLE_SCREEN_BUFFER_INFO info;
+    return GetConsoleScreenBufferInfo(GetStdHandle(which), &info) ? std::max(0, info.dwSize.X - 1)
+                                                                  : 80;
+}
+
+static bool writeInPlace(const QString& line)
+{
+    const int width = widthOf(STD_ERROR_HANDLE);
+    return writeTo(STD_ERROR_HANDLE, QLatin1Char('\r') + line.left(width).leftJustified(width) +
+                                         (line.isEmpty() ? QStringLiteral("\r") : QString()));
+}
+
+static bool writeColoured(const QString& text, Colour colour)
+{
+    const HANDLE terminal = GetStdHandle(STD_OUTPUT_HANDLE);
+    CONSOLE_SCREEN_BUFFER_INFO info;
+    if (colour == Colour::None || !qEnvironmentVariableIsEmpty("NO_COLOR") ||
+        !GetConsoleScreenBufferInfo(terminal, &info))
+        return writeTo(STD_OUTPUT_HANDLE, text);
+    const WORD all = FOREGROUND_RED | FOREGROUND_GREEN | FOREGROUND_BLUE;
+    SetConsoleTextAttribute(terminal,
+                            static_cast<WORD>((info.wAttributes & ~all) | attributesOf(colour)));
+    const bool written = writeTo(STD_OUTPUT_HANDLE, text);
+    SetConsoleTextAttribute(terminal, info.wAttributes);
+    return written;
+}
+
+static bool writeOutput(const QString& text, Colour colour)
+{
+    // What is no terminal may block, and shall keep nobody else from writing.
+    if (!isTerminal(GetStdHandle(STD_OUTPUT_HANDLE)))
+        return writeTo(STD_OUTPUT_HANDLE, text);
+    const std::lock_guard<std::mutex> guard(terminalMutex);
+    if (lineInPlace.isEmpty())
+        return writeColoured(text, colour);
+    writeInPlace(QString());
+    const bool written = writeColoured(text, colour);
+    writeInPlace(lineInPlace);
+    return written;
+}
+
+bool print(const QString& text, Colour colour)
+{
+    if (writeOutput(text, colour))
         return true;
     switch (const DWORD error = GetLastError()) {
     case ERROR_BROKEN_PIPE:
@@ -70,12 +134,17 @@ bool print(const QString& text)
     }
 }
 
+int outputWidth()
+{
+    return widthOf(STD_OUTPUT_HANDLE);
+}
+
 void say(const QString& line)
 {
-    const std::lock_guard<std::mutex> guard(errorMutex);
+    const std::lock_guard<std::mutex> guard(terminalMutex);
     writeTo(STD_ERROR_HANDLE,
-            (barIsShown ? QStringLiteral("\n") : QString()) + line + QLatin1Char('\n'));
-    barIsShown = false;
+            (lineInPlace.isEmpty() ? QString() : QStringLiteral("\n")) + line + QLatin1Char('\n'));
+    lineInPlace.clear();
 }
 
 bool errorIsTerminal()
@@ -83,19 +152,25 @@ bool errorIsTerminal()
     return isTerminal(GetStdHandle(STD_ERROR_HANDLE));
 }
 
-static int terminalWidth()
+int errorWidth()
 {
-    CONSOLE_SCREEN_BUFFER_INFO info;
-    return GetConsoleScreenBufferInfo(GetStdHandle(STD_ERROR_HANDLE), &info) ? info.dwSize.X : 80;
+    return widthOf(STD_ERROR_HANDLE);
 }
 
 void showInPlace(const QString& line)
 {
-    const std::lock_guard<std::mutex> guard(errorMutex);
-    // One column is left free: in the last one some consoles begin a new line.
-    const int width = std::max(0, terminalWidth() - 1);
-    const QString padded = line.left(width).leftJustified(width);
-    writeTo(STD_ERROR_HANDLE,
-            QLatin1Char('\r') + padded + (line.isEmpty() ? QStringLiteral("\r") : QString()));
-    barIsShown = !line.isEmpty();
+    const std::lock_guard<std::mutex> guard(terminalMutex);
+    writeInPlace(line);
+    lineInPlace = line;
+}
+
+void leaveTerminal()
+{
+    for (int waited = 0; !terminalMutex.try_lock(); ++waited) {
+        if (waited == kLeaveMs)
+            return;
+        Sleep(1);
+    }
+    if (!lineInPlace.isEmpty())
+        writeInPlace(QString());
 }

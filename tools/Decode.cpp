@@ -1,5 +1,6 @@
 #include "tools/Decode.h"
 
+#include "tools/Manufacturers.h"
 #include "tools/MidiBytes.h"
 #include "tools/Text.h"
 
@@ -99,31 +100,15 @@ QString controllerName(int controller)
     return QString();
 }
 
-// Identifiers that begin with 0 have two more bytes. Empty if the message has no identifier.
-static QByteArray manufacturerOf(const QByteArray& sysEx)
-{
-    QByteArray body = sysEx.mid(1, sysEx.size() - 2);
-    if (body.isEmpty())
-        return body;
-    return body.left(body.at(0) == 0 ? 3 : 1);
-}
-
+// "manufacturer 41 (Roland)"
 static QString manufacturerText(const QByteArray& sysEx)
 {
     const QByteArray id = manufacturerOf(sysEx);
     if (id.isEmpty())
         return QStringLiteral("no manufacturer");
-    QString text = QLatin1String("manufacturer ") + hex(id);
-    switch (byteAt(id, 0)) {
-    case 0x7D:
-        return text + QLatin1String(" (non-commercial)");
-    case 0x7E:
-        return text + QLatin1String(" (universal non-real time)");
-    case 0x7F:
-        return text + QLatin1String(" (universal real time)");
-    default:
-        return text;
-    }
+    const QString name = manufacturerName(id);
+    return QLatin1String("manufacturer ") + hex(id) +
+           (name.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(name));
 }
 
 static QString sysExText(const QByteArray& message)
@@ -243,10 +228,36 @@ QJsonObject toJson(const QByteArray& padded)
         addChannelMessage(&json, message);
     } else if (isSysEx(message)) {
         addValue(&json, "sysex", "length", message.size());
-        json.insert(QStringLiteral("manufacturer"), hex(manufacturerOf(message)));
+        const QByteArray id = manufacturerOf(message);
+        json.insert(QStringLiteral("manufacturer"), hex(id));
+        if (const QString name = manufacturerName(id); !name.isEmpty())
+            json.insert(QStringLiteral("manufacturer_name"), name);
     } else {
         addValue(&json, "bytes", "length", message.size());
     }
     json.insert(QStringLiteral("bytes"), hex(message));
     return json;
+}
+
+QString identityText(const QByteArray& message)
+{
+    // F0 7E, the device, 06 02, the maker of 1 or 3 bytes, and four fields.
+    const int makerAt = 5;
+    const int fields = 2 + 2 + 4;
+    if (!isWholeSysEx(message) || message.size() <= makerAt || byteAt(message, 1) != 0x7E ||
+        byteAt(message, 3) != 0x06 || byteAt(message, 4) != 0x02)
+        return QString();
+    const QByteArray maker = message.mid(makerAt, message.at(makerAt) == 0 ? 3 : 1);
+    const QByteArray rest = message.mid(makerAt + maker.size());
+    if (rest.size() != fields + 1)
+        return QString();
+    const auto number = [&](int at) { return byteAt(rest, at) | byteAt(rest, at + 1) << 7; };
+    const QString name = manufacturerName(maker);
+    const int device = byteAt(message, 2);
+    return QStringLiteral("Device %1: maker %2, family %3, model %4, version %5")
+        .arg(device == 0x7F ? QStringLiteral("7F (any)") : hex(message.mid(2, 1)),
+             hex(maker) + (name.isEmpty() ? name : QStringLiteral(" (%1)").arg(name)))
+        .arg(number(0))
+        .arg(number(2))
+        .arg(hex(rest.mid(4, 4)));
 }

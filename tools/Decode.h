@@ -18,6 +18,10 @@ QString toText(const QByteArray& padded);
 /// 64"}
 QJsonObject toJson(const QByteArray& padded);
 
+/// What an identity reply tells: "Device 10: maker 41 (Roland), family 772, model 2, version 00 01
+/// 00 00"; empty if `message` is none.
+QString identityText(const QByteArray& message);
+
 /// Middle C, note 60, is "C4".
 QString noteName(int note);
 

@@ -17,8 +17,10 @@ static BOOL WINAPI onConsoleEvent(DWORD event)
 {
     const bool again = endRequested.exchange(true);
     if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT) {
-        if (again)
+        if (again) {
+            leaveTerminal();
             ExitProcess(static_cast<UINT>(ExitStatus::Failed));
+        }
         if (const char* const notice = currentNotice)
             say(QString::fromUtf8(notice));
         return TRUE;

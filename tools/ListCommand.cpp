@@ -98,6 +98,9 @@ void listCommand(const QStringList& arguments)
         QStringLiteral(
             "Shows the MIDI inputs and outputs: number, name, identifier, and whether the "
             "identifier was known before this run."));
+    line.addExample(QString(), QStringLiteral("what is connected."));
+    line.addExample(QStringLiteral("--organization COMPANY --application EDITOR"),
+                    QStringLiteral("the identifiers that another program sees."));
     line.addOption(QStringLiteral("json"), QStringLiteral("Prints JSON."));
     if (!line.parse(arguments))
         return;

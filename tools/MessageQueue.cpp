@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-void MessageQueue::push(const void* data, int length, time_point now) noexcept
+void MessageQueue::push(const void* data, int length, time_point now, int source) noexcept
 {
     {
         const std::lock_guard<std::mutex> guard(mutex);
@@ -12,7 +12,7 @@ void MessageQueue::push(const void* data, int length, time_point now) noexcept
         bool taken = used < capacity;
         try {
             if (taken)
-                queue.push_back({QByteArray(static_cast<const char*>(data), length), now});
+                queue.push_back({QByteArray(static_cast<const char*>(data), length), now, source});
         } catch (const std::bad_alloc&) {
             taken = false;
         }

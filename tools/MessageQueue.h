@@ -14,6 +14,7 @@ struct ReceivedMessage
 {
     QByteArray bytes;
     std::chrono::steady_clock::time_point time; ///< when it arrived
+    int source;                                 ///< who sent it, as push() was told
 };
 
 /// Messages for which there was no room.
@@ -35,7 +36,7 @@ public:
     explicit MessageQueue(qint64 capacity) : capacity(capacity) {}
 
     /// Appends a copy of the message unless it comes at the end or later.
-    void push(const void* data, int length, time_point now) noexcept;
+    void push(const void* data, int length, time_point now, int source = 0) noexcept;
 
     /// What comes at `time` or later does not belong to the queue. An earlier end stays.
     void endAt(time_point time);

@@ -144,13 +144,27 @@ QVector<QByteArray> splitMessages(const QByteArray& bytes)
     return messages;
 }
 
-QVector<QByteArray> splitSysEx(const QByteArray& bytes)
+// What other programs put around the messages of a file.
+static bool isPadding(unsigned char byte)
+{
+    return byte == 0 || byte == '\r' || byte == '\n';
+}
+
+QVector<QByteArray> splitSysEx(const QByteArray& bytes, int* padding)
 {
     QVector<QByteArray> messages;
-    for (int i = 0; i < bytes.size(); i += lengthOf(messages.last())) {
-        if (byteAt(bytes, i) != kSysExStart)
-            refuse(QStringLiteral("%1 lies outside of F0 … F7,").arg(hex(byteAt(bytes, i))), i);
-        messages.append(takeSysEx(bytes, i));
+    int i = 0;
+    while (i < bytes.size()) {
+        const unsigned char byte = byteAt(bytes, i);
+        if (byte == kSysExStart) {
+            messages.append(takeSysEx(bytes, i));
+            i += lengthOf(messages.last());
+        } else if (padding && isPadding(byte)) {
+            ++*padding;
+            ++i;
+        } else {
+            refuse(QStringLiteral("%1 lies outside of F0 … F7,").arg(hex(byte)), i);
+        }
     }
     return messages;
 }

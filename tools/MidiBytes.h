@@ -19,8 +19,9 @@ QByteArray parseHex(const QStringList& texts);
 /// The messages of `bytes`: complete ones only, each with its own status byte.
 QVector<QByteArray> splitMessages(const QByteArray& bytes);
 
-/// The messages of a .syx file: SysEx only, F0 … F7, nothing before, between or behind them.
-QVector<QByteArray> splitSysEx(const QByteArray& bytes);
+/// The messages of a .syx file: SysEx only, F0 … F7, nothing before, between or behind them. With
+/// `padding` zeros and line ends are skipped there, and their number is added to it.
+QVector<QByteArray> splitSysEx(const QByteArray& bytes, int* padding = nullptr);
 
 /// The length in bytes of a message that begins with `status`; 0 for SysEx, whose length is open,
 /// and for what begins no message.

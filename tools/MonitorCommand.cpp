@@ -3,66 +3,239 @@
 #include "tools/Console.h"
 #include "tools/Decode.h"
 #include "tools/Failure.h"
+#include "tools/Filter.h"
 #include "tools/Interruption.h"
-#include "tools/Receiver.h"
+#include "tools/MidiBytes.h"
+#include "tools/StatusLine.h"
 #include "tools/Text.h"
 
 #include <QJsonDocument>
 
+#include <algorithm>
 #include <climits>
 
 using std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
 
-static QString jsonLine(const ReceivedMessage& message, steady_clock::time_point start)
+namespace {
+
+enum class Form { Text, Raw, Json };
+
+// What a line of output has.
+struct Layout
 {
-    using milliseconds = std::chrono::duration<double, std::milli>;
+    Form form = Form::Text;
+    bool times = false;
+    bool wholeSysEx = false;
+    QVector<Port> ports; // by source
+};
+
+// How much has come, in all and of late.
+class Traffic
+{
+public:
+    void count(qint64 length)
+    {
+        ++messages;
+        bytes += length;
+    }
+
+    QString text()
+    {
+        const auto now = steady_clock::now();
+        const double seconds = std::chrono::duration<double>(now - since).count();
+        if (seconds >= 1) {
+            rates = QStringLiteral(", %1/s, %2/s")
+                        .arg(grouped(qRound64(double(messages - messagesBefore) / seconds)),
+                             counted(qRound64(double(bytes - bytesBefore) / seconds), "byte"));
+            messagesBefore = messages;
+            bytesBefore = bytes;
+            since = now;
+        }
+        return counted(messages, "message") + rates;
+    }
+
+private:
+    qint64 messages = 0;
+    qint64 bytes = 0;
+    // The last time that the rates were computed.
+    qint64 messagesBefore = 0;
+    qint64 bytesBefore = 0;
+    steady_clock::time_point since = steady_clock::now();
+    QString rates;
+};
+
+} // namespace
+
+static Colour colourOf(const QByteArray& message)
+{
+    switch (kindOf(message)) {
+    case Kind::Note:
+        return Colour::Green;
+    case Kind::SysEx:
+        return Colour::Cyan;
+    case Kind::Other:
+        return Colour::Magenta;
+    default:
+        return Colour::Yellow;
+    }
+}
+
+static QString jsonLine(const ReceivedMessage& message, const Layout& layout, double time,
+                        double step)
+{
     QJsonObject json = toJson(message.bytes);
-    json.insert(QStringLiteral("time"), milliseconds(message.time - start).count());
+    json.insert(QStringLiteral("input"), layout.ports.at(message.source).number);
+    json.insert(QStringLiteral("time"), time);
+    if (layout.times)
+        json.insert(QStringLiteral("step"), step);
     return QString::fromUtf8(QJsonDocument(json).toJson(QJsonDocument::Compact));
+}
+
+static QString seconds(double milliseconds)
+{
+    return QString::number(milliseconds / 1000, 'f', 3);
+}
+
+// `time` is the message's since the start, `step` that since the message before.
+static QString lineOf(const ReceivedMessage& message, const Layout& layout, double time,
+                      double step)
+{
+    if (layout.form == Form::Json)
+        return jsonLine(message, layout, time, step) + QLatin1Char('\n');
+    QString text;
+    if (layout.times)
+        text += seconds(time).rightJustified(9) +
+                (QLatin1Char('+') + seconds(step)).rightJustified(9) + QLatin1String("  ");
+    if (layout.ports.size() > 1) {
+        const Port& port = layout.ports.at(message.source);
+        text += QStringLiteral("%1 %2: ").arg(port.number).arg(printable(port.name));
+    }
+    if (layout.form == Form::Raw)
+        return text + hex(trimmed(message.bytes)) + QLatin1Char('\n');
+    text += toText(message.bytes) + QLatin1Char('\n');
+    return layout.wholeSysEx && isSysEx(message.bytes) ? text + hexDump(message.bytes) : text;
+}
+
+static void monitor(Receiver& receiver, const Layout& layout, const Filter& filter, int count,
+                    steady_clock::time_point start, steady_clock::time_point end)
+{
+    Traffic traffic;
+    StatusLine status(receiver, [&] { return traffic.text(); });
+    ReceivedMessage message;
+    auto before = start;
+    for (int shown = 0; shown < count && !interrupted() && status.next(&message, end);) {
+        traffic.count(trimmed(message.bytes).size());
+        if (!filter.passes(message.bytes))
+            continue;
+        const QString text = lineOf(message, layout, Milliseconds(message.time - start).count(),
+                                    Milliseconds(message.time - before).count());
+        if (!print(text, colourOf(message.bytes)))
+            return; // whoever read this has seen enough
+        before = message.time;
+        ++shown;
+    }
+    status.clear();
+    receiver.expectNothingLost();
+}
+
+static Layout layoutOf(const CommandLine& line)
+{
+    const bool raw = line.isSet("raw");
+    const bool json = line.isSet("json");
+    const bool full = line.isSet("full");
+    if (int(raw) + int(json) + int(full) > 1)
+        throw Failure{ExitStatus::WrongUsage,
+                      QStringLiteral("--raw, --json and --full exclude each other.")};
+    Layout layout;
+    layout.form = raw ? Form::Raw : json ? Form::Json : Form::Text;
+    layout.times = line.isSet("time");
+    layout.wholeSysEx = full;
+    return layout;
+}
+
+static Filter filterOf(const CommandLine& line)
+{
+    Filter filter;
+    if (line.isSet("channel"))
+        filter.setChannels(line.value("channel"));
+    if (line.isSet("only"))
+        filter.setKinds(line.value("only"));
+    if (line.isSet("maker"))
+        filter.setMaker(line.value("maker"));
+    return filter;
+}
+
+static Port openOnce(Session& session, const QString& text, Receiver& receiver,
+                     const QVector<Port>& open)
+{
+    const Port port = findPort(session.ports(false), text, false);
+    for (const Port& other : open) {
+        if (other.number == port.number)
+            throw Failure{ExitStatus::WrongUsage,
+                          QStringLiteral("The %1 is named twice.").arg(describe(port, false))};
+    }
+    return session.openInput(text, receiver);
 }
 
 void monitorCommand(const QStringList& arguments)
 {
-    CommandLine line(
-        QStringLiteral("monitor"),
-        QStringLiteral("Prints the messages that arrive at an input, a line each, until Ctrl-C."));
-    line.addPort(QStringLiteral("PORT"), false);
-    line.addOption(QStringLiteral("count"), QStringLiteral("Ends after so many messages."),
-                   QStringLiteral("N"));
-    line.addOption(QStringLiteral("seconds"), QStringLiteral("Ends after so many seconds."),
-                   QStringLiteral("S"));
+    CommandLine line(QStringLiteral("monitor"),
+                     QStringLiteral("Prints the messages that arrive at one or more inputs, a line "
+                                    "each, until Ctrl-C. A message is shown if it passes every "
+                                    "filter: --channel, --only, --maker."));
+    line.addExample(QStringLiteral("1"), QStringLiteral("all that arrives at input 1."));
+    line.addExample(QStringLiteral("keys pads --time --only note,cc"),
+                    QStringLiteral("notes and controllers of two inputs, with times."));
+    line.addExample(QStringLiteral("1 --only sysex --maker roland --full"),
+                    QStringLiteral("one maker's SysEx, whole."));
+    line.addArgument(QStringLiteral("PORT"),
+                     QStringLiteral("An input: number, name, part of a name, or identifier."),
+                     QStringLiteral("PORT…"));
+    line.addOption(QStringLiteral("time"),
+                   QStringLiteral("Begins lines with the seconds since the start, and since the "
+                                  "line before."));
+    line.addOption(QStringLiteral("channel"),
+                   QStringLiteral("Shows channel messages of these channels, 1,2,10-16."),
+                   QStringLiteral("LIST"));
+    line.addOption(QStringLiteral("only"),
+                   QStringLiteral("Shows these kinds: note, pressure, cc, pc, pb, sysex."),
+                   QStringLiteral("KINDS"));
+    line.addOption(
+        QStringLiteral("maker"),
+        QStringLiteral("Shows SysEx of one maker: 41, \"00 20 29\" or a part of a name."),
+        QStringLiteral("MAKER"));
+    line.addOption(QStringLiteral("full"),
+                   QStringLiteral("Shows SysEx whole, in hexadecimal and ASCII, with offsets."));
     line.addOption(QStringLiteral("raw"), QStringLiteral("Prints the bytes in hexadecimal."));
     line.addOption(QStringLiteral("json"),
-                   QStringLiteral("Prints a JSON object a line, with the time since the "
-                                  "start in milliseconds."));
+                   QStringLiteral("Prints a JSON object a line, with the time since the start in "
+                                  "milliseconds."));
+    line.addOption(QStringLiteral("count"), QStringLiteral("Ends after N messages shown."),
+                   QStringLiteral("N"));
+    line.addOption(QStringLiteral("seconds"), QStringLiteral("Ends after S seconds."),
+                   QStringLiteral("S"));
     if (!line.parse(arguments))
         return;
-    line.expectArguments(1, 1);
-    const bool raw = line.isSet("raw");
-    const bool json = line.isSet("json");
-    if (raw && json)
-        throw Failure{ExitStatus::WrongUsage,
-                      QStringLiteral("--raw and --json exclude each other.")};
+    line.expectArguments(1, INT_MAX);
+    Layout layout = layoutOf(line);
+    const Filter filter = filterOf(line);
     const int count = line.isSet("count") ? line.number("count", 1, INT_MAX) : INT_MAX;
     const bool timed = line.isSet("seconds");
     const std::chrono::seconds seconds(timed ? line.number("seconds", 1, INT_MAX) : 0);
 
     Receiver receiver;
     Session session(line.store());
-    const Port port = session.openInput(line.arguments().first(), receiver);
+    QStringList names;
+    for (const QString& text : line.arguments()) {
+        layout.ports.append(openOnce(session, text, receiver, layout.ports));
+        names.append(describe(layout.ports.last(), false));
+    }
     const auto start = steady_clock::now();
     const auto end = timed ? start + seconds : start + kForever;
-    say(QStringLiteral("Listening to %1; Ctrl-C ends.").arg(describe(port, false)));
+    say(QStringLiteral("Listening to %1; Ctrl-C ends.").arg(names.join(QLatin1String(", "))));
 
     // At the end, what came before it may still wait to be printed; Ctrl-C gives that up.
     receiver.endAt(end);
-    ReceivedMessage message;
-    for (int i = 0; i < count && !interrupted() && receiver.next(&message, end); ++i) {
-        const QString text = raw    ? hex(trimmed(message.bytes))
-                             : json ? jsonLine(message, start)
-                                    : toText(message.bytes);
-        if (!print(text + QLatin1Char('\n')))
-            return; // whoever read this has seen enough
-    }
-    receiver.expectNothingLost();
+    monitor(receiver, layout, filter, count, start, end);
 }

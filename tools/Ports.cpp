@@ -69,6 +69,13 @@ Port findPort(const QVector<Port>& ports, const QString& text, bool output)
         found = matching(ports, [&](const Port& port) { return port.number == number; });
     if (found.isEmpty())
         found = matching(ports, [&](const Port& port) { return port.name == text; });
+    if (found.isEmpty() && !text.isEmpty())
+        found = matching(ports, [&](const Port& port) {
+            return port.name.compare(text, Qt::CaseInsensitive) == 0;
+        });
+    if (found.isEmpty() && !text.isEmpty())
+        found = matching(
+            ports, [&](const Port& port) { return port.name.contains(text, Qt::CaseInsensitive); });
     if (found.size() == 1)
         return found.first();
 
@@ -76,7 +83,9 @@ Port findPort(const QVector<Port>& ports, const QString& text, bool output)
     if (found.size() > 1)
         throw Failure{
             ExitStatus::NoSuchPort,
-            QStringLiteral("More than one %1 is named \"%2\"; use the number or the identifier:%3")
+            QStringLiteral(
+                "More than one %1 has the name \"%2\" or a name with it; use the number or the "
+                "identifier:%3")
                 .arg(direction, text, candidates(found))};
     if (ports.isEmpty())
         throw Failure{ExitStatus::NoSuchPort,

@@ -22,9 +22,9 @@ QString directionName(bool output);
 /// "number;name" by identifier.
 QVector<Port> portsOf(const QMap<QUuid, QString>& labels);
 
-/// The port that `text` stands for: an identifier, with or without braces, a number, or a whole
-/// name that only one of the ports has. Throws Failure, with the candidates, if there is none or
-/// more than one.
+/// The port that `text` stands for: an identifier, with or without braces, a number, a name, or a
+/// part of one in any case. The first of these that any port has counts. Throws Failure, with the
+/// candidates, if there is none or more than one.
 Port findPort(const QVector<Port>& ports, const QString& text, bool output);
 
 /// "input 1 "Name""

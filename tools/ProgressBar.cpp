@@ -2,12 +2,10 @@
 
 #include "tools/Console.h"
 
-#include <algorithm>
-
 static const std::chrono::milliseconds kRedraw(200);
 
 ProgressBar::ProgressBar(const Progress& progress, const QElapsedTimer& clock)
-    : progress(progress), clock(clock)
+    : clock(clock), progress(progress)
 {
     if (progress.totalBytes() > kChunkBytes && errorIsTerminal())
         drawer = std::thread([this] { draw(); });
@@ -26,30 +24,23 @@ ProgressBar::~ProgressBar()
     showInPlace(QString());
 }
 
-void ProgressBar::sending(qint64 nowSent, int bytes, const WireQueue& nowQueued)
+void ProgressBar::begin(int bytes)
 {
     const std::lock_guard<std::mutex> guard(mutex);
-    sent = nowSent;
-    message = bytes;
-    messageStart = clock.elapsed();
-    queue = nowQueued;
+    progress.begin(bytes, clock.elapsed());
 }
 
-qint64 ProgressBar::bytesThrough() const
+void ProgressBar::end()
 {
-    const qint64 now = clock.elapsed();
-    const qint64 queued = queue.bytesLeft(now);
-    // A message waits for those in front of it.
-    const qint64 start = std::max(messageStart, queue.emptyAt());
-    const qint64 current = now > start ? Progress::bytesThrough(message, now - start) : 0;
-    return std::max<qint64>(0, sent - queued + current);
+    const std::lock_guard<std::mutex> guard(mutex);
+    progress.end(clock.elapsed());
 }
 
 void ProgressBar::draw()
 {
     std::unique_lock<std::mutex> guard(mutex);
     while (!ended) {
-        showInPlace(progress.line(bytesThrough()));
+        showInPlace(progress.line(clock.elapsed(), errorWidth()));
         changed.wait_for(guard, kRedraw);
     }
 }

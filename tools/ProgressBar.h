@@ -20,24 +20,19 @@ public:
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    /// The sender begins a message of `bytes` behind `nowSent` bytes that were handed over, of
-    /// which `nowQueued` is still on the way.
-    void sending(qint64 nowSent, int bytes, const WireQueue& nowQueued);
+    /// As those of Progress.
+    void begin(int bytes);
+    void end();
 
 private:
     void draw();
-    qint64 bytesThrough() const;
 
-    const Progress progress;
     const QElapsedTimer clock;
 
     std::mutex mutex; // guards what follows
     std::condition_variable changed;
     bool ended = false;
-    qint64 sent = 0;
-    int message = 0;
-    qint64 messageStart = 0;
-    WireQueue queue;
+    Progress progress;
 
     std::thread drawer;
 };

@@ -8,10 +8,16 @@
 
 using std::chrono::steady_clock;
 
-int Receiver::read(int length, const void* data, bool, bool)
+int Receiver::Observer::read(int length, const void* data, bool, bool)
 {
-    queue.push(data, length, steady_clock::now());
+    queue.push(data, length, steady_clock::now(), source);
     return length;
+}
+
+TMIDIReaderRefConInterface* Receiver::addPort()
+{
+    observers.emplace_back(queue, static_cast<int>(observers.size()));
+    return &observers.back();
 }
 
 bool Receiver::next(ReceivedMessage* message, steady_clock::time_point deadline)

@@ -4,118 +4,131 @@
 #include "tools/Failure.h"
 #include "tools/Interruption.h"
 #include "tools/MidiBytes.h"
-#include "tools/Receiver.h"
+#include "tools/Pacing.h"
+#include "tools/StatusLine.h"
+#include "tools/SysExFile.h"
 #include "tools/Text.h"
 
-#include <QDir>
-#include <QSaveFile>
-
+#include <algorithm>
 #include <climits>
 
+using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-[[noreturn]] static void refuseToWrite(const QSaveFile& file)
-{
-    throw Failure{ExitStatus::Failed, QStringLiteral("%1 cannot be written: %2")
-                                          .arg(QDir::toNativeSeparators(file.fileName()),
-                                               sentence(file.errorString()))};
-}
+// The largest message that --idle lets come to its end, unless told otherwise: more than most
+// instruments send in one piece.
+static const int kLongest = 32768;
+static const int kMostLongest = 100 * 1000 * 1000;
 
 namespace {
 
-struct Recorded
+struct Recording
 {
-    int messages = 0;
-    qint64 bytes = 0;
+    SysExFile& file;
     int damaged = 0;
+    bool wentIdle = false;
 };
 
 } // namespace
 
 // Until `count` messages are in the file, none is complete for `idle` after the last one, or
 // Ctrl-C. The library shows nothing of a message before it is complete.
-static Recorded recordInto(QSaveFile& file, Receiver& receiver, int count,
-                           steady_clock::duration idle)
+static void record(Recording& recording, Receiver& receiver, int count, steady_clock::duration idle)
 {
-    Recorded recorded;
-    ReceivedMessage message;
     auto end = steady_clock::now() + kForever;
-    while (recorded.messages < count && receiver.next(&message, end)) {
+    StatusLine line(receiver, [&] {
+        const auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now());
+        return recording.file.contents() +
+               (left < kForever / 2
+                    ? QLatin1String("; ends in ") + clockTime(std::max<qint64>(0, left.count()))
+                    : QString());
+    });
+    ReceivedMessage message;
+    while (recording.file.messages() < count) {
+        if (!line.next(&message, end)) {
+            recording.wentIdle = !interrupted();
+            return;
+        }
         if (!isSysEx(message.bytes))
             continue; // a channel message
         end = message.time + idle;
         const QByteArray sysEx = withoutRealTime(message.bytes);
-        if (!isWholeSysEx(sysEx)) {
-            ++recorded.damaged;
-            say(QStringLiteral("A message of %1 is left out: it has status bytes within, as after "
-                               "bytes were lost.")
-                    .arg(counted(sysEx.size(), "byte")));
+        if (isWholeSysEx(sysEx)) {
+            recording.file.append(sysEx);
             continue;
         }
-        if (file.write(sysEx) != sysEx.size())
-            refuseToWrite(file);
-        ++recorded.messages;
-        recorded.bytes += sysEx.size();
+        ++recording.damaged;
+        say(QStringLiteral("A message of %1 is left out: it has status bytes within, as after "
+                           "bytes were lost.")
+                .arg(counted(sysEx.size(), "byte")));
     }
-    return recorded;
 }
 
 void recordCommand(const QStringList& arguments)
 {
-    CommandLine line(
-        QStringLiteral("record"),
-        QStringLiteral(
-            "Writes the SysEx messages that arrive at an input to a .syx file, until Ctrl-C. "
-            "The file appears, whole, at the end."));
+    CommandLine line(QStringLiteral("record"),
+                     QStringLiteral("Writes the SysEx messages that arrive at an input to a .syx "
+                                    "file, until Ctrl-C. The file appears, whole, at the end."));
+    line.addExample(QStringLiteral("1 dump.syx"),
+                    QStringLiteral("records until Ctrl-C; then start the dump at the instrument."));
+    line.addExample(QStringLiteral("1 dump.syx --count 64"),
+                    QStringLiteral("ends by itself after 64 messages."));
+    line.addExample(QStringLiteral("1 dump.syx --idle 1000"),
+                    QStringLiteral("ends by itself when the instrument has fallen silent."));
     line.addPort(QStringLiteral("PORT"), false);
     line.addArgument(QStringLiteral("FILE"),
                      QStringLiteral("The file, which is replaced if it exists."),
                      QStringLiteral("FILE"));
-    line.addOption(QStringLiteral("idle"),
-                   QStringLiteral("Ends when no further message is complete so many milliseconds "
-                                  "after one. Must be longer than the longest message takes: 0.32 "
-                                  "ms a byte at MIDI's wire speed."),
-                   QStringLiteral("MS"));
     line.addOption(QStringLiteral("count"),
-                   QStringLiteral("Ends after so many messages; fewer are a failure, and "
-                                  "nothing is written."),
+                   QStringLiteral("Ends after N messages. If fewer come, nothing is written."),
                    QStringLiteral("N"));
+    line.addOption(QStringLiteral("idle"),
+                   QStringLiteral("Ends after so many milliseconds of silence behind a message, "
+                                  "and the time that the --longest one takes on the wire: a "
+                                  "message shows only when it is complete."),
+                   QStringLiteral("MS"));
+    line.addOption(QStringLiteral("longest"),
+                   QStringLiteral("The longest message to expect, in bytes (default 32768)."),
+                   QStringLiteral("BYTES"), QString::number(kLongest));
     if (!line.parse(arguments))
         return;
     line.expectArguments(2, 2);
     const bool counting = line.isSet("count");
     const int count = counting ? line.number("count", 1, INT_MAX) : INT_MAX;
-    const steady_clock::duration idle =
-        line.isSet("idle")
-            ? steady_clock::duration(std::chrono::milliseconds(line.number("idle", 1, INT_MAX)))
-            : steady_clock::duration(kForever);
+    const milliseconds silence(line.isSet("idle") ? line.number("idle", 1, INT_MAX) : 0);
+    const int longest = line.number("longest", 1, kMostLongest);
+    const milliseconds grace(wireMs(longest));
 
     Receiver receiver;
     Session session(line.store());
-    QSaveFile file(line.arguments().at(1));
-    if (!file.open(QIODevice::WriteOnly))
-        refuseToWrite(file);
+    SysExFile file(line.arguments().at(1));
     const Port port = session.openInput(line.arguments().first(), receiver);
     say(QStringLiteral("Recording from %1; Ctrl-C ends.").arg(describe(port, false)));
 
-    const Recorded recorded = recordInto(file, receiver, count, idle);
+    Recording recording{file};
+    record(recording, receiver, count,
+           line.isSet("idle") ? steady_clock::duration(silence + grace)
+                              : steady_clock::duration(kForever));
     session.transport().closeInput();
-    // An uncommitted file leaves nothing behind.
-    if (recorded.messages == 0)
-        throw Failure{recorded.damaged > 0 ? ExitStatus::BadData : ExitStatus::Failed,
+    // A file that is not committed leaves nothing behind.
+    if (file.messages() == 0)
+        throw Failure{recording.damaged > 0 ? ExitStatus::BadData : ExitStatus::Failed,
                       QStringLiteral("No whole SysEx message arrived; nothing is written.")};
-    if (counting && recorded.messages < count)
+    if (counting && file.messages() < count)
         throw Failure{ExitStatus::Failed,
                       QStringLiteral("Only %1 of %2 arrived; nothing is written.")
-                          .arg(grouped(recorded.messages), counted(count, "message"))};
-    if (!file.commit())
-        refuseToWrite(file);
-    say(QStringLiteral("%1, %2, written to %3.")
-            .arg(counted(recorded.messages, "message"), counted(recorded.bytes, "byte"),
-                 QDir::toNativeSeparators(file.fileName())));
+                          .arg(grouped(file.messages()), counted(count, "message"))};
+    file.commit();
+    say(file.outcome());
+    if (recording.wentIdle)
+        say(QStringLiteral("Nothing was complete for %1, in which a message of up to %2 would have "
+                           "been: a longer one would be missing (--longest).")
+                .arg(duration((silence + grace).count()), counted(longest, "byte")));
+    else if (!counting)
+        say(QStringLiteral("A message that was not complete yet is not in it."));
     receiver.expectNothingLost();
-    if (recorded.damaged > 0)
+    if (recording.damaged > 0)
         throw Failure{
             ExitStatus::BadData,
-            QStringLiteral("%1 left out.").arg(counted(recorded.damaged, "damaged message"))};
+            QStringLiteral("%1 left out.").arg(counted(recording.damaged, "damaged message"))};
 }

@@ -3,15 +3,14 @@
 #include "tools/Console.h"
 #include "tools/Failure.h"
 #include "tools/Interruption.h"
-#include "tools/MidiBytes.h"
+#include "tools/MessageSource.h"
 #include "tools/Pacing.h"
 #include "tools/ProgressBar.h"
 #include "tools/Text.h"
 
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <thread>
@@ -19,86 +18,76 @@
 // A shorter wait is not worth a word.
 static const qint64 kNoticeableMs = 250;
 
-// Well below the longest array that Qt 5 can make.
-static const qint64 kLongestFile = 2'000'000'000;
-
-static QByteArray readFile(const QString& name)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::ReadOnly))
-        throw Failure{ExitStatus::Failed,
-                      QStringLiteral("It cannot be read: %1").arg(sentence(file.errorString()))};
-    if (file.size() > kLongestFile)
-        throw Failure{ExitStatus::BadData,
-                      QStringLiteral("It is too large: %1, and %2 are possible.")
-                          .arg(counted(file.size(), "byte"), grouped(kLongestFile))};
-    QByteArray bytes = file.readAll();
-    if (bytes.size() != file.size())
-        throw Failure{
-            ExitStatus::Failed,
-            QStringLiteral("It cannot be read whole: %1").arg(sentence(file.errorString()))};
-    return bytes;
-}
-
-static QVector<QByteArray> notEmpty(const QVector<QByteArray>& messages)
-{
-    if (messages.isEmpty())
-        throw Failure{ExitStatus::BadData, QStringLiteral("There is no message.")};
-    return messages;
-}
-
-// All or nothing: what is wrong anywhere is found before the port is opened.
-static QVector<QByteArray> messagesOf(const CommandLine& line)
-{
-    const bool fromFile = line.isSet("file");
-    try {
-        return notEmpty(fromFile ? splitSysEx(readFile(line.value("file")))
-                                 : splitMessages(parseHex(line.arguments().mid(1))));
-    } catch (const Failure& failure) {
-        const QString source =
-            fromFile ? QDir::toNativeSeparators(line.value("file")) + QLatin1String(": ")
-                     : QString();
-        throw Failure{failure.status,
-                      source + failure.message + QLatin1String(" Nothing is sent.")};
-    }
-}
+static const int kFastestRate = 1000 * 1000;
 
 namespace {
 
 struct Sent
 {
     int messages = 0;
-    WireQueue queue; // what may still be on its way
+    qint64 bytes = 0;
+    WireQueue onTheirWay; // what may not be through yet
+};
+
+// Sends message by message. The main thread is blocked meanwhile; the bar draws itself.
+class Sender
+{
+public:
+    // `clock` runs since now.
+    Sender(TMIDITransport& transport, const Pace& pace, const Progress& progress,
+           const QElapsedTimer& clock)
+        : transport(transport), clock(clock), pacer(pace), bar(progress, clock)
+    {}
+
+    // All messages, or those before Ctrl-C.
+    Sent sendAll(const QVector<QByteArray>& messages)
+    {
+        Sent sent;
+        for (const QByteArray& message : messages) {
+            if (!sleepFor(pacer.nextAt() - clock.elapsed()))
+                break;
+            answerInterruption("Ending after this message; Ctrl-C again cuts it short.");
+            const bool ok = send(message);
+            answerInterruption(nullptr);
+            if (!ok)
+                throw Failure{ExitStatus::Failed,
+                              QStringLiteral("The port refused the data of message %1 of %2.")
+                                  .arg(grouped(sent.messages + 1), grouped(messages.size()))};
+            ++sent.messages;
+            sent.bytes += message.size();
+        }
+        sent.onTheirWay = pacer.onTheirWay();
+        return sent;
+    }
+
+private:
+    // After Ctrl-C, too, to its last byte.
+    bool send(const QByteArray& message)
+    {
+        const int size = static_cast<int>(message.size());
+        for (int done = 0; done < size;) {
+            const int bytes = std::min(size - done, pacer.pieceBytes());
+            if (done > 0)
+                std::this_thread::sleep_for(
+                    std::chrono::milliseconds(pacer.nextAt() - clock.elapsed()));
+            const qint64 start = clock.elapsed();
+            bar.begin(bytes);
+            if (!transport.outputData(bytes, message.constData() + done))
+                return false;
+            bar.end();
+            done += bytes;
+            pacer.sent(bytes, done == size, start, clock.elapsed());
+        }
+        return true;
+    }
+
+    TMIDITransport& transport;
+    const QElapsedTimer& clock;
+    Pacer pacer;
+    ProgressBar bar;
 };
 
 } // namespace
-
-// All messages, or those before Ctrl-C. The main thread sends, which blocks; the bar draws itself
-// meanwhile.
-static Sent sendAll(TMIDITransport& transport, const QVector<QByteArray>& messages, int gap,
-                    const QElapsedTimer& clock, ProgressBar& bar)
-{
-    Sent sent;
-    qint64 bytes = 0;
-    for (const QByteArray& message : messages) {
-        if (sent.messages > 0 && gap > 0)
-            sleepFor(gap);
-        if (interrupted())
-            break;
-        bar.sending(bytes, message.size(), sent.queue);
-        answerInterruption("Ending after this message; Ctrl-C again cuts it short.");
-        const bool ok = transport.outputData(message.size(), message.constData());
-        answerInterruption(nullptr);
-        if (!ok)
-            throw Failure{ExitStatus::Failed,
-                          QStringLiteral("The port refused the data of message %1 of %2.")
-                              .arg(grouped(sent.messages + 1), grouped(messages.size()))};
-        sent.queue.sent(message.size(), clock.elapsed());
-        bytes += message.size();
-        ++sent.messages;
-    }
-    return sent;
-}
 
 // Ctrl-C ends the wait, unless it came before: then this lets the last message finish.
 static void waitUntilThrough(const WireQueue& queue, const QElapsedTimer& clock)
@@ -117,55 +106,105 @@ static void waitUntilThrough(const WireQueue& queue, const QElapsedTimer& clock)
                       QStringLiteral("Interrupted: the last message may be cut short.")};
 }
 
+static Pace paceOf(const CommandLine& line)
+{
+    Pace pace;
+    pace.gap = line.number("gap", 0, INT_MAX);
+    if (line.isSet("chunk"))
+        pace.chunk = line.number("chunk", 1, kChunkBytes);
+    if (line.isSet("rate"))
+        pace.rate = line.number("rate", 1, kFastestRate);
+    return pace;
+}
+
+static void tellPace(const Pace& pace)
+{
+    const QString pieces = counted(Pacer(pace).pieceBytes(), "byte");
+    if (pace.rate > 0)
+        say(QStringLiteral("Messages go out in pieces of %1, at most %2 a second.")
+                .arg(pieces, counted(pace.rate, "byte")));
+    else if (pace.chunk > 0)
+        say(QStringLiteral("Messages go out in pieces of %1, with pauses of %2 ms.")
+                .arg(pieces, grouped(kPauseMs)));
+}
+
+static void tellOutcome(const Sent& sent, const Port& port, qint64 elapsed, qint64 bytesLeft)
+{
+    const QString data =
+        counted(sent.messages, "message") + QLatin1String(", ") + counted(sent.bytes, "byte");
+    if (bytesLeft > 0)
+        say(QStringLiteral("%1, handed to %2 in %3. Up to %4 may not have left when the port was "
+                           "closed, and are lost then (--no-wait).")
+                .arg(data, describe(port, true), duration(elapsed), counted(bytesLeft, "byte")));
+    else
+        say(QStringLiteral("%1, sent to %2 in %3.")
+                .arg(data, describe(port, true), duration(elapsed)));
+}
+
 void sendCommand(const QStringList& arguments)
 {
-    CommandLine line(
-        QStringLiteral("send"),
-        QStringLiteral(
-            "Sends messages to an output. They are checked first, and nothing is sent if "
-            "anything is wrong with them."));
+    CommandLine line(QStringLiteral("send"),
+                     QStringLiteral("Sends messages to an output. They are checked first; if "
+                                    "anything is wrong with one, nothing is sent."));
+    line.addExample(QStringLiteral("1 on C4 100"), QStringLiteral("plays middle C."));
+    line.addExample(QStringLiteral("Synth ch 2 pc 5 cc 7 127"),
+                    QStringLiteral("program 5 and full volume on channel 2 of the output with "
+                                   "\"synth\" in its name."));
+    line.addExample(QStringLiteral("1 panic"), QStringLiteral("ends all notes on all channels."));
+    line.addExample(QStringLiteral("1 F0 7E 7F 06 01 F7"), QStringLiteral("any bytes."));
+    line.addExample(QStringLiteral("1 dump.syx --gap 200"),
+                    QStringLiteral("the messages of a file, 200 ms apart."));
+    line.addExample(QStringLiteral("1 dump.syx --rate 1000 --chunk 128"),
+                    QStringLiteral("for an instrument that is slow to take them in."));
     line.addPort(QStringLiteral("PORT"), true);
     line.addArgument(
-        QStringLiteral("BYTES"),
-        QStringLiteral("Complete messages in hexadecimal, as in F0 7D 10 F7 or 903C64."),
-        QStringLiteral("[BYTES…]"));
+        QStringLiteral("MESSAGE"),
+        QStringLiteral("Hexadecimal bytes, F0 7D 10 F7 or 903C64; words with decimal numbers: on "
+                       "NOTE [VELOCITY], off NOTE [VELOCITY], cc CONTROLLER VALUE, pc PROGRAM, pb "
+                       "VALUE (0 to 16383, centre 8192), cp PRESSURE, pp NOTE PRESSURE, ch CHANNEL "
+                       "for the words behind it, panic; the name of a .syx or .mid file, of which "
+                       "the SysEx messages are sent; or - for standard input."),
+        QStringLiteral("MESSAGE…"));
     line.addOption(QStringLiteral("file"),
-                   QStringLiteral("Sends a .syx file: SysEx messages, F0 … F7."),
-                   QStringLiteral("dump.syx"));
+                   QStringLiteral("Sends the SysEx messages of this file, whatever its name."),
+                   QStringLiteral("FILE"));
     line.addOption(QStringLiteral("gap"),
-                   QStringLiteral("Waits so many milliseconds between messages."),
+                   QStringLiteral("Silence on the wire between two messages, in milliseconds."),
                    QStringLiteral("MS"), QStringLiteral("0"));
+    line.addOption(QStringLiteral("rate"),
+                   QStringLiteral("Sends no more than N bytes a second; MIDI's wire takes 3125."),
+                   QStringLiteral("N"));
+    line.addOption(QStringLiteral("chunk"),
+                   QStringLiteral("Sends a message in pieces of N bytes, up to 4096, with 100 ms "
+                                  "between them or what --rate gives."),
+                   QStringLiteral("N"));
+    addLenientOption(line);
     line.addOption(QStringLiteral("no-wait"),
-                   QStringLiteral("Closes the port at once, although the last message may "
-                                  "be cut short."));
+                   QStringLiteral("Closes the port at once. What is still on its way is lost."));
     if (!line.parse(arguments))
         return;
     const bool fromFile = line.isSet("file");
     line.expectArguments(fromFile ? 1 : 2, fromFile ? 1 : INT_MAX);
-    const int gap = line.number("gap", 0, INT_MAX);
-    const QVector<QByteArray> messages = messagesOf(line);
-
+    const Pace pace = paceOf(line);
+    const QVector<QByteArray> messages = fromFile ? messagesOfFile(line.value("file"), line)
+                                                  : messagesOf(line.arguments().mid(1), line);
     QVector<int> sizes;
     for (const QByteArray& message : messages)
-        sizes.append(message.size());
-    const Progress progress(sizes, gap);
+        sizes.append(static_cast<int>(message.size()));
 
     Session session(line.store());
     const Port port = session.openOutput(line.arguments().first());
+    tellPace(pace);
     QElapsedTimer clock;
     clock.start();
-    Sent sent;
-    {
-        ProgressBar bar(progress, clock);
-        sent = sendAll(session.transport(), messages, gap, clock, bar);
-    }
+    const Sent sent =
+        Sender(session.transport(), pace, Progress(sizes, pace), clock).sendAll(messages);
     if (!line.isSet("no-wait"))
-        waitUntilThrough(sent.queue, clock);
+        waitUntilThrough(sent.onTheirWay, clock);
     if (sent.messages < messages.size())
         throw Failure{ExitStatus::Failed,
                       QStringLiteral("Interrupted: %1 of %2 sent.")
                           .arg(grouped(sent.messages), counted(messages.size(), "message"))};
-    say(QStringLiteral("%1, %2, sent to %3 in %4.")
-            .arg(counted(messages.size(), "message"), counted(progress.totalBytes(), "byte"),
-                 describe(port, true), duration(clock.elapsed())));
+    tellOutcome(sent, port, clock.elapsed(),
+                line.isSet("no-wait") ? sent.onTheirWay.bytesLeft(clock.elapsed()) : 0);
 }

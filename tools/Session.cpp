@@ -8,19 +8,35 @@
 #include <algorithm>
 
 Session::Session(const Store& store)
-    : accessor(MIDIPortAccessor(store.organization, store.application)),
-      midi(&MIDITransportInstance(accessor))
+    : accessor(MIDIPortAccessor(store.organization, store.application))
 {
-    if (!midi->valid()) {
-        accessor->Release();
-        throw Failure{ExitStatus::Failed,
-                      QStringLiteral("There is no memory for a MIDI transport.")};
+    try {
+        addTransport();
+    } catch (...) {
+        release();
+        throw;
     }
 }
 
 Session::~Session()
 {
-    midi->Release(); // closes the ports, and calls the observer for the last time
+    release();
+}
+
+void Session::addTransport()
+{
+    transports.reserve(transports.size() + 1); // whatever throws does so before there is one
+    TMIDITransport& midi = MIDITransportInstance(accessor);
+    if (!midi.valid())
+        throw Failure{ExitStatus::Failed,
+                      QStringLiteral("There is no memory for a MIDI transport.")};
+    transports.push_back(&midi);
+}
+
+void Session::release()
+{
+    for (TMIDITransport* const midi : transports)
+        midi->Release(); // closes the ports, and calls the observers for the last time
     accessor->Release();
 }
 
@@ -38,8 +54,12 @@ QVector<Port> Session::ports(bool output) const
 
 Port Session::openInput(const QString& text, Receiver& receiver)
 {
-    Port port = findPort(ports(false), text, false);
-    midi->registerMIDIobserver(&receiver);
+    const Port port = findPort(ports(false), text, false);
+    const int noPort = 0; // gives the handle of the input that is open
+    if (transports.back()->openInput(noPort))
+        addTransport();
+    TMIDITransport* const midi = transports.back();
+    midi->registerMIDIobserver(receiver.addPort());
     if (!midi->openInput(port.number))
         refuseToOpen(port, false);
     return port;
@@ -47,8 +67,8 @@ Port Session::openInput(const QString& text, Receiver& receiver)
 
 Port Session::openOutput(const QString& text)
 {
-    Port port = findPort(ports(true), text, true);
-    if (!midi->openOutput(port.number))
+    const Port port = findPort(ports(true), text, true);
+    if (!transport().openOutput(port.number))
         refuseToOpen(port, true);
     return port;
 }

@@ -4,6 +4,8 @@
 #include "tools/Ports.h"
 #include "transport/MIDITransport.h"
 
+#include <vector>
+
 class IMIDIPortAccessor;
 class Receiver;
 
@@ -14,8 +16,8 @@ struct Store
     QString application;
 };
 
-/// The library in use: an accessor and a transport made for it. Ending the session closes the
-/// ports and stores the identifiers of new ones.
+/// The library in use: an accessor and the transports made for it, one unless several inputs are
+/// open. Ending the session closes the ports and stores the identifiers of new ones.
 class Session
 {
 public:
@@ -25,17 +27,22 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    TMIDITransport& transport() const { return *midi; }
+    /// The transport of the output, and of the first input.
+    TMIDITransport& transport() const { return *transports.front(); }
     QVector<Port> ports(bool output) const;
 
-    /// Open the port that `text` names (see findPort()). They throw Failure if there is no such
-    /// port or it does not open. `receiver` must outlive the session.
+    /// Open the port that `text` names (see findPort()), an input besides those that are open. They
+    /// throw Failure if there is no such port or it does not open. `receiver` must outlive the
+    /// session.
     Port openInput(const QString& text, Receiver& receiver);
     Port openOutput(const QString& text);
 
 private:
-    IMIDIPortAccessor* accessor;
-    TMIDITransport* midi;
+    void addTransport();
+    void release();
+
+    IMIDIPortAccessor* const accessor;
+    std::vector<TMIDITransport*> transports;
 };
 
 /// Those of `ports` whose identifiers `store` holds now.

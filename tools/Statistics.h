@@ -7,7 +7,7 @@
 /// ascending order and not empty; `percent` is from 1 to 100.
 inline double percentile(const QVector<double>& values, int percent)
 {
-    return values.at((values.size() * percent + 99) / 100 - 1);
+    return values.at((static_cast<int>(values.size()) * percent + 99) / 100 - 1);
 }
 
 #endif

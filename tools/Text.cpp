@@ -1,6 +1,7 @@
 #include "tools/Text.h"
 
 #include <QLocale>
+#include <QStringList>
 
 QString grouped(qint64 number)
 {
@@ -21,6 +22,46 @@ QString hex(const QByteArray& bytes)
 QString hex(unsigned char byte)
 {
     return hex(QByteArray(1, static_cast<char>(byte)));
+}
+
+QString hexDump(const QByteArray& bytes)
+{
+    const int perLine = 16;
+    const int columns = 3 * perLine; // two digits and a blank a byte, and one blank in the middle
+    QString text;
+    for (int offset = 0; offset < bytes.size(); offset += perLine) {
+        const QByteArray line = bytes.mid(offset, perLine);
+        QString digits = hex(line);
+        if (line.size() > perLine / 2)
+            digits.insert(columns / 2, QLatin1Char(' '));
+        QString characters;
+        for (const char c : line)
+            characters += c >= ' ' && c <= '~' ? QLatin1Char(c) : QLatin1Char('.');
+        text += QStringLiteral("  %1  %2  %3\n")
+                    .arg(QString::number(offset, 16).toUpper().rightJustified(6, QLatin1Char('0')),
+                         digits.leftJustified(columns), characters);
+    }
+    return text;
+}
+
+QString wrapped(const QString& text, int width, int indent)
+{
+    QString result;
+    int column = 0;
+    const QStringList words = text.split(QLatin1Char(' '));
+    for (const QString& word : words) {
+        const int length = static_cast<int>(word.size());
+        if (column > 0 && column + 1 + length > width) {
+            result += QLatin1Char('\n') + QString(indent, QLatin1Char(' '));
+            column = indent;
+        } else if (column > 0) {
+            result += QLatin1Char(' ');
+            ++column;
+        }
+        result += word;
+        column += length;
+    }
+    return result;
 }
 
 QString sentence(const QString& text)

@@ -14,6 +14,13 @@ QString counted(qint64 number, const char* singular);
 QString hex(const QByteArray& bytes);
 QString hex(unsigned char byte);
 
+/// Eight and eight bytes a line, with their offsets and their ASCII characters.
+QString hexDump(const QByteArray& bytes);
+
+/// `text` in lines of at most `width` characters, parted at blanks; each but the first begins with
+/// `indent` blanks. A word that is longer stands alone.
+QString wrapped(const QString& text, int width, int indent);
+
 /// `text` with one full stop behind it, whether it had one or not.
 QString sentence(const QString& text);
 

@@ -20,10 +20,12 @@ static const struct
     void (*run)(const QStringList& arguments);
 } kCommands[] = {
     {"list", "shows the ports with their identifiers", &listCommand},
-    {"monitor", "prints what arrives at an input", &monitorCommand},
-    {"send", "sends messages or a .syx file to an output", &sendCommand},
+    {"monitor", "prints what arrives at inputs", &monitorCommand},
+    {"send", "sends messages or a .syx or .mid file to an output", &sendCommand},
     {"record", "writes the SysEx messages that arrive to a .syx file", &recordCommand},
+    {"request", "asks an instrument for its identity or a dump", &requestCommand},
     {"check", "sends data out of one port and compares what comes back at another", &checkCommand},
+    {"completion", "prints a script with which bash completes commands", &completionCommand},
 };
 
 static QString commandList()
@@ -31,27 +33,34 @@ static QString commandList()
     QString text = QStringLiteral("Commands:");
     for (const auto& command : kCommands)
         text += QStringLiteral("\n  %1  %2")
-                    .arg(QLatin1String(command.name), -8)
+                    .arg(QLatin1String(command.name), -10)
                     .arg(QLatin1String(command.summary));
     return text;
 }
 
-static const char kNotes[] = R"(
-"lumora-midi COMMAND --help" describes a command. A PORT is an identifier, a
-number, or a name that no other port of that direction has.
-
-Exit status: 0 done, 1 failed, 2 wrong usage, 3 port not found, 4 port would not
-open, 5 bad data.
-)";
-
 static void runProgram(const QStringList& arguments)
 {
     CommandLine line(QString(), QStringLiteral("Lists MIDI ports, sends, receives and checks."));
-    line.addArgument(QStringLiteral("COMMAND"), QStringLiteral("What to do; see below."),
+    line.addExample(QStringLiteral("list"), QStringLiteral("what is connected."));
+    line.addExample(QStringLiteral("monitor 1"), QStringLiteral("what arrives at input 1."));
+    line.addExample(QStringLiteral("send 1 on C4 100"), QStringLiteral("plays middle C."));
+    line.addExample(QStringLiteral("request 1 1 identity"),
+                    QStringLiteral("asks the instrument what it is."));
+    for (const auto& command : kCommands)
+        line.addCommand(QLatin1String(command.name), QLatin1String(command.summary));
+    line.addArgument(QStringLiteral("COMMAND"), QStringLiteral("What to do."),
                      QStringLiteral("COMMAND …"));
+    line.addOption(QStringLiteral("version"), QStringLiteral("Shows the program's version."));
+    line.addNote(QStringLiteral("\"lumora-midi COMMAND --help\" describes a command. A PORT is an "
+                                "identifier, a number, a name, or a part of a name that only one "
+                                "port of that direction has."));
+    line.addNote(QStringLiteral("Exit status: 0 done, 1 failed, 2 wrong usage, 3 port not found, 4 "
+                                "port would not open, 5 bad data."));
     line.stopAtFirstArgument();
-    if (!line.parse(arguments)) {
-        print(QLatin1Char('\n') + commandList() + QLatin1Char('\n') + QLatin1String(kNotes));
+    if (!line.parse(arguments))
+        return;
+    if (line.isSet("version")) {
+        print(QStringLiteral("lumora-midi " LUMORA_VERSION "\n"));
         return;
     }
     if (line.arguments().isEmpty())

@@ -1,0 +1,217 @@
+#include "tools/Manufacturers.h"
+
+static const struct
+{
+    unsigned char id;
+    const char* name;
+} kOneByte[] = {
+    {0x01, "Sequential"},
+    {0x02, "IDP"},
+    {0x03, "Voyetra Turtle Beach"},
+    {0x04, "Moog Music"},
+    {0x05, "Passport Designs"},
+    {0x06, "Lexicon"},
+    {0x07, "Kurzweil"},
+    {0x08, "Fender"},
+    {0x09, "Gulbransen"},
+    {0x0A, "AKG Acoustics"},
+    {0x0B, "Voyce Music"},
+    {0x0C, "Waveframe"},
+    {0x0D, "ADA"},
+    {0x0E, "Garfield Electronics"},
+    {0x0F, "Ensoniq"},
+    {0x10, "Oberheim"},
+    {0x11, "Apple"},
+    {0x12, "Grey Matter Response"},
+    {0x13, "Digidesign"},
+    {0x14, "Palmtree Instruments"},
+    {0x15, "JL Cooper Electronics"},
+    {0x16, "Lowrey Organ"},
+    {0x17, "Adams-Smith"},
+    {0x18, "E-mu"},
+    {0x19, "Harmony Systems"},
+    {0x1A, "ART"},
+    {0x1B, "Baldwin"},
+    {0x1C, "Eventide"},
+    {0x1D, "Inventronics"},
+    {0x1E, "Key Concepts"},
+    {0x1F, "Clarity"},
+    {0x20, "Passac"},
+    {0x21, "Proel Labs"},
+    {0x22, "Synthaxe"},
+    {0x23, "Stepp"},
+    {0x24, "Hohner"},
+    {0x25, "Twister"},
+    {0x26, "Ketron"},
+    {0x27, "Jellinghaus"},
+    {0x28, "Southworth Music Systems"},
+    {0x29, "PPG"},
+    {0x2A, "JEN"},
+    {0x2B, "Solid State Logic"},
+    {0x2C, "Audio Veritrieb"},
+    {0x2D, "Neve"},
+    {0x2E, "Soundtracs"},
+    {0x2F, "Elka"},
+    {0x30, "Dynacord"},
+    {0x31, "Viscount"},
+    {0x32, "Drawmer"},
+    {0x33, "Clavia"},
+    {0x34, "Audio Architecture"},
+    {0x35, "Generalmusic"},
+    {0x36, "Cheetah"},
+    {0x37, "C.T.M."},
+    {0x38, "Simmons"},
+    {0x39, "Soundcraft"},
+    {0x3A, "Steinberg"},
+    {0x3B, "Wersi"},
+    {0x3C, "AVAB"},
+    {0x3D, "Digigram"},
+    {0x3E, "Waldorf"},
+    {0x3F, "Quasimidi"},
+    {0x40, "Kawai"},
+    {0x41, "Roland"},
+    {0x42, "Korg"},
+    {0x43, "Yamaha"},
+    {0x44, "Casio"},
+    {0x46, "Kamiya Studio"},
+    {0x47, "Akai"},
+    {0x48, "Victor"},
+    {0x49, "Mesosha"},
+    {0x4A, "Hoshino Gakki"},
+    {0x4B, "Fujitsu"},
+    {0x4C, "Sony"},
+    {0x4D, "Nisshin Onpa"},
+    {0x4E, "TEAC"},
+    {0x50, "Matsushita Electric"},
+    {0x51, "Fostex"},
+    {0x52, "Zoom"},
+    {0x53, "Midori Electronics"},
+    {0x54, "Matsushita Communication"},
+    {0x55, "Suzuki"},
+    {0x56, "Fuji Sound"},
+    {0x57, "Acoustic Technical Laboratory"},
+    {0x59, "Faith"},
+    {0x5A, "Internet Corporation"},
+    {0x5C, "Seekers"},
+    {0x5F, "SD Card Association"},
+    {0x7D, "non-commercial"},
+    {0x7E, "universal non-real time"},
+    {0x7F, "universal real time"},
+};
+
+// By the two bytes behind the 0.
+static const struct
+{
+    int id;
+    const char* name;
+} kThreeBytes[] = {
+    {0x0007, "Digital Music Corp."},
+    {0x0009, "New England Digital"},
+    {0x000B, "IVL Technologies"},
+    {0x000E, "Alesis"},
+    {0x0010, "DOD Electronics"},
+    {0x0016, "Opcode Systems"},
+    {0x0017, "Rane"},
+    {0x001A, "Allen & Heath"},
+    {0x001B, "Peavey"},
+    {0x001C, "360 Systems"},
+    {0x001F, "Zeta Systems"},
+    {0x0021, "Orban"},
+    {0x0029, "Rocktron"},
+    {0x002A, "PianoDisc"},
+    {0x002D, "Rodgers Instrument"},
+    {0x002F, "Encore Electronics"},
+    {0x0031, "Voce"},
+    {0x0035, "Allen Organ"},
+    {0x0038, "Aphex"},
+    {0x0039, "Gallien-Krueger"},
+    {0x003B, "Mark of the Unicorn"},
+    {0x0041, "Microsoft"},
+    {0x004A, "Mesa Boogie"},
+    {0x004D, "Studio Electronics"},
+    {0x0050, "MIDI Solutions"},
+    {0x0057, "Peterson"},
+    {0x0065, "Turtle Beach"},
+    {0x0066, "Mackie"},
+    {0x0100, "Shure"},
+    {0x0105, "M-Audio"},
+    {0x0106, "PreSonus"},
+    {0x010C, "Line 6"},
+    {0x0118, "Sound Sculpture"},
+    {0x0121, "Cakewalk"},
+    {0x0126, "Antares"},
+    {0x0136, "Radikal Technologies"},
+    {0x0137, "Roger Linn Design"},
+    {0x013F, "Numark"},
+    {0x014C, "Muse Research"},
+    {0x015B, "RJM Music Technology"},
+    {0x0161, "Livid Instruments"},
+    {0x016B, "Social Entropy"},
+    {0x016C, "Source Audio"},
+    {0x016E, "Fishman"},
+    {0x0172, "Kilpatrick Audio"},
+    {0x0173, "iConnectivity"},
+    {0x0174, "Fractal Audio"},
+    {0x0177, "Nektar"},
+    {0x0204, "Synclavier Digital"},
+    {0x020B, "Denon DJ"},
+    {0x0210, "Meris"},
+    {0x0214, "Intellijel"},
+    {0x0218, "Universal Audio"},
+    {0x2000, "Dream"},
+    {0x2013, "Kenton"},
+    {0x2016, "Marshall"},
+    {0x201A, "Fatar"},
+    {0x201F, "TC Electronic"},
+    {0x2020, "Doepfer"},
+    {0x2021, "E-mu"},
+    {0x2029, "Focusrite/Novation"},
+    {0x202B, "Medeli"},
+    {0x2031, "Emagic"},
+    {0x2032, "Behringer"},
+    {0x2033, "Access Music"},
+    {0x2036, "Terratec"},
+    {0x203A, "Propellerhead"},
+    {0x203B, "Red Sound"},
+    {0x203C, "Elektron"},
+    {0x203E, "MAM"},
+    {0x2041, "Mode Machines"},
+    {0x2047, "Klavis"},
+    {0x204D, "Vermona"},
+    {0x2050, "Hartmann"},
+    {0x2057, "Manikin"},
+    {0x205F, "Sequentix"},
+    {0x2063, "CME"},
+    {0x206B, "Arturia"},
+    {0x2070, "OTO Machines"},
+    {0x2072, "Blackstar"},
+    {0x2076, "Teenage Engineering"},
+    {0x207F, "Serato"},
+    {0x2109, "Native Instruments"},
+};
+
+QByteArray manufacturerOf(const QByteArray& sysEx)
+{
+    const QByteArray body = sysEx.mid(1, sysEx.size() - 2);
+    if (body.isEmpty())
+        return body;
+    return body.left(body.at(0) == 0 ? 3 : 1);
+}
+
+QString manufacturerName(const QByteArray& id)
+{
+    const auto byteAt = [&](int index) { return static_cast<unsigned char>(id.at(index)); };
+    if (id.size() == 1) {
+        for (const auto& entry : kOneByte) {
+            if (entry.id == byteAt(0))
+                return QLatin1String(entry.name);
+        }
+    }
+    if (id.size() == 3) {
+        for (const auto& entry : kThreeBytes) {
+            if (entry.id == (byteAt(1) << 8 | byteAt(2)))
+                return QLatin1String(entry.name);
+        }
+    }
+    return QString();
+}

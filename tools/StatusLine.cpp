@@ -1,0 +1,36 @@
+#include "tools/StatusLine.h"
+
+#include "tools/Console.h"
+#include "tools/Interruption.h"
+
+#include <algorithm>
+#include <utility>
+
+using std::chrono::steady_clock;
+
+static const std::chrono::milliseconds kRedraw(200);
+
+StatusLine::StatusLine(Receiver& receiver, std::function<QString()> text)
+    : receiver(receiver), text(std::move(text)), shown(errorIsTerminal()),
+      drawAt(shown ? steady_clock::now() : time_point::max())
+{}
+
+bool StatusLine::next(ReceivedMessage* message, time_point deadline)
+{
+    for (;;) {
+        if (steady_clock::now() >= drawAt) {
+            showInPlace(text());
+            drawAt = steady_clock::now() + kRedraw;
+        }
+        if (receiver.next(message, std::min(deadline, drawAt)))
+            return true;
+        if (interrupted() || steady_clock::now() >= deadline)
+            return false;
+    }
+}
+
+void StatusLine::clear()
+{
+    if (shown)
+        showInPlace(QString());
+}
