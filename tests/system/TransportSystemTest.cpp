@@ -228,7 +228,6 @@ public:
                 }
             }
         }
-        VirtualFree(gap, 0, MEM_RELEASE);
         // What the heap has left of its low pages.
         while (true) {
             void* const block = HeapAlloc(GetProcessHeap(), 0, 0x8000);
@@ -236,6 +235,8 @@ public:
             if (!block || reinterpret_cast<std::uintptr_t>(block) > kLimit)
                 break;
         }
+        // Not before: Wine 10's heap would take it.
+        VirtualFree(gap, 0, MEM_RELEASE);
     }
 
     ~LowMemory()
