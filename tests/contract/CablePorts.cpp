@@ -11,7 +11,12 @@ void connectOnePair()
     // The cable reads its description at the first call of WinMM and leaves nothing open between
     // tests, so once is enough; a group of its own keeps processes that run beside this one out.
     static const bool done = [] {
-        SetEnvironmentVariableW(L"LUMORA_CABLE", L"in \"Contract\"\nout \"Contract\"\n");
+        wchar_t driver[32];
+        const bool isWindows11 = GetEnvironmentVariableW(L"LUMORA_CONTRACT_DRIVER", driver, 32) > 0;
+        SetEnvironmentVariableW(L"LUMORA_CABLE", isWindows11
+                                                     ? L"in \"Contract\" driver=windows11\n"
+                                                       L"out \"Contract\" driver=windows11\n"
+                                                     : L"in \"Contract\"\nout \"Contract\"\n");
         SetEnvironmentVariableW(L"LUMORA_CABLE_GROUP", L"contract");
         return midiInGetNumDevs() == 1 && midiOutGetNumDevs() == 1;
     }();

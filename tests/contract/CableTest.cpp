@@ -760,6 +760,84 @@ TEST(CableWait, IsWhereTheDescriptionSays)
     }
 }
 
+// ---- Windows 11's driver ----------------------------------------------------------------------
+
+BOOL control(int command, BOOL input)
+{
+    const auto function = reinterpret_cast<LumoraCableControlFunction>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"winelumora.drv"), "LumoraCableControl")));
+    return function && function(command, input, 0);
+}
+
+TEST(CableWindows11, LosesADeviceAndGetsItBack)
+{
+    if (ranWithPorts("in \"a\" driver=windows11\nout \"b\" driver=windows11"))
+        return;
+    static Recorder recorder; // the driver keeps the header
+    static Buffer buffer(16);
+    HMIDIIN lost = nullptr;
+    ASSERT_EQ(MMSYSERR_NOERROR, midiInOpen(&lost, 0, Recorder::inputCallback(), recorder.instance(),
+                                           CALLBACK_FUNCTION));
+    midiInPrepareHeader(lost, buffer.header(), sizeof(MIDIHDR));
+    midiInAddBuffer(lost, buffer.header(), sizeof(MIDIHDR));
+    midiInStart(lost);
+    ASSERT_TRUE(control(LUMORA_CABLE_UNPLUG, TRUE));
+    EXPECT_EQ(MMSYSERR_NODRIVER, midiInStop(lost));
+    EXPECT_EQ(MMSYSERR_NODRIVER, midiInReset(lost));
+    EXPECT_EQ(MMSYSERR_NODRIVER, midiInAddBuffer(lost, buffer.header(), sizeof(MIDIHDR)));
+    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInUnprepareHeader(lost, buffer.header(), sizeof(MIDIHDR)));
+    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInClose(lost));
+    EXPECT_EQ(MMSYSERR_NODRIVER, Input().result);
+
+    ASSERT_TRUE(control(LUMORA_CABLE_PLUG_IN, TRUE));
+    Output output;
+    {
+        Input first;
+        Input second;
+        first.start();
+        second.start();
+        output.sendShort(kNoteOn);
+        EXPECT_EQ(std::vector<DWORD>{kNoteOn}, first.recorder.waitForShort(1));
+        EXPECT_EQ(std::vector<DWORD>{kNoteOn}, second.recorder.waitForShort(1));
+    }
+    EXPECT_EQ(1u, recorder.notices().size());
+    ASSERT_TRUE(control(LUMORA_CABLE_UNLOAD, TRUE));
+    EXPECT_EQ(1u, recorder.notices(MIM_CLOSE).size());
+    EXPECT_NE(0u, buffer.flags() & MHDR_INQUEUE);
+}
+
+TEST(CableWindows11, MayLoseItsDeviceByTheClockAndCleanUp)
+{
+    if (ranWithPorts("in \"a\" driver=windows11 unplug=30 removal=cleanup"))
+        return;
+    Input input;
+    input.giveBuffers(2, 16);
+    const Stopwatch stopwatch;
+    while (input.start() != MMSYSERR_NODRIVER && stopwatch.milliseconds() < 10000)
+        Sleep(1);
+    EXPECT_EQ(MMSYSERR_NODRIVER, input.start());
+    EXPECT_EQ(MMSYSERR_NOERROR, input.reset());
+    EXPECT_EQ(2u, input.recorder.notices(MIM_LONGDATA).size());
+    EXPECT_EQ(MMSYSERR_NOERROR, midiInClose(input.handle));
+    input.handle = nullptr;
+}
+
+TEST(CableWindows11, AnOutputThatIsNotTakenFromTimesOut)
+{
+    if (ranWithPorts("out \"b\" driver=windows11 timeout=20 shorts=wait failed=error"))
+        return;
+    Output output;
+    ASSERT_TRUE(control(LUMORA_CABLE_STALL, FALSE));
+    Buffer message(sysEx(8));
+    output.prepare(message);
+    EXPECT_EQ(MMSYSERR_ERROR, output.queue(message));
+    EXPECT_EQ(1u, output.recorder.notices(MOM_DONE).size());
+    EXPECT_EQ(MMSYSERR_ERROR, output.sendShort(kNoteOn));
+    ASSERT_TRUE(control(LUMORA_CABLE_GO_ON, FALSE));
+    EXPECT_EQ(MMSYSERR_NOERROR, output.sendShort(kNoteOn));
+    EXPECT_EQ(MMSYSERR_NOERROR, output.unprepare(message));
+}
+
 // ---- The log ----------------------------------------------------------------------------------
 
 // The lines of a log, without their times, which must be in milliseconds with three decimals.

@@ -1,132 +1,18 @@
 // The model of a driver's port, with each way of calling back: by whoever lets data arrive, and by
 // a thread of the port's own.
-#include "tests/contract/MidiRecorder.h"
-#include "workbench/device/OutputPort.h"
+#include "tests/device/Clients.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
 
 namespace {
 
-using contract::Buffer;
-using contract::Bytes;
 using contract::Notice;
-using contract::Recorder;
 using contract::sysEx;
 using contract::waitAWhile;
 using device::Completion;
 using device::DriverKind;
-using device::Settings;
-
-constexpr DWORD kNoteOn = 0x00644090;
-
-// ---- Clients ------------------------------------------------------------------------------------
-
-// Real or, from the first advance on, as the test sets it.
-struct Time
-{
-    static inline std::atomic<std::int64_t> set{-1};
-    static std::int64_t now() { return set < 0 ? device::steadyMicroseconds() : set.load(); }
-};
-
-template <typename Handle>
-device::Port::Callback callbackOf(Recorder& recorder, DWORD_PTR procedure)
-{
-    using Procedure = void(CALLBACK*)(Handle, UINT, DWORD_PTR, DWORD, DWORD);
-    return [&recorder, call = reinterpret_cast<Procedure>(procedure)](UINT message, DWORD_PTR p1,
-                                                                      DWORD p2) {
-        call(nullptr, message, recorder.instance(), static_cast<DWORD>(p1), p2);
-    };
-}
-
-class Input
-{
-public:
-    explicit Input(const Settings& settings)
-        : port(std::make_shared<device::InputPort>(
-              settings, callbackOf<HMIDIIN>(recorder, Recorder::inputCallback())))
-    {
-        EXPECT_TRUE(port->begin(port));
-    }
-    ~Input()
-    {
-        if (!port->isOpen())
-            return;
-        port->reset();
-        port->close();
-    }
-
-    std::vector<Buffer*> giveBuffers(std::size_t count, std::size_t length)
-    {
-        std::vector<Buffer*> given;
-        for (std::size_t i = 0; i < count; ++i) {
-            buffers.push_back(std::make_unique<Buffer>(length));
-            given.push_back(buffers.back().get());
-            recorder.expect(given.back()->header());
-            EXPECT_EQ(device::prepareHeader(given.back()->header(), sizeof(MIDIHDR)), 0u);
-            EXPECT_EQ(port->addBuffer(given.back()->header(), sizeof(MIDIHDR)), 0u);
-        }
-        return given;
-    }
-
-    Recorder recorder;
-    std::vector<std::unique_ptr<Buffer>> buffers;
-    std::shared_ptr<device::InputPort> port;
-};
-
-class Into : public device::Wire
-{
-public:
-    explicit Into(device::InputPort* itsInput) : input(itsInput) {}
-    bool connect() override { return !input || input->takesAtOnce(); }
-    void take(const MIDIPiece& piece, const device::Pause& pause) override
-    {
-        if (input)
-            input->take(source, piece, pause);
-    }
-
-private:
-    device::InputPort* const input;
-    const device::SourceId source = device::nextSourceId();
-};
-
-class Output
-{
-public:
-    Output(const Settings& settings, device::InputPort* input)
-        : port(std::make_shared<device::OutputPort>(
-              settings, std::make_unique<Into>(input),
-              callbackOf<HMIDIOUT>(recorder, Recorder::outputCallback())))
-    {
-        EXPECT_TRUE(port->begin(port));
-    }
-    ~Output()
-    {
-        port->reset();
-        port->close();
-    }
-
-    Buffer* begin(const Bytes& bytes)
-    {
-        buffers.push_back(std::make_unique<Buffer>(bytes));
-        Buffer& buffer = *buffers.back();
-        recorder.expect(buffer.header());
-        EXPECT_EQ(device::prepareHeader(buffer.header(), sizeof(MIDIHDR)), 0u);
-        EXPECT_EQ(port->sendLong(buffer.header(), sizeof(MIDIHDR)), 0u);
-        return &buffer;
-    }
-    // Waits until the message is done.
-    void send(const Bytes& bytes)
-    {
-        const std::size_t before = recorder.notices(MOM_DONE).size();
-        begin(bytes);
-        EXPECT_GT(recorder.waitFor(MOM_DONE, before + 1).size(), before);
-    }
-
-    Recorder recorder;
-    std::vector<std::unique_ptr<Buffer>> buffers;
-    std::shared_ptr<device::OutputPort> port;
-};
+using namespace device_test;
 
 struct Ports : testing::TestWithParam<bool>
 {

@@ -908,6 +908,49 @@ TEST_F(Input, EveryClientOfASharedInputGetsItsCopy)
     EXPECT_EQ(midiInClose(second), MMSYSERR_NOERROR);
 }
 
+// ---- Unplugging ---------------------------------------------------------------------------------
+
+TEST_F(Input, AnUnpluggedDeviceKeepsItsPlaceAndOpensAnewWhenItIsBack)
+{
+    sim::setDriverKind(sim::DriverKind::Windows11);
+    Headers headers(1);
+    const HMIDIIN lost = openWith(headers, 1);
+    const HMIDIIN second = open(); // of any number
+    sim::unplugInput(device);
+    MIDIINCAPSW caps;
+    HMIDIIN refused = nullptr;
+    EXPECT_EQ(midiInGetNumDevs(), 1u);
+    EXPECT_EQ(midiInGetDevCapsW(0, &caps, sizeof caps), MMSYSERR_NODRIVER);
+    EXPECT_EQ(midiInOpen(&refused, 0, 0, 0, CALLBACK_NULL), MMSYSERR_NODRIVER);
+    EXPECT_FALSE(sim::shortMessage(device, 0xF8));
+    EXPECT_EQ(midiInReset(lost), MMSYSERR_NODRIVER);
+    EXPECT_EQ(midiInClose(lost), MIDIERR_STILLPLAYING);
+    EXPECT_EQ(midiInClose(second), MMSYSERR_NOERROR);
+
+    sim::plugInInput(device);
+    const HMIDIIN fresh = open();
+    midiInStart(fresh);
+    EXPECT_TRUE(sim::shortMessage(device, 0xF8));
+    EXPECT_EQ(midiInClose(fresh), MMSYSERR_NOERROR);
+    EXPECT_EQ(midiInStop(lost), MMSYSERR_NODRIVER);
+    EXPECT_EQ(sim::inUse().inputBuffers, 1);
+    receiver.take();
+    sim::unloadDriver();
+    EXPECT_EQ(receiver.messages(), std::vector<UINT>{MIM_CLOSE});
+    EXPECT_EQ(midiInClose(lost), MMSYSERR_INVALHANDLE);
+    EXPECT_EQ(sim::inUse().inputPorts, 0);
+}
+
+TEST_F(Input, AnUnpluggedDeviceOfAnotherKindStillServesItsClient)
+{
+    Headers headers(1);
+    const HMIDIIN handle = openWith(headers, 1);
+    sim::unplugInput(device);
+    EXPECT_EQ(sim::sysEx(device, "abc", 3), 0u);
+    EXPECT_EQ(midiInReset(handle), MMSYSERR_NOERROR);
+    EXPECT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
+}
+
 // ---- Flood --------------------------------------------------------------------------------------
 
 // Counts and looks at nothing, so that it may outlive the close.
@@ -958,7 +1001,8 @@ TEST_P(FloodKinds, BuffersComeBackInEveryCycleOfOpeningAndClosing)
 INSTANTIATE_TEST_SUITE_P(Kinds, FloodKinds,
                          testing::Values(sim::DriverKind::WaitsInReset,
                                          sim::DriverKind::WaitsInClose,
-                                         sim::DriverKind::WaitsInNeither));
+                                         sim::DriverKind::WaitsInNeither,
+                                         sim::DriverKind::Windows11));
 
 TEST_F(Input, FloodReportsWhatThePortTook)
 {
@@ -1115,6 +1159,28 @@ TEST_F(Output, SendsAreRecordedWithTheirTime)
     EXPECT_EQ(sent[1].time, 150u);
     sim::clearSent(device);
     EXPECT_TRUE(sim::sent(device).empty());
+}
+
+TEST_F(Output, AStalledOrUnpluggedOneFailsOnWindows11)
+{
+    sim::reset();
+    sim::DeviceOptions options;
+    options.kind = sim::DriverKind::Windows11;
+    options.windows11.sendPiece = 10;
+    sim::addOutput(u"Out", options);
+    Headers headers(1);
+    const HMIDIOUT handle = open();
+    sim::stallOutput(device, true);
+    EXPECT_EQ(send(handle, headers[0], {0xF0, 0xF7}), MMSYSERR_ERROR);
+    EXPECT_EQ(headers[0].dwFlags, MHDR_PREPARED);
+    sim::stallOutput(device, false);
+    EXPECT_EQ(send(handle, headers[0], {0xF0, 0xF7}), MMSYSERR_NOERROR);
+    sim::unplugOutput(device);
+    EXPECT_EQ(midiOutShortMsg(handle, 0xF8), MMSYSERR_NODRIVER);
+    EXPECT_EQ(midiOutClose(handle), MMSYSERR_NOERROR);
+    EXPECT_EQ(receiver.messages(), (std::vector<UINT>{MOM_OPEN, MOM_DONE, MOM_CLOSE}));
+    sim::plugInOutput(device);
+    EXPECT_EQ(midiOutClose(open()), MMSYSERR_NOERROR);
 }
 
 TEST_F(Output, RawCallsTheCallbackWithAnything)

@@ -28,7 +28,8 @@ constexpr int kCycles = 500;
 
 const char kCableDescription[] = "in \"Reset\" flood=100 dump=5000 repeat=0 wait=reset\n"
                                  "in \"Close\" flood=100 dump=5000 repeat=0 wait=close\n"
-                                 "in \"None\" flood=100 dump=5000 repeat=0 wait=none\n";
+                                 "in \"None\" flood=100 dump=5000 repeat=0 wait=none\n"
+                                 "in \"Windows11\" flood=100 dump=5000 repeat=0 driver=windows11\n";
 
 constexpr std::ptrdiff_t kDumpBytes = 5000;
 
@@ -154,11 +155,11 @@ TEST_P(CloseUnderFloodWineTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
 
 std::string waitName(const testing::TestParamInfo<int>& port)
 {
-    static const char* const names[] = {"Reset", "Close", "None"};
+    static const char* const names[] = {"Reset", "Close", "None", "Windows11"};
     return names[port.param - 1];
 }
 
-INSTANTIATE_TEST_SUITE_P(Wait, CloseUnderFloodWineTest, testing::Values(1, 2, 3), waitName);
+INSTANTIATE_TEST_SUITE_P(Wait, CloseUnderFloodWineTest, testing::Values(1, 2, 3, 4), waitName);
 
 } // namespace
 

@@ -126,8 +126,9 @@ TEST_F(RaceTest, TerminateStopsADeliveryInProgress)
 // is gone already; no client can help that. So for this kind the flood ends first.
 TEST_F(RaceTest, ReleaseDuringDeliveryEndsItAndClosesThePorts)
 {
-    for (const sim::DriverKind kind : {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
-                                       sim::DriverKind::WaitsInNeither}) {
+    for (const sim::DriverKind kind :
+         {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
+          sim::DriverKind::WaitsInNeither, sim::DriverKind::Windows11}) {
         sim::setDriverKind(kind);
         for (int round = 0; round < 20; ++round) {
             watchdog.alive();

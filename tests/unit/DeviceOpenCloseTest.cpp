@@ -578,8 +578,9 @@ TEST_F(DeviceOpenCloseTest, WithAHighHeapPortsOpenAndReceiveAllTheSame)
 TEST_F(DeviceOpenCloseTest, ManyCyclesGiveAllBuffersBackEveryTime)
 {
     sim::logCalls(false);
-    for (const sim::DriverKind kind : {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
-                                       sim::DriverKind::WaitsInNeither}) {
+    for (const sim::DriverKind kind :
+         {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
+          sim::DriverKind::WaitsInNeither, sim::DriverKind::Windows11}) {
         sim::setDriverKind(kind);
         sim::FloodOptions options;
         options.sysExEvery = 5;

@@ -32,6 +32,17 @@ typedef struct LumoraCableCounters
 // first parameter. MMSYSERR_INVALPARAM if the address is null or `size` is another.
 #define LUMORA_CABLE_GET_COUNTERS 0x4C01
 
+// What a test does to a device, by the function LumoraCableControl that winelumora.drv exports:
+// GetModuleHandle finds the driver once WinMM has loaded it. FALSE if there is no such device.
+enum {
+    LUMORA_CABLE_UNPLUG,  // pulls it out; its open ports lose it
+    LUMORA_CABLE_PLUG_IN, // it can be opened anew
+    LUMORA_CABLE_UNLOAD,  // unloads its driver, with what is open
+    LUMORA_CABLE_STALL,   // an output of Windows 11's driver: sends run into their time-out
+    LUMORA_CABLE_GO_ON
+};
+typedef BOOL(WINAPI* LumoraCableControlFunction)(int command, BOOL input, UINT device);
+
 #ifdef __cplusplus
 }
 #endif

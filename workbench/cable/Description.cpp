@@ -173,6 +173,26 @@ const Option kOptions[] = {
      [](Port p, Of v) {
          p.kind = device::DriverKind(v.oneOf({"reset", "close", "none"}));
      }},
+    {"driver", true, true,
+     [](Port p, Of v) {
+         v.oneOf({"windows11"});
+         p.kind = device::DriverKind::Windows11;
+     }},
+    {"unplug", true, true, [](Port p, Of v) { p.unplugAfter = v.number(1); }},
+    {"removal", true, true,
+     [](Port p, Of v) {
+         const bool unnoticed = v.oneOf({"unnoticed", "cleanup"}) == 0;
+         p.windows11.noticesRemoval = !unnoticed;
+         p.windows11.cleansUpAfterRemoval = !unnoticed;
+     }},
+    {"timeout", false, true, [](Port p, Of v) { p.windows11.sendPiece = v.number(1); }},
+    {"failed", false, true,
+     [](Port p, Of v) {
+         p.windows11.failedLong =
+             device::Windows11::FailedLong(v.oneOf({"kept", "error", "success"}));
+     }},
+    {"shorts", false, true,
+     [](Port p, Of v) { p.windows11.shortsDoNotWait = v.oneOf({"wait"}) != 0; }},
     {"start", true, false, [](Port p, Of v) { p.startResult = refusal(v, MMSYSERR_NOMEM); }},
     {"addbuffer", true, false, [](Port p, Of v) { p.failAddBufferAt = v.failAt(); }},
     {"split", true, false, [](Port p, Of v) { p.split = v.number(1); }},
@@ -217,7 +237,6 @@ std::wstring wideName(const std::string& utf8)
 PortDescription parseLine(LineReader line)
 {
     PortDescription port;
-    port.ownThread = true;
     port.completion = device::Completion::Thread;
     port.to = kToUnset;
     const std::string_view direction = line.word();
@@ -228,6 +247,9 @@ PortDescription parseLine(LineReader line)
     port.name = wideName(line.quoted());
     while (!line.atEnd())
         apply(port, line.word());
+    const bool isWindows11 = port.kind == device::DriverKind::Windows11;
+    port.ownThread = !isWindows11;
+    port.worker = isWindows11 && port.isInput;
     return port;
 }
 

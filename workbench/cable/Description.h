@@ -20,6 +20,8 @@ struct PortDescription : device::Settings
     DWORD failAddBufferAt = 0;
     DWORD failLongAt = 0;
 
+    DWORD unplugAfter = 0; // milliseconds from an opening until its port loses the device
+
     bool logHeld = false; // of an input
     DWORD to = 0;         // of an output: 1-based position of the input that it feeds, 0: nowhere
 };

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 #include <mmddk.h>
 
@@ -58,6 +59,8 @@ DWORD copyCaps(const Place<OpenPort>& place, DWORD_PTR target, DWORD_PTR size)
 {
     if (!target)
         return MMSYSERR_INVALPARAM;
+    if (!place.present.load())
+        return MMSYSERR_NODRIVER;
     if (place.description.capsResult != MMSYSERR_NOERROR)
         return place.description.capsResult;
     const auto caps = capsOf(place);
@@ -166,23 +169,45 @@ DWORD openPort(Place<OpenPort>& place, DWORD_PTR user, const MIDIOPENDESC* reque
         return place.description.openResult;
     keepLoaded();
 
-    const std::lock_guard<std::mutex> guard(place.mutex);
-    if (place.open) {
-        if (!place.open->wasRefused())
-            return MMSYSERR_ALLOCATED;
-        place.open->abandon();
-        logClose(place, *place.open);
-        place.open.reset();
+    if (!place.present.load())
+        return MMSYSERR_NODRIVER;
+
+    const bool isShared = place.description.kind == device::DriverKind::Windows11;
+    std::shared_ptr<OpenPort> port;
+    std::vector<std::shared_ptr<OpenPort>> refused;
+    {
+        const std::lock_guard<std::mutex> guard(place.mutex);
+        // Lost ports keep their headers until the driver is unloaded.
+        for (const auto& client : place.clients) {
+            if (client->wasRefused() && !client->isUnplugged())
+                refused.push_back(client);
+            else if (!isShared && !client->isUnplugged())
+                return MMSYSERR_ALLOCATED;
+        }
+        port =
+            std::make_shared<OpenPort>(place.description, place.position,
+                                       Client(*request, flags, place.description, place.position));
+        place.clients.push_back(port);
     }
-    const auto port =
-        std::make_shared<OpenPort>(place.description, place.position,
-                                   Client(*request, flags, place.description, place.position));
-    if (!port->begin(port))
+    for (const auto& client : refused) {
+        client->abandon();
+        logClose(place, *client);
+        place.remove(client);
+    }
+    if (!port->begin(port)) {
+        place.remove(port);
         return MMSYSERR_NOMEM;
+    }
     listen(port);
     logEvent(direction(place.description), place.position, "open");
-    place.open = port;
     *reinterpret_cast<DWORD_PTR*>(user) = port->id;
+    if (const DWORD after = place.description.unplugAfter) {
+        std::thread([after, lost = std::weak_ptr<OpenPort>(port)] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(after));
+            if (const auto open = lost.lock())
+                open->unplug();
+        }).detach();
+    }
     return MMSYSERR_NOERROR;
 }
 
@@ -193,9 +218,7 @@ DWORD closePort(Place<OpenPort>& place, const std::shared_ptr<OpenPort>& port)
     if (result != MMSYSERR_NOERROR)
         return result;
     logClose(place, *port);
-    const std::lock_guard<std::mutex> guard(place.mutex);
-    if (place.open == port)
-        place.open.reset();
+    place.remove(port);
     return MMSYSERR_NOERROR;
 }
 
@@ -275,12 +298,8 @@ DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const 
     if (message == codes.open)
         return openPort(place, user, reinterpret_cast<const MIDIOPENDESC*>(parameter1),
                         static_cast<DWORD>(parameter2));
-    if (message == codes.prepare)
-        return fails(place.prepares, place.description.failPrepareAt)
-                   ? MMSYSERR_NOMEM
-                   : device::prepareHeader(header, parameter2);
-    if (message == codes.unprepare)
-        return device::unprepareHeader(header, parameter2);
+    if (message == codes.prepare && fails(place.prepares, place.description.failPrepareAt))
+        return MMSYSERR_NOMEM;
     // Of a device or of an open port alike.
     if (message == MODM_GETVOLUME && !place.description.isInput)
         return parameter1 ? MMSYSERR_NOTSUPPORTED : MMSYSERR_INVALPARAM;
@@ -288,6 +307,10 @@ DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const 
     const std::shared_ptr<OpenPort> port = place.current(user);
     if (!port)
         return MMSYSERR_INVALHANDLE;
+    if (message == codes.prepare)
+        return port->prepare(header, parameter2);
+    if (message == codes.unprepare)
+        return port->unprepare(header, parameter2);
     if (message == codes.close)
         return closePort(place, port);
     if (message == LUMORA_CABLE_GET_COUNTERS)
@@ -298,6 +321,33 @@ DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const 
         return port->reset();
     }
     return ownMessage(place, *port, message, parameter1, parameter2);
+}
+
+template <class OpenPort>
+void controlPlace(Place<OpenPort>& place, int command)
+{
+    if (command == LUMORA_CABLE_UNPLUG || command == LUMORA_CABLE_PLUG_IN)
+        place.present.store(command == LUMORA_CABLE_PLUG_IN);
+    for (const auto& port : place.current()) {
+        if (command == LUMORA_CABLE_UNPLUG) {
+            port->unplug();
+        } else if (command == LUMORA_CABLE_UNLOAD) {
+            port->unload();
+            place.remove(port);
+        } else if constexpr (std::is_same_v<OpenPort, OutputPort>) {
+            if (command == LUMORA_CABLE_STALL || command == LUMORA_CABLE_GO_ON)
+                port->stall(command == LUMORA_CABLE_STALL);
+        }
+    }
+}
+
+template <class OpenPort>
+BOOL control(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, int command, UINT device)
+{
+    if (device >= places.size())
+        return FALSE;
+    controlPlace(*places[device], command);
+    return TRUE;
 }
 
 } // namespace
@@ -342,6 +392,14 @@ __declspec(dllexport) LRESULT CALLBACK
     default:
         return DefDriverProc(driver, handle, message, parameter1, parameter2);
     }
+}
+
+// For tests: see Cable.h.
+__declspec(dllexport) BOOL WINAPI LumoraCableControl(int command, BOOL input, UINT device)
+{
+    auto& table = cable::PortTable::instance();
+    return input ? cable::control(table.inputs, command, device)
+                 : cable::control(table.outputs, command, device);
 }
 
 } // extern "C"

@@ -71,23 +71,29 @@ bool Lead::connect()
     const auto& inputs = PortTable::instance().inputs;
     if (to > 0 && to <= inputs.size())
         local = inputs[to - 1]->current();
-    return local ? local->takesAtOnce() : to == 0;
+    local.erase(std::remove_if(local.begin(), local.end(),
+                               [](const auto& input) { return input->isUnplugged(); }),
+                local.end());
+    if (local.empty())
+        return to == 0;
+    return std::all_of(local.begin(), local.end(),
+                       [](const auto& input) { return input->takesAtOnce(); });
 }
 
 void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
 {
-    if (!local && to != 0) {
+    if (local.empty() && to != 0) {
         remote.take(piece);
         return;
     }
-    if (local)
-        local->take(source, piece, pause);
-    (local ? delivered : dropped).count(piece);
+    for (const auto& input : local)
+        input->take(source, piece, pause);
+    (local.empty() ? dropped : delivered).count(piece);
 }
 
 void Lead::disconnect(device::Counters& counters)
 {
-    local.reset();
+    local.clear();
     for (Delivery* taken : {&delivered, &remote.sent}) {
         counters.deliveredShort += taken->shortMessages;
         counters.deliveredBytes += taken->bytes;

@@ -6,6 +6,7 @@
 #include "workbench/cable/RemoteInput.h"
 #include "workbench/device/OutputPort.h"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -13,6 +14,8 @@ namespace cable {
 
 // Never 0, never the same twice in a process: a call through a stale handle is recognised.
 DWORD_PTR nextPortId();
+
+class InputPort;
 
 // What an output feeds: an input of this process, else one of another, else nothing.
 class Lead : public device::Wire
@@ -32,9 +35,9 @@ private:
     const unsigned position;
     const unsigned to;
     const device::SourceId source = device::nextSourceId();
-    std::shared_ptr<device::InputPort> local; // the input, if this process has it open
-    RemoteInput remote;                       // otherwise
-    Delivery delivered, dropped;              // not yet in the counters
+    std::vector<std::shared_ptr<InputPort>> local; // the input, if this process has it open
+    RemoteInput remote;                            // otherwise
+    Delivery delivered, dropped;                   // not yet in the counters
 };
 
 // Other processes reach the input while it is open.
@@ -64,24 +67,35 @@ struct Place
     PortDescription description;
     unsigned position; // from 1
 
-    std::mutex mutex;
-    std::shared_ptr<OpenPort> open; // guarded by `mutex`; null if closed
+    std::atomic<bool> present{true}; // false: pulled out
+
+    std::mutex mutex; // taken alone: a port's own calls may wait for another's
+    std::vector<std::shared_ptr<OpenPort>> clients; // guarded by `mutex`; several on Windows 11
 
     std::atomic<DWORD> prepares{0};
     std::atomic<DWORD> addBuffers{0};
     std::atomic<DWORD> longs{0};
 
-    std::shared_ptr<OpenPort> current()
+    std::vector<std::shared_ptr<OpenPort>> current()
     {
         const std::lock_guard<std::mutex> guard(mutex);
-        return open;
+        return clients;
     }
 
     // The port that the client's handle stands for; null if that has been closed.
     std::shared_ptr<OpenPort> current(DWORD_PTR id)
     {
-        std::shared_ptr<OpenPort> port = current();
-        return port && port->id == id ? port : nullptr;
+        for (auto& port : current()) {
+            if (port->id == id)
+                return port;
+        }
+        return nullptr;
+    }
+
+    void remove(const std::shared_ptr<OpenPort>& port)
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        clients.erase(std::remove(clients.begin(), clients.end(), port), clients.end());
     }
 };
 

@@ -5,6 +5,9 @@
 
 namespace device {
 
+// The part of a header that Windows 11's driver asks for.
+constexpr DWORD_PTR kLeastHeader = 32;
+
 // dwFlags is shared between the driver's threads and whoever polls it. Its offset of 24 in the
 // packed header keeps it aligned.
 DWORD flagsOf(const MIDIHDR& header);

@@ -58,15 +58,22 @@ InputPort::~InputPort()
 
 MMRESULT InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
 {
+    MMRESULT refusal = lookUp();
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
     const Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
-    const MMRESULT refusal = checkHeader(header, size);
+    if (isWindows11()) // whatever the flags say
+        refusal = header && size >= kLeastHeader ? MMSYSERR_NOERROR : MMSYSERR_INVALPARAM;
+    else
+        refusal = checkHeader(header, size);
     if (refusal != MMSYSERR_NOERROR)
         return refusal;
     header->dwBytesRecorded = 0;
     markQueued(*header);
     buffers.push_back(header);
+    bufferAdded.notifyAll();
     return MMSYSERR_NOERROR;
 }
 
@@ -74,6 +81,9 @@ MMRESULT InputPort::start()
 {
     if (settings.startResult != MMSYSERR_NOERROR)
         return settings.startResult;
+    const MMRESULT refusal = lookUp();
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
     const Lock held(lock);
     if (started.load())
         return MMSYSERR_NOERROR;
@@ -93,6 +103,9 @@ MMRESULT InputPort::start()
 
 MMRESULT InputPort::stop()
 {
+    const MMRESULT refusal = stopWorker();
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
     Lock held(lock);
     conclude(held, stopAndTakePartial(), false);
     return MMSYSERR_NOERROR;
@@ -100,6 +113,13 @@ MMRESULT InputPort::stop()
 
 MMRESULT InputPort::reset()
 {
+    const MMRESULT refusal = stopWorker();
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
+    // Windows 11's driver holds it while it calls the client.
+    std::unique_lock<std::recursive_mutex> own(portLock, std::defer_lock);
+    if (isWindows11())
+        own.lock();
     Lock held(lock);
     Notices due = stopAndTakePartial();
     if (!settings.ownThread && kind() == DriverKind::WaitsInReset) {
@@ -114,12 +134,145 @@ MMRESULT InputPort::reset()
     return MMSYSERR_NOERROR;
 }
 
+// ---- Windows 11's worker ------------------------------------------------------------------------
+
+// Waits for its callback in progress.
+MMRESULT InputPort::stopWorker()
+{
+    if (!isWindows11())
+        return MMSYSERR_NOERROR;
+    const MMRESULT refusal = lookUp(settings.windows11.cleansUpAfterRemoval);
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
+    {
+        const Lock held(lock);
+        started.store(false);
+        startedAt.store(0, std::memory_order_relaxed); // stamps are the machine's time from here on
+        bufferAdded.notifyAll();
+    }
+    waitForOthers();
+    return MMSYSERR_NOERROR;
+}
+
+// True if there is a worker, and the calling thread is another.
+bool InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
+{
+    if (!settings.worker || onOwnThread())
+        return false;
+    const Lock held(lock);
+    if (isUnplugged())
+        return true;
+    if (arrivals.size() >= kMostPending) {
+        ++tally.droppedShort;
+        return true;
+    }
+    arrivals.push_back(
+        {source, piece, {piece.bytes, piece.bytes + piece.length}, settings.clock()});
+    wakeThread();
+    return true;
+}
+
+bool InputPort::handleShort(DWORD word)
+{
+    const InProgress inProgress(*this);
+    if (!started.load())
+        return false;
+    const auto status = static_cast<unsigned char>(word);
+    for (std::size_t i = 0; i < midiMessageLength(status); ++i) { // for each byte
+        const std::lock_guard<std::recursive_mutex> once(portLock);
+    }
+    // No messages to this driver, and no realtime: they end a SysEx message.
+    if (status == 0xF9 || status == 0xFD) {
+        Lock held(lock);
+        breakOff(held);
+        return true;
+    }
+    shortsCalled.fetch_add(1, std::memory_order_relaxed);
+    call(MIM_DATA, word, timeStamp());
+    return true;
+}
+
+std::size_t InputPort::handle(SourceId source, MIDIPiece piece)
+{
+    const InProgress inProgress(*this);
+    if (!started.load())
+        return 0;
+    for (std::size_t i = 0; i < piece.length; ++i) { // for each byte
+        const std::lock_guard<std::recursive_mutex> once(portLock);
+    }
+    Lock held(lock);
+    if (piece.first) {
+        breakOff(held);
+        sysExSource = source;
+        found = awaitBuffer(held, found ? settings.windows11.bufferAtStart : 0);
+        dropping = !found;
+    } else if (sysExSource != source) {
+        tally.droppedBytes += piece.length;
+        return 0;
+    }
+    std::size_t taken = 0;
+    while (piece.length > 0 && started.load()) {
+        dropping = dropping || !awaitBuffer(held, settings.windows11.bufferWithin);
+        if (dropping) {
+            tally.droppedBytes += piece.length;
+            break;
+        }
+        taken += fillFirst(held, piece);
+    }
+    if (piece.last && started.load()) {
+        dropping = false;
+        endSysEx(held, MIM_LONGDATA);
+    }
+    return taken;
+}
+
+bool InputPort::awaitBuffer(Lock& held, DWORD milliseconds)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (buffers.empty() && started.load()) {
+        const auto left = end - std::chrono::steady_clock::now();
+        if (left.count() <= 0)
+            return false;
+        const auto whole = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+        bufferAdded.wait(held, static_cast<DWORD>(whole + 1));
+    }
+    return started.load();
+}
+
+// Where a buffer has just been returned there is nothing to report; the next one comes back empty.
+void InputPort::breakOff(Lock& held)
+{
+    if (sysExSource == 0)
+        return;
+    sysExSource = 0;
+    if (filled > 0)
+        giveBackFirst(held, MIM_LONGERROR);
+    else if (!dropping && !buffers.empty())
+        giveBackFirst(held, MIM_LONGDATA);
+    dropping = false;
+}
+
+void InputPort::touchKept(Lock& held)
+{
+    started.store(false);
+    if (buffers.empty() || (flagsOf(*buffers.front()) & MHDR_INQUEUE) == 0)
+        return;
+    if (filled > 0)
+        giveBackFirst(held, MIM_LONGERROR);
+}
+
 // ---- What arrives -------------------------------------------------------------------------------
 
 // Without the lock, where the sender itself calls back: it would order the sender behind whoever
 // adds buffers.
 bool InputPort::shortMessage(DWORD word)
 {
+    if (leaveToWorker(self, {MIDIPiece::Kind::Short, word}))
+        return isStarted();
+    if (isUnplugged() && !settings.worker)
+        return false;
+    if (isWindows11())
+        return handleShort(word);
     if (!settings.ownThread) {
         const InProgress inProgress(*this);
         if (!started.load())
@@ -150,6 +303,12 @@ void InputPort::take(SourceId source, const MIDIPiece& piece, const Pause& pause
 
 std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& pause)
 {
+    if (leaveToWorker(source, piece))
+        return piece.length;
+    if (isUnplugged() && !settings.worker)
+        return 0;
+    if (isWindows11())
+        return handle(source, piece);
     const std::int64_t hold = std::int64_t(settings.hold) * 1000;
     std::int64_t lastTaken = settings.clock();
     bool goOn = true;
@@ -181,9 +340,15 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& paus
 
 void InputPort::sysExBroken(SourceId source)
 {
+    if (leaveToWorker(source, {MIDIPiece::Kind::Broken}))
+        return;
     const InProgress inProgress(*this);
     Lock held(lock);
-    if (sysExSource == source)
+    if (!started.load() || sysExSource != source)
+        return;
+    if (isWindows11())
+        breakOff(held);
+    else
         endSysEx(held, MIM_LONGERROR);
 }
 
@@ -215,7 +380,19 @@ std::size_t InputPort::room(std::size_t enough)
 
 DWORD InputPort::work(Lock& held)
 {
-    return play(held);
+    if (arrivals.empty())
+        return play(held);
+    const Arrival arrival = std::move(arrivals.front());
+    arrivals.pop_front();
+    held.unlock();
+    // What came before the start is not for the client.
+    if (arrival.at >= startedAt.load(std::memory_order_relaxed)) {
+        MIDIPiece piece = arrival.piece;
+        piece.bytes = arrival.bytes.data();
+        take(arrival.source, piece, nullptr);
+    }
+    held.lock();
+    return 0;
 }
 
 DWORD InputPort::queuedHeaders() const
@@ -295,8 +472,8 @@ Port::Notices InputPort::stopAndTakePartial()
 {
     Notices due;
     if (filled > 0) {
-        due.push_back(
-            noticeOf(MIM_LONGDATA, buffers.front(), std::exchange(filled, 0), timeStamp()));
+        due.push_back(noticeOf(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA, buffers.front(),
+                               std::exchange(filled, 0), timeStamp()));
         buffers.pop_front();
     }
     endWork();
@@ -307,9 +484,10 @@ Port::Notices InputPort::stopAndTakePartial()
 
 DWORD InputPort::play(Lock& held)
 {
+    const InProgress inProgress(*this);
     const std::vector<Generator>& generators = settings.generators;
     const bool over = settings.repeat != 0 && round == settings.repeat;
-    if (!started.load() || generators.empty() || over)
+    if (!started.load() || isUnplugged() || generators.empty() || over)
         return INFINITE;
     const Generator& playing = generators[generator];
     const std::int64_t now = settings.clock();
@@ -347,6 +525,15 @@ DWORD InputPort::playDump(Lock& held, const Generator& dump, std::int64_t now)
         bytes[i] = dumpByte(produced + i, dump.count, dumpCounter);
 
     MIDIPiece piece{MIDIPiece::Kind::SysEx, 0, bytes, length, first, false};
+    if (isWindows11()) {
+        produced += length;
+        piece.last = produced == dump.count;
+        dumpCounter += piece.last ? 1 : 0;
+        held.unlock();
+        const std::size_t heard = handle(self, piece);
+        held.lock();
+        return heard > 0 ? 0 : 1;
+    }
     if (!accepts(held, self, piece)) { // another message has put an end to this one
         produced = dump.count;
         ++dumpCounter;

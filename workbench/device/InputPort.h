@@ -36,7 +36,7 @@ public:
     // Returns how many bytes found room.
     std::size_t sysEx(SourceId source, MIDIPiece piece, const Pause& pause = nullptr);
     void sysExBroken(SourceId source);
-    bool takesAtOnce() const { return settings.hold == 0; }
+    bool takesAtOnce() const { return settings.hold == 0 || settings.worker; }
 
     // Hands the next queued buffer back with any code and any dwBytesRecorded, started or not. As
     // many of the bytes as fit are copied into it. Null if no buffer is queued.
@@ -50,6 +50,24 @@ private:
     DWORD queuedHeaders() const override;
     void endWork() override;
     void discardWork() override;
+    void touchKept(Lock& held) override;
+
+    // What waits for the worker.
+    struct Arrival
+    {
+        SourceId source;
+        MIDIPiece piece;
+        std::vector<unsigned char> bytes; // of the piece
+        std::int64_t at;
+    };
+    bool leaveToWorker(SourceId source, const MIDIPiece& piece);
+
+    // Of the Windows 11 kind.
+    MMRESULT stopWorker();
+    std::size_t handle(SourceId source, MIDIPiece piece);
+    bool handleShort(DWORD word);
+    bool awaitBuffer(Lock& held, DWORD milliseconds);
+    void breakOff(Lock& held);
 
     // With the lock held.
     DWORD timeStamp() const;
@@ -68,6 +86,11 @@ private:
     static constexpr std::int64_t kNever = -1;
     std::atomic<std::int64_t> startedAt{kNever};
     SourceId sysExSource = 0; // whose SysEx message is arriving, 0: none
+
+    std::deque<Arrival> arrivals;
+    Condition bufferAdded;
+    bool dropping = false; // the rest of the message that arrives
+    bool found = true;     // a buffer, at the last F0
 
     // Where the generators are since the start.
     SourceId self = nextSourceId();

@@ -7,6 +7,12 @@ namespace device {
 
 namespace {
 
+// Of what does not wait in the queue, and cannot be taken away from there.
+constexpr std::uint64_t kUnnumbered = 0;
+
+// Windows 11's driver hands a long message to its service in pieces of so many bytes.
+constexpr DWORD kServicePiece = 2048;
+
 // A paced message arrives in slices of 10 ms, as from a small FIFO.
 constexpr DWORD kSlicesPerSecond = 100;
 
@@ -34,6 +40,8 @@ OutputPort::~OutputPort()
 
 MMRESULT OutputPort::sendShort(DWORD word)
 {
+    if (isWindows11())
+        return sendShortNow(word);
     const auto status = static_cast<unsigned char>(word);
     if (isMIDIStatus(status) && midiMessageLength(status) == 0)
         return MMSYSERR_INVALPARAM;
@@ -47,6 +55,8 @@ MMRESULT OutputPort::sendShort(DWORD word)
 
 MMRESULT OutputPort::sendLong(MIDIHDR* header, DWORD_PTR size)
 {
+    if (isWindows11())
+        return sendLongNow(header, size);
     Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
@@ -61,6 +71,8 @@ MMRESULT OutputPort::sendLong(MIDIHDR* header, DWORD_PTR size)
 
 MMRESULT OutputPort::reset()
 {
+    if (isWindows11())
+        return lookUp(settings.windows11.cleansUpAfterRemoval); // and nothing else
     Lock held(lock);
     if (!settings.ownThread && kind() == DriverKind::WaitsInReset) {
         held.unlock();
@@ -88,6 +100,92 @@ MIDIHDR* OutputPort::completeNext()
     const auto next =
         std::find_if(items.begin(), items.end(), [](const Item& item) { return !item.plays; });
     return next == items.end() ? nullptr : play(held, next->number, false);
+}
+
+// ---- Windows 11's driver ------------------------------------------------------------------------
+
+MMRESULT OutputPort::sendShortNow(DWORD word)
+{
+    const MMRESULT refusal = lookUp();
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
+    const std::lock_guard<std::recursive_mutex> own(portLock);
+    Lock held(lock);
+    std::vector<MIDIPiece> pieces;
+    if (!stream.shortMessage(word, [&](const MIDIPiece& piece) { pieces.push_back(piece); }))
+        return MMSYSERR_INVALPARAM;
+    wire->noteShort(word);
+    if (!settings.windows11.shortsDoNotWait && !awaitService(held))
+        return MMSYSERR_ERROR;
+    if (isUnplugged())
+        return MMSYSERR_NOERROR; // lost
+    wire->connect();
+    carry(held, pieces, kUnnumbered, false);
+    wire->disconnect(tally);
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
+{
+    const MMRESULT refusal = lookUp();
+    if (refusal != MMSYSERR_NOERROR)
+        return refusal;
+    const std::lock_guard<std::recursive_mutex> own(portLock);
+    if (!header || size < kLeastHeader || header->dwBufferLength == 0)
+        return MMSYSERR_INVALPARAM;
+    if ((flagsOf(*header) & MHDR_PREPARED) == 0)
+        return MMSYSERR_INVALFLAG;
+    Lock held(lock);
+    wire->noteLong(*header);
+    wire->connect();
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(header->lpData);
+    MMRESULT result = MMSYSERR_NOERROR;
+    for (DWORD at = 0; at < header->dwBufferLength && result == MMSYSERR_NOERROR;) {
+        const DWORD length = std::min(kServicePiece, header->dwBufferLength - at);
+        if (settings.pace) {
+            wireFreeAt = std::max(wireFreeAt, settings.clock()) +
+                         std::int64_t(length) * 1000000 / settings.pace;
+            waitForWire(held, kUnnumbered, wireFreeAt);
+        }
+        if (!awaitService(held)) {
+            result = MMSYSERR_ERROR;
+            break;
+        }
+        std::vector<MIDIPiece> pieces;
+        stream.bytes(bytes + at, length, [&](const MIDIPiece& piece) { pieces.push_back(piece); });
+        carry(held, pieces, kUnnumbered, false);
+        at += length;
+    }
+    wire->disconnect(tally);
+    const auto failed = settings.windows11.failedLong;
+    if (result == MMSYSERR_NOERROR || failed != Windows11::FailedLong::StaysWithClient)
+        conclude(held, {noticeOf(MOM_DONE, header, 0, 0)}, false);
+    return failed == Windows11::FailedLong::DoneWithSuccess ? MMRESULT(MMSYSERR_NOERROR) : result;
+}
+
+// Until a piece is taken. Once that took too long, further sends fail at once until the service
+// moves.
+bool OutputPort::awaitService(Lock& held)
+{
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(settings.windows11.sendPiece);
+    while (stalled || isUnplugged()) {
+        const auto left = end - std::chrono::steady_clock::now();
+        timedOut = timedOut || left.count() <= 0;
+        if (timedOut)
+            return false;
+        const auto whole = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+        serviceMoves.wait(held, static_cast<DWORD>(whole + 1));
+    }
+    timedOut = false;
+    return true;
+}
+
+void OutputPort::stall(bool on)
+{
+    const Lock held(lock);
+    stalled = on;
+    serviceMoves.notifyAll();
 }
 
 // ---- Sending ------------------------------------------------------------------------------------
@@ -196,7 +294,7 @@ void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::ui
         held.unlock();
     std::size_t noise = 0;
     for (const MIDIPiece& piece : pieces) {
-        if (piece.kind == MIDIPiece::Kind::Noise)
+        if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged())
             noise += piece.length;
         else
             wire->take(piece, pause);
@@ -211,7 +309,7 @@ void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::ui
 // False if the item has been taken away before.
 bool OutputPort::waitForWire(Lock& held, std::uint64_t number, std::int64_t due)
 {
-    while (find(number) != items.end()) {
+    while (number == kUnnumbered || find(number) != items.end()) {
         const std::int64_t now = settings.clock();
         if (now >= due)
             return true;

@@ -40,6 +40,10 @@ public:
     // Completes every long message; short messages that wait for their turn still go out.
     MMRESULT reset();
 
+    // The far end takes nothing, as a service that hangs, until told otherwise. Sends of the
+    // Windows 11 kind then run into their time-out.
+    void stall(bool on);
+
     void setCompletion(Completion to) { completion.store(to, std::memory_order_relaxed); }
     // Plays the oldest message that waits. Returns its header, null if there is none or a reset
     // finishes it meanwhile.
@@ -57,6 +61,11 @@ private:
         std::int64_t queuedAt;
         bool plays = false;
     };
+
+    // Of the Windows 11 kind: sends are over when they return.
+    MMRESULT sendShortNow(DWORD word);
+    MMRESULT sendLongNow(MIDIHDR* header, DWORD_PTR size);
+    bool awaitService(Lock& held);
 
     DWORD work(Lock& held) override;
     DWORD queuedHeaders() const override;
@@ -82,6 +91,10 @@ private:
     Condition cancelled;  // an item that plays has been taken away
     MIDIByteStream stream;
     std::int64_t wireFreeAt = 0;
+
+    bool stalled = false;
+    bool timedOut = false; // and the service has not moved since
+    Condition serviceMoves;
 };
 
 } // namespace device

@@ -1,6 +1,8 @@
 #include "workbench/device/Port.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
 
@@ -20,7 +22,8 @@ void*& innermost()
 } // namespace
 
 Port::InProgress::InProgress(Port& port, std::memory_order order)
-    : count(port.callbacks), outer(static_cast<InProgress*>(innermost()))
+    : count(port.callbacks), outer(static_cast<InProgress*>(innermost())),
+      ofArrival(order != kUnordered)
 {
     count.fetch_add(1, order);
     innermost() = this;
@@ -32,17 +35,97 @@ Port::InProgress::~InProgress()
     count.fetch_sub(1, std::memory_order_release);
 }
 
-void Port::waitForOthers()
+bool Port::waitForOthers(std::chrono::milliseconds limit)
 {
+    const auto end = std::chrono::steady_clock::now() + limit;
     int own = 0;
-    for (const auto* c = static_cast<InProgress*>(innermost()); c; c = c->outer)
-        own += &c->count == &callbacks;
+    for (const auto* c = static_cast<InProgress*>(innermost()); c; c = c->outer) {
+        if (&c->count != &callbacks)
+            continue;
+        ++own;
+        if (isWindows11() && c->ofArrival) {
+            std::fprintf(stderr, "device: a call inside the worker's callback never returns\n");
+            std::abort();
+        }
+    }
     for (int round = 0; callbacks.load() > own; ++round) {
         if (round < 100)
             std::this_thread::yield();
+        else if (std::chrono::steady_clock::now() > end)
+            return false;
         else
             std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
+    return true;
+}
+
+// ---- Windows 11's driver ------------------------------------------------------------------------
+
+namespace {
+
+using DriverLock = std::unique_lock<std::recursive_mutex>;
+
+// Of all ports of the process.
+std::recursive_mutex& tableLock()
+{
+    static auto& lock = *new std::recursive_mutex; // threads may call while the process ends
+    return lock;
+}
+
+} // namespace
+
+MMRESULT Port::lookUp(bool alsoRemoved)
+{
+    if (!isWindows11())
+        return MMSYSERR_NOERROR;
+    const DriverLock table(tableLock());
+    const DriverLock own(portLock);
+    return removed.load() && !alsoRemoved ? MMRESULT(MMSYSERR_NODRIVER)
+                                          : MMRESULT(MMSYSERR_NOERROR);
+}
+
+void Port::unplug()
+{
+    unplugged.store(true);
+    if (!isWindows11() || !settings.windows11.noticesRemoval)
+        return;
+    const DriverLock table(tableLock());
+    const DriverLock own(portLock);
+    removed.store(true);
+}
+
+void Port::unload()
+{
+    {
+        Lock held(lock);
+        if (!open.load())
+            return;
+        touchKept(held);
+        endWork();
+        discardWork();
+        open.store(false);
+        closing = true;
+        silent = true;
+        wakeThread();
+    }
+    released();
+    const InProgress inProgress(*this, InProgress::kUnordered);
+    call(messages.close, 0, 0);
+}
+
+// WinMM looks at the flags before it asks the driver; the driver leaves the rest to WinMM.
+MMRESULT Port::prepare(MIDIHDR* header, DWORD_PTR size)
+{
+    const MMRESULT refusal = lookUp();
+    return refusal == MMSYSERR_NOERROR ? prepareHeader(header, size) : refusal;
+}
+
+MMRESULT Port::unprepare(MIDIHDR* header, DWORD_PTR size)
+{
+    const bool asksDriver =
+        header && (flagsOf(*header) & (MHDR_PREPARED | MHDR_INQUEUE)) == MHDR_PREPARED;
+    const MMRESULT refusal = asksDriver ? lookUp() : MMRESULT(MMSYSERR_NOERROR);
+    return refusal == MMSYSERR_NOERROR ? unprepareHeader(header, size) : refusal;
 }
 
 // ---- Opening and closing ------------------------------------------------------------------------
@@ -73,10 +156,15 @@ void Port::endThread()
 
 bool Port::begin(std::shared_ptr<void> owner)
 {
+    DriverLock table(tableLock(), std::defer_lock);
+    if (isWindows11())
+        table.lock();
     if (!settings.ownThread) {
-        const InProgress inProgress(*this, InProgress::kUnordered);
-        call(messages.open, 0, 0);
-        return true;
+        {
+            const InProgress inProgress(*this, InProgress::kUnordered);
+            call(messages.open, 0, 0);
+        }
+        return !settings.worker || startThread(std::move(owner));
     }
     Lock held(lock);
     tell(held, {messages.open, 0, 0});
@@ -95,6 +183,11 @@ bool Port::startThread(std::shared_ptr<void> owner)
 
 MMRESULT Port::close()
 {
+    DriverLock table(tableLock(), std::defer_lock);
+    if (isWindows11()) {
+        table.lock();
+        lookUp(true);
+    }
     Lock held(lock);
     if (!open.load())
         return MMSYSERR_INVALHANDLE;
@@ -116,8 +209,12 @@ MMRESULT Port::close()
     held.unlock();
 
     released();
-    if (waits && !threadTells)
+    if (isWindows11()) {
+        waitForOthers(std::chrono::milliseconds(settings.windows11.closeLimit));
+        table.unlock();
+    } else if (waits && !threadTells) {
         waitForOthers();
+    }
     if (waits && thread.joinable() && !onOwnThread())
         thread.join();
     if (!threadTells) {

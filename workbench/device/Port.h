@@ -39,6 +39,17 @@ public:
     MMRESULT close();
     bool isOpen() const { return open.load(); }
 
+    MMRESULT prepare(MIDIHDR* header, DWORD_PTR size);
+    MMRESULT unprepare(MIDIHDR* header, DWORD_PTR size);
+
+    // The device is pulled out: nothing arrives and nothing is taken any more. The Windows 11 kind
+    // waits for a send in progress to tell its ports of that.
+    void unplug();
+    bool isUnplugged() const { return unplugged.load(); }
+    // Windows 11's driver is unloaded with the port still open: it looks at the first header that
+    // it kept, hands it back if it holds bytes, and closes the port, on this thread.
+    void unload();
+
     // True once a close was refused. Where that takes the client's handle away all the same, the
     // next opening may replace the port.
     bool wasRefused();
@@ -89,14 +100,21 @@ protected:
         friend class Port;
         std::atomic<int>& count;
         InProgress* const outer; // of this thread
+        const bool ofArrival;    // not inside a call of the client
     };
 
     Port(const Settings& settings, Messages messages, Callback callback);
 
     DriverKind kind() const { return driverKind.load(std::memory_order_relaxed); }
+    bool isWindows11() const { return kind() == DriverKind::Windows11; }
+    // At the head of every call to a port of the Windows 11 kind: takes the lock of all ports and
+    // inside it the port's. Whoever holds the port's, as a send does, so holds up every call to any
+    // port. MMSYSERR_NODRIVER once the port knows that it is removed.
+    MMRESULT lookUp(bool alsoRemoved = false);
     // Until only those callbacks are left that the calling thread itself is inside of. Without the
     // lock.
-    void waitForOthers();
+    // False if that took longer.
+    bool waitForOthers(std::chrono::milliseconds limit = std::chrono::hours(1000));
 
     // Below here `lock` is held; it is let go while the client is called back from here.
 
@@ -122,11 +140,13 @@ protected:
     // something was done, otherwise the number of milliseconds to wait unless woken.
     virtual DWORD work(Lock& held) = 0;
     virtual DWORD queuedHeaders() const = 0;
-    virtual void endWork() = 0;     // no more input, nothing new to send
-    virtual void discardWork() = 0; // what is waiting is forgotten
-    virtual void released() {}      // the port is closed for the world; without the lock
+    virtual void endWork() = 0;      // no more input, nothing new to send
+    virtual void discardWork() = 0;  // what is waiting is forgotten
+    virtual void released() {}       // the port is closed for the world; without the lock
+    virtual void touchKept(Lock&) {} // the headers of a port whose driver is unloaded
 
     const Settings settings;
+    std::recursive_mutex portLock; // of the Windows 11 kind; taken before `lock`
     Mutex lock;
     Counters tally;
     std::atomic<std::uint64_t> shortsCalled{0}; // by whoever lets them arrive, without the lock
@@ -143,6 +163,8 @@ private:
     std::atomic<DriverKind> driverKind;
     std::atomic<bool> open{true};
     std::atomic<int> callbacks{0};
+    std::atomic<bool> unplugged{false};
+    std::atomic<bool> removed{false}; // the port knows
 
     Condition wake; // for the thread: something to do
     Condition idle; // for those who wait for the thread

@@ -10,8 +10,37 @@
 namespace device {
 
 // Which call of a client waits for a callback in progress on another thread. Waiting for it in
-// neither, as some drivers do, lets a callback outlive the close.
-enum class DriverKind { WaitsInReset, WaitsInClose, WaitsInNeither };
+// neither, as some drivers do, lets a callback outlive the close. Windows 11's own driver waits in
+// all of them, and differs in more: see Windows11.
+enum class DriverKind { WaitsInReset, WaitsInClose, WaitsInNeither, Windows11 };
+
+// The driver that Windows 11 has below WinMM for every port since 2026. Any number of clients may
+// open a port. Data that arrives is called back by a worker thread of the port, everything else
+// inside the call that brings it about. A stop, reset or close inside a callback of the worker
+// never returns: here it ends the program.
+struct Windows11
+{
+    // Milliseconds that the worker waits for a buffer before it throws the message away: at its F0
+    // (and not at all after a message that found none), and within it.
+    DWORD bufferAtStart = 1;
+    DWORD bufferWithin = 10;
+    // Milliseconds for each piece of a long message to be taken, before the send fails.
+    DWORD sendPiece = 4000;
+
+    // Milliseconds that a close waits for the worker.
+    DWORD closeLimit = 10000;
+
+    // The driver's own switches. A removal is noticed, and from then on every call but the close
+    // answers MMSYSERR_NODRIVER; else nothing tells, and sends run into their time-out.
+    bool noticesRemoval = true;
+    // Short messages do not wait to be taken.
+    bool shortsDoNotWait = true;
+    // Stop and reset still work after a removal, so that the port can be closed.
+    bool cleansUpAfterRemoval = false;
+    // What becomes of the header of a long send that fails.
+    enum class FailedLong { StaysWithClient, DoneWithError, DoneWithSuccess };
+    FailedLong failedLong = FailedLong::StaysWithClient;
+};
 
 // When a long message is finished.
 enum class Completion {
@@ -35,6 +64,10 @@ struct Settings
     // True: a thread of the port's own calls the client back. False: whoever lets data arrive, or
     // makes the call that returns a header, does.
     bool ownThread = false;
+    // Of the Windows 11 kind only: a thread of the port's own is the worker. Else whoever lets data
+    // arrive is.
+    bool worker = false;
+    Windows11 windows11;
     Clock clock = steadyMicroseconds;
 
     // What the client is answered.

@@ -134,9 +134,11 @@ bool isSignalled(HANDLE event);
 
 // ---- Devices ------------------------------------------------------------------------------------
 
-// Of the model of a driver's port.
+// Of the model of a driver's port. Windows 11's own driver lets a device have any number of
+// clients; outputs of it finish every send before it returns, whatever their completion is.
 using device::Completion;
 using device::DriverKind;
+using device::Windows11;
 
 struct DeviceOptions
 {
@@ -144,6 +146,7 @@ struct DeviceOptions
     MMRESULT openResult = MMSYSERR_NOERROR; // what opening answers
     unsigned maximumClients = 1;            // further opens answer MMSYSERR_ALLOCATED; at most 8
     DriverKind kind = DriverKind::WaitsInReset;
+    Windows11 windows11;                        // the switches and times of that kind
     Completion completion = Completion::Inline; // outputs only
     bool fillsCaps = true;                      // false: reports success and writes nothing
     bool keepSent = true;                       // outputs only: record for sent()
@@ -157,6 +160,19 @@ int addOutput(const std::u16string& name, const DeviceOptions& options = {});
 void removeDevices();
 
 void setDriverKind(DriverKind kind); // of all devices present
+
+// Pulls the device out, with its ports open or not: nothing arrives, nothing is sent, and it cannot
+// be opened (MMSYSERR_NODRIVER); it keeps its place among the devices. A port that the Windows 11
+// kind has open refuses every call but the close from then on, keeps its buffers, and refuses to
+// close while it has some; ports of other kinds still serve their clients. returnBuffer() and raw()
+// go on working, for what was on its way.
+void unplugInput(int input);
+void unplugOutput(int output);
+// The device is back and can be opened anew. Ports that lost it stay lost.
+void plugInInput(int input);
+void plugInOutput(int output);
+// Windows 11's driver is unloaded: touches what lost ports kept, and calls back, on this thread.
+void unloadDriver();
 void setCompletion(int output, Completion completion);
 
 // ---- Input ------------------------------------------------------------------------------------
@@ -229,6 +245,9 @@ std::size_t pendingOutputs(int output); // accepted, not yet finished
 MIDIHDR* completeOutput(int output);
 // Calls the output callback with arbitrary arguments. False if no port is open.
 bool rawOutput(int output, UINT message, DWORD parameter1, DWORD parameter2);
+
+// The service behind an output of the Windows 11 kind takes nothing: sends run into their time-out.
+void stallOutput(int output, bool on);
 
 // What the output finishes arrives at the input, before its MOM_DONE: SysEx through the buffers,
 // everything else as short messages, as a lead from one socket to the other would do it.

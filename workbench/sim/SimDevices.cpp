@@ -61,6 +61,23 @@ void setKind(DriverKind kind)
     });
 }
 
+// Each port by itself: the model may wait for a send in progress.
+template <typename Handle>
+void unplug(int index)
+{
+    Device<Handle>& device = scriptedDevice<Handle>(index);
+    device.present.store(false);
+    forEachClient(device, [](Port<Handle>& port) { port.unplug(); });
+}
+
+template <typename Handle>
+void unload()
+{
+    forEachDevice<Handle>([](Device<Handle>& device) {
+        forEachClient(device, [](Port<Handle>& port) { port.unload(); });
+    });
+}
+
 } // namespace
 
 template <typename Handle>
@@ -71,6 +88,7 @@ Device<Handle>::Device(const std::u16string& deviceName, const DeviceOptions& de
     settings.completion = options.completion;
     settings.capsResult = options.capsResult;
     settings.openResult = options.openResult;
+    settings.windows11 = options.windows11;
     settings.clock = microseconds;
 }
 
@@ -147,6 +165,32 @@ void setDriverKind(DriverKind kind)
     setKind<HMIDIOUT>(kind);
 }
 
+void unplugInput(int input)
+{
+    unplug<HMIDIIN>(input);
+}
+
+void unplugOutput(int output)
+{
+    unplug<HMIDIOUT>(output);
+}
+
+void plugInInput(int input)
+{
+    scriptedDevice<HMIDIIN>(input).present.store(true);
+}
+
+void plugInOutput(int output)
+{
+    scriptedDevice<HMIDIOUT>(output).present.store(true);
+}
+
+void unloadDriver()
+{
+    unload<HMIDIIN>();
+    unload<HMIDIOUT>();
+}
+
 // ---- Input --------------------------------------------------------------------------------------
 
 bool shortMessage(int input, DWORD packed)
@@ -197,6 +241,11 @@ std::size_t queuedBuffers(int input)
 }
 
 // ---- Output -------------------------------------------------------------------------------------
+
+void stallOutput(int output, bool on)
+{
+    forEachClient(scriptedDevice<HMIDIOUT>(output), [&](Port<HMIDIOUT>& port) { port.stall(on); });
+}
 
 void setCompletion(int output, Completion completion)
 {

@@ -47,10 +47,15 @@ MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR inst
     if (device->settings.openResult != MMSYSERR_NOERROR)
         return device->settings.openResult;
 
+    if (!device->present.load())
+        return MMSYSERR_NODRIVER;
+
     Port<Handle>* port = nullptr;
     {
         const std::lock_guard<std::mutex> guard(device->opening);
-        const auto end = device->clients.begin() + device->options.maximumClients;
+        const auto end = device->settings.kind == DriverKind::Windows11
+                             ? device->clients.end()
+                             : device->clients.begin() + device->options.maximumClients;
         const auto place = std::find(device->clients.begin(), end, nullptr);
         if (place == end)
             return MMSYSERR_ALLOCATED;
@@ -107,6 +112,8 @@ MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
     const Device<Handle>* const device = findDevice<Handle>(index);
     if (!device)
         return MMSYSERR_BADDEVICEID;
+    if (!device->present.load())
+        return MMSYSERR_NODRIVER;
     if (device->settings.capsResult != MMSYSERR_NOERROR)
         return device->settings.capsResult;
     if (!device->options.fillsCaps)
@@ -175,7 +182,7 @@ MMRESULT midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_P
     MMRESULT function(Handle handle, LPMIDIHDR header, UINT size)                                  \
     {                                                                                              \
         return servedBy(Entry(Function::function, handle, header, size), handle,                   \
-                        [&]([[maybe_unused]] Port<Handle>& port) { return call(header, size); });  \
+                        [&](Port<Handle>& port) { return port.call(header, size); });              \
     }
 
 SIM_PORT_CALL(midiInClose, HMIDIIN, close())
@@ -184,12 +191,12 @@ SIM_PORT_CALL(midiInStop, HMIDIIN, stop())
 SIM_PORT_CALL(midiInReset, HMIDIIN, reset())
 SIM_PORT_CALL(midiOutClose, HMIDIOUT, close())
 SIM_PORT_CALL(midiOutReset, HMIDIOUT, reset())
-SIM_HEADER_CALL(midiInPrepareHeader, HMIDIIN, device::prepareHeader)
-SIM_HEADER_CALL(midiInUnprepareHeader, HMIDIIN, device::unprepareHeader)
-SIM_HEADER_CALL(midiInAddBuffer, HMIDIIN, port.addBuffer)
-SIM_HEADER_CALL(midiOutPrepareHeader, HMIDIOUT, device::prepareHeader)
-SIM_HEADER_CALL(midiOutUnprepareHeader, HMIDIOUT, device::unprepareHeader)
-SIM_HEADER_CALL(midiOutLongMsg, HMIDIOUT, port.sendLong)
+SIM_HEADER_CALL(midiInPrepareHeader, HMIDIIN, prepare)
+SIM_HEADER_CALL(midiInUnprepareHeader, HMIDIIN, unprepare)
+SIM_HEADER_CALL(midiInAddBuffer, HMIDIIN, addBuffer)
+SIM_HEADER_CALL(midiOutPrepareHeader, HMIDIOUT, prepare)
+SIM_HEADER_CALL(midiOutUnprepareHeader, HMIDIOUT, unprepare)
+SIM_HEADER_CALL(midiOutLongMsg, HMIDIOUT, sendLong)
 
 MMRESULT midiOutShortMsg(HMIDIOUT handle, DWORD message)
 {

@@ -13,7 +13,7 @@
 namespace sim::internal {
 
 constexpr std::size_t kMaximumDevices = 1024;
-constexpr std::size_t kMaximumClients = 8;
+constexpr std::size_t kMaximumClients = 64;
 constexpr std::size_t kMaximumPorts = std::size_t(1) << 18; // opened between two resets
 
 template <typename Handle>
@@ -44,6 +44,7 @@ struct Device
     const std::u16string name;
     const DeviceOptions options;
     device::Settings settings; // guarded by `opening`
+    std::atomic<bool> present{true};
 
     std::mutex opening; // taken to open and to close
     std::array<std::atomic<Port<Handle>*>, kMaximumClients> clients{};
