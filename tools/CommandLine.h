@@ -20,13 +20,13 @@ public:
 
     /// Arguments in order; the last may repeat. `syntax` stands in the usage line, "PORT" or
     /// "[BYTES…]".
-    void addArgument(const QString& argument, const QString& description, const QString& syntax);
+    void addArgument(const QString& argument, const QString& text, const QString& syntax);
 
     /// One that names a port.
     void addPort(const QString& argument, bool output);
 
-    void addOption(const QString& option, const QString& description);
-    void addOption(const QString& option, const QString& description, const QString& valueName,
+    void addOption(const QString& option, const QString& text);
+    void addOption(const QString& option, const QString& text, const QString& valueName,
                    const QString& defaultValue = QString());
 
     /// What follows the first argument is not looked at: it belongs to a command.

@@ -192,7 +192,7 @@ static const struct
 
 QByteArray manufacturerOf(const QByteArray& sysEx)
 {
-    const QByteArray body = sysEx.mid(1, sysEx.size() - 2);
+    QByteArray body = sysEx.mid(1, sysEx.size() - 2);
     if (body.isEmpty())
         return body;
     return body.left(body.at(0) == 0 ? 3 : 1);

@@ -37,7 +37,7 @@ void addLenientOption(CommandLine& line)
 static QByteArray readAll(QFile& file)
 {
     // One byte more than there may be, and not what the size says: a pipe has none.
-    const QByteArray bytes = file.read(kLongestFile + 1);
+    QByteArray bytes = file.read(kLongestFile + 1);
     if (file.error() != QFile::NoError)
         refuseToRead(file);
     if (bytes.size() > kLongestFile)

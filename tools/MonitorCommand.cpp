@@ -92,7 +92,7 @@ static QString jsonLine(const ReceivedMessage& message, const Layout& layout, do
     return QString::fromUtf8(QJsonDocument(json).toJson(QJsonDocument::Compact));
 }
 
-static QString seconds(double milliseconds)
+static QString secondsText(double milliseconds)
 {
     return QString::number(milliseconds / 1000, 'f', 3);
 }
@@ -105,8 +105,8 @@ static QString lineOf(const ReceivedMessage& message, const Layout& layout, doub
         return jsonLine(message, layout, time, step) + QLatin1Char('\n');
     QString text;
     if (layout.times)
-        text += seconds(time).rightJustified(9) +
-                (QLatin1Char('+') + seconds(step)).rightJustified(9) + QLatin1String("  ");
+        text += secondsText(time).rightJustified(9) +
+                (QLatin1Char('+') + secondsText(step)).rightJustified(9) + QLatin1String("  ");
     if (layout.ports.size() > 1) {
         const Port& port = layout.ports.at(message.source);
         text += QStringLiteral("%1 %2: ").arg(port.number).arg(printable(port.name));

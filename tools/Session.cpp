@@ -54,7 +54,7 @@ QVector<Port> Session::ports(bool output) const
 
 Port Session::openInput(const QString& text, Receiver& receiver)
 {
-    const Port port = findPort(ports(false), text, false);
+    Port port = findPort(ports(false), text, false);
     const int noPort = 0; // gives the handle of the input that is open
     if (transports.back()->openInput(noPort))
         addTransport();
@@ -65,9 +65,9 @@ Port Session::openInput(const QString& text, Receiver& receiver)
     return port;
 }
 
-Port Session::openOutput(const QString& text)
+Port Session::openOutput(const QString& text) const
 {
-    const Port port = findPort(ports(true), text, true);
+    Port port = findPort(ports(true), text, true);
     if (!transport().openOutput(port.number))
         refuseToOpen(port, true);
     return port;

@@ -35,7 +35,7 @@ public:
     /// throw Failure if there is no such port or it does not open. `receiver` must outlive the
     /// session.
     Port openInput(const QString& text, Receiver& receiver);
-    Port openOutput(const QString& text);
+    Port openOutput(const QString& text) const;
 
 private:
     void addTransport();

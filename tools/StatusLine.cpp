@@ -29,7 +29,7 @@ bool StatusLine::next(ReceivedMessage* message, time_point deadline)
     }
 }
 
-void StatusLine::clear()
+void StatusLine::clear() const
 {
     if (shown)
         showInPlace(QString());

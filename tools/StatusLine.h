@@ -23,7 +23,7 @@ public:
     bool next(ReceivedMessage* message, time_point deadline);
 
     /// Takes the line off the terminal, until the next call of next().
-    void clear();
+    void clear() const;
 
 private:
     Receiver& receiver;

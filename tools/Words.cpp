@@ -16,16 +16,16 @@ static const struct Word
 {
     const char* name;
     int status;     // of the message, without the channel; 0 if it makes none
-    bool takesNote; // as the first number
     int numbers;    // how many follow …
     int mostNumber; // … and the largest one
+    bool takesNote; // as the first number
     bool lastMayLack;
 } kWords[] = {
-    {"on", 0x90, true, 2, kMostData, true},   {"off", 0x80, true, 2, kMostData, true},
-    {"pp", 0xA0, true, 2, kMostData, false},  {"cc", 0xB0, false, 2, kMostData, false},
-    {"pc", 0xC0, false, 1, kMostData, false}, {"cp", 0xD0, false, 1, kMostData, false},
-    {"pb", 0xE0, false, 1, kMostBend, false}, {"ch", 0, false, 1, kChannels, false},
-    {"panic", 0, false, 0, 0, false},
+    {"on", 0x90, 2, kMostData, true, true},   {"off", 0x80, 2, kMostData, true, true},
+    {"pp", 0xA0, 2, kMostData, true, false},  {"cc", 0xB0, 2, kMostData, false, false},
+    {"pc", 0xC0, 1, kMostData, false, false}, {"cp", 0xD0, 1, kMostData, false, false},
+    {"pb", 0xE0, 1, kMostBend, false, false}, {"ch", 0, 1, kChannels, false, false},
+    {"panic", 0, 0, 0, false, false},
 };
 
 // "CC" is left to hexadecimal text; every other word has letters of its own.
@@ -154,10 +154,9 @@ private:
         const int result = text.toInt(&isNumber);
         if (!isNumber || result < least || result > word.mostNumber)
             refuse(QStringLiteral("\"%1\" behind \"%2\" is no number from %3 to %4.%5")
-                       .arg(text, QLatin1String(word.name))
-                       .arg(least)
-                       .arg(word.mostNumber)
-                       .arg(qstrcmp(word.name, "cc") == 0
+                       .arg(text, QLatin1String(word.name), QString::number(least),
+                            QString::number(word.mostNumber),
+                            qstrcmp(word.name, "cc") == 0
                                 ? QStringLiteral(" (The byte CC is written in capital letters.)")
                                 : QString()));
         return result;

@@ -716,6 +716,7 @@ TEST(Words, AreRefusedWithTheWordThatIsWrong)
 {
     expectBadData([] { words("on H4 100"); }, "\"H4\" behind \"on\" is no note: 0 to 127");
     expectBadData([] { words("on 60 128"); }, "\"128\" behind \"on\" is no number from 0 to 127.");
+    expectBadData([] { words("pc %1"); }, "\"%1\" behind \"pc\" is no number from 0 to 127.");
     expectBadData([] { words("cc 7"); }, "A number is missing behind \"cc\".");
     expectBadData([] { words("on"); }, "A note is missing behind \"on\".");
     expectBadData([] { words("ch 17 pc 1"); }, "\"17\" behind \"ch\" is no number from 1 to 16.");
