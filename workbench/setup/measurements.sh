@@ -29,7 +29,7 @@ bench_micro() {
     packages+=("${bench_packages[@]}")
     set_up packages native-bench:lumora-bench run
     if [[ $# -eq 0 ]]; then
-        step+=1
+        step=$((step + 1))
         long_step "Measuring, about a minute" bench progress_working \
             "$program" --benchmark_out="$results" || fail "the benchmarks failed, see above."
         exec "$root/bench/report" "$results"

@@ -18,7 +18,7 @@ set_up() {
         packages | qt | qt6 | wine | peers | configured | tests) words[0]=provide_${words[0]} ;;
         *) words=(provide_build "${words[@]}") ;;
         esac
-        step+=1
+        step=$((step + 1))
         "${words[@]}"
     done
 }
