@@ -3,14 +3,17 @@
 #   bin/                        the DLL and lumora-midi, with the DLLs that these two need
 #   lib/                        the import library, and what find_package and pkg-config read
 #   include/lumora_transport/   the headers, included as in this tree
-#   share/lumora_transport/     an example host, and the licences of what others wrote
+#   share/lumora_transport/     README and docs, an example host, the licences of what others wrote
 #
 # The tree may be moved: nothing in it holds a path outside of itself.
 
+include(CMakeDependentOption)
 include(CMakePackageConfigHelpers)
 
-option(LUMORA_INSTALL_RUNTIME
-    "Install the DLLs of Qt and of the compiler, too, with their licences" ${CMAKE_CROSSCOMPILING})
+# With the Qt that ./dev builds. Any other is the host's own, and Qt 4 always is.
+cmake_dependent_option(LUMORA_INSTALL_RUNTIME
+    "Install the DLLs of Qt and of the compiler, too, with their licences" ON
+    "CMAKE_CROSSCOMPILING;LUMORA_QT_DIR;NOT LUMORA_QT EQUAL 4" OFF)
 
 set(package_dir lib/cmake/lumora_transport)
 set(data_dir share/lumora_transport)
@@ -29,10 +32,22 @@ install(TARGETS lumora_transport EXPORT targets
     FILE_SET HEADERS DESTINATION include/lumora_transport
     INCLUDES DESTINATION include/lumora_transport) # for a host's CMake before 3.23
 if(TARGET lumora-midi)
-  install(TARGETS lumora-midi RUNTIME DESTINATION bin)
+  if(CMAKE_HOST_WIN32)
+    # With the DLLs that it loads, Windows' own excepted.
+    install(TARGETS lumora-midi RUNTIME_DEPENDENCY_SET lumora_midi_dlls RUNTIME DESTINATION bin)
+    install(RUNTIME_DEPENDENCY_SET lumora_midi_dlls RUNTIME DESTINATION bin
+        DIRECTORIES $<TARGET_FILE_DIR:Qt${LUMORA_QT}::Core> $<TARGET_FILE_DIR:lumora_transport>
+        PRE_EXCLUDE_REGEXES "^api-ms-" "^ext-ms-" "^lumora_transport"
+        POST_EXCLUDE_REGEXES "[/\\\\][Ss]ystem32[/\\\\]")
+  else()
+    install(TARGETS lumora-midi RUNTIME DESTINATION bin)
+  endif()
 endif()
 if(MSVC)
   install(FILES $<TARGET_PDB_FILE:lumora_transport> DESTINATION bin OPTIONAL)
+  if(TARGET lumora-midi)
+    install(FILES $<TARGET_PDB_FILE:lumora-midi> DESTINATION bin OPTIONAL)
+  endif()
 else()
   install(FILES $<TARGET_FILE:lumora_transport>.debug DESTINATION bin)
 endif()
@@ -40,19 +55,19 @@ endif()
 # --- How hosts find it --------------------------------------------------------------------------
 
 install(EXPORT targets NAMESPACE lumora:: FILE lumora_transport-targets.cmake DESTINATION ${package_dir})
-configure_package_config_file(cmake/lumora_transport-config.cmake.in
-    ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake INSTALL_DESTINATION ${package_dir})
+list(JOIN lumora_qt_package " " qt_package)
+list(GET lumora_qt_package 1 lumora_qt_version)
+configure_file(cmake/lumora_transport-config.cmake.in
+    ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake @ONLY)
 # Until version 1.0.0 the interface may change with every minor version.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
     COMPATIBILITY SameMinorVersion)
 install(FILES
-    cmake/LumoraQt.cmake
     ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake
     ${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
     DESTINATION ${package_dir})
 
 # LumoraQt.cmake names the version, and the libraries as Qt's own files for pkg-config do, too.
-list(GET lumora_qt_package 1 lumora_qt_version)
 list(TRANSFORM lumora_qt_libraries REPLACE "^Qt4::" "" OUTPUT_VARIABLE qt_modules)
 list(TRANSFORM qt_modules REPLACE "::" "")
 list(TRANSFORM qt_modules APPEND " >= ${lumora_qt_version}")
@@ -60,7 +75,10 @@ list(JOIN qt_modules ", " qt_modules)
 configure_file(cmake/lumora_transport.pc.in ${PROJECT_BINARY_DIR}/lumora_transport.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/lumora_transport.pc DESTINATION lib/pkgconfig)
 
+# As they lie to each other in the sources, so that the README's links hold.
 install(DIRECTORY examples/host DESTINATION ${data_dir}/examples)
+install(FILES README.md CHANGELOG.md DESTINATION ${data_dir})
+install(DIRECTORY docs DESTINATION ${data_dir} FILES_MATCHING PATTERN *.md)
 
 # --- What others wrote --------------------------------------------------------------------------
 

@@ -2,7 +2,9 @@
 # Sets lumora_qt_package, what find_package() needs, and lumora_qt_libraries. Also installed, for
 # the hosts that link the library.
 if(LUMORA_QT EQUAL 4)
-  set(lumora_qt_package Qt4 4.8 COMPONENTS QtCore Qt3Support)
+  # Before 4.8.6, QSettings::setPath gives up a reference of the calling thread's data that it never
+  # took (QTBUG-36908): a host with a QCoreApplication breaks after its second accessor.
+  set(lumora_qt_package Qt4 4.8.6 COMPONENTS QtCore Qt3Support)
   set(lumora_qt_libraries Qt4::QtCore Qt4::Qt3Support)
 elseif(LUMORA_QT EQUAL 5)
   set(lumora_qt_package Qt5 5.15 COMPONENTS Core)

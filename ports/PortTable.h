@@ -33,7 +33,7 @@ public:
     void write(bool output, const StoredPorts& ports);
 
 private:
-    Qt3Settings settings;
+    mutable Qt3Settings settings; // reading is no const member in Qt 4
 };
 
 #endif

@@ -7,9 +7,18 @@
 
 #include <Q3PtrList>
 
+// Qt 4's list can delete its entries, so it needs their destructor even if it is never told to. At
+// global scope, for a type whose destructor it may not call.
+#define LUMORA_LIST_DELETES_NO(type)                                                               \
+    template <>                                                                                    \
+    inline void Q3PtrList<type>::deleteItem(Q3PtrCollection::Item)                                 \
+    {}
+
 #else
 
 #include <QList>
+
+#define LUMORA_LIST_DELETES_NO(type)
 
 /// What the library uses of Qt3Support's Q3PtrList, with the same meaning: a list of pointers with
 /// a current position of its own, which searching, appending and stepping move. It never deletes

@@ -18,12 +18,13 @@ typedef QSettings Qt3Settings;
 class Qt3Settings
 {
 public:
-    /// Opens the store of `application` of `organization`. Until then nothing can be read or
-    /// written.
+    /// Opens the store of `application` of `organization`, in the process's default format. Until
+    /// then nothing can be read or written.
     void setPath(const QString& organization, const QString& application,
                  QSettings::Scope scope = QSettings::SystemScope)
     {
-        store = std::make_unique<QSettings>(scope, organization, application);
+        store = std::make_unique<QSettings>(QSettings::defaultFormat(), scope, organization,
+                                            application);
     }
 
     /// A missing key reads as an empty list.

@@ -4,6 +4,8 @@
 #include "qt/Q3PtrList.h"
 #include "transport/MIDITransport.h"
 
+LUMORA_LIST_DELETES_NO(TMIDIReaderRefConInterface)
+
 /// The observers of a transport and the SysEx message that is being reassembled for them.
 struct TMIDIObserverBlock
 {

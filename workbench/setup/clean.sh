@@ -17,7 +17,7 @@ clean_cache() {
     [[ -d $cache ]] || return 0
     hold_lock "$cache/lock" "packages or Qt"
     # By name: LUMORA_CACHE may be a folder that holds other things as well.
-    for entry in "$cache"/qt-* "$cache"/peers-* "$logs" "$cache/lock"; do
+    for entry in "$cache"/qt-* "$cache"/qt4-* "$cache"/peers-* "$logs" "$cache/lock"; do
         [[ -e $entry ]] || continue
         say "Removing $entry ($(du -sh "$entry" | cut -f1))"
         rm -rf "$entry"

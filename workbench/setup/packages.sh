@@ -8,7 +8,7 @@ packages=(
 qt6_packages=(qt6-base-dev) # native builds with Qt 6
 fuzz_packages=(clang libclang-rt-dev)
 bench_packages=(libbenchmark-dev valgrind python3)
-check_packages=(git clang-format clang-tidy cppcheck shellcheck)
+check_packages=(git clang clang-format clang-tidy cppcheck shellcheck)
 
 missing_packages() {
     local installed package
