@@ -210,7 +210,10 @@ class LowMemory
 public:
     LowMemory()
     {
-        void* const gap = VirtualAlloc(nullptr, kGap, MEM_RESERVE, PAGE_NOACCESS);
+        // Wine 8 would hand out a low one by itself, Wine 10 a high one.
+        void* gap = nullptr;
+        for (std::uintptr_t address = kUnit; !gap && address + kGap <= kLimit; address += kUnit)
+            gap = VirtualAlloc(reinterpret_cast<void*>(address), kGap, MEM_RESERVE, PAGE_NOACCESS);
         for (std::size_t size = 0x40000000; size >= kUnit; size /= 2) {
             MEMORY_BASIC_INFORMATION region;
             for (std::uintptr_t address = kUnit; address + size <= kLimit;) {
