@@ -402,8 +402,15 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "lumora-soak: it is running already\n");
         return 1;
     }
-    // Read by the driver when the process first calls WinMM.
-    if (!std::getenv("LUMORA_CABLE"))
-        _putenv_s("LUMORA_CABLE", "in \"Soak\"\nout \"Soak\"");
-    return soak(minutes, argc > 2 ? std::strtoull(argv[2], nullptr, 10) : std::random_device()());
+    const std::uint64_t seed =
+        argc > 2 ? std::strtoull(argv[2], nullptr, 10) : std::random_device()();
+    // Read by the driver when the process first calls WinMM. Every other seed has Windows 11's.
+    if (!std::getenv("LUMORA_CABLE")) {
+        const bool isWindows11 = seed % 2 == 0;
+        std::printf("Driver: %s\n", isWindows11 ? "Windows 11's" : "one that waits in reset");
+        _putenv_s("LUMORA_CABLE",
+                  isWindows11 ? "in \"Soak\" driver=windows11\nout \"Soak\" driver=windows11"
+                              : "in \"Soak\"\nout \"Soak\"");
+    }
+    return soak(minutes, seed);
 }
