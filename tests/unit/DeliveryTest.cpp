@@ -127,6 +127,9 @@ TEST_F(DeliveryTest, AnEventThatAnObserverPassesOnReachesAllBeforeTheMessageGoes
 
 TEST_F(DeliveryTest, ASysExThatFindsNoMemoryToGrowIsLostAndTheNextOneIsWhole)
 {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "memory does not run out under ThreadSanitizer";
+#endif
     Bytes piece(4096, 0x11);
     piece.front() = 0xF0;
     Access::frame(*transport, piece);

@@ -64,6 +64,9 @@ void operator delete[](void* block, std::size_t) noexcept
     std::free(block);
 }
 
+// ThreadSanitizer calls it before its own is ready.
+#if !defined(__SANITIZE_THREAD__)
+
 // Where Qt's containers grow. In place of the C library's, for Qt's own calls, too.
 extern "C" void* realloc(void* block, std::size_t size)
 {
@@ -71,3 +74,5 @@ extern "C" void* realloc(void* block, std::size_t size)
     static auto* const original = reinterpret_cast<Realloc*>(dlsym(RTLD_NEXT, "realloc"));
     return failing ? nullptr : original(block, size);
 }
+
+#endif

@@ -1,7 +1,8 @@
 #ifndef LUMORA_TESTS_UNIT_OUTOFMEMORY_H
 #define LUMORA_TESTS_UNIT_OUTOFMEMORY_H
 
-/// While it lives, operator new and realloc fail on the thread that made it.
+/// While it lives, operator new fails on the thread that made it, and so does realloc, but not
+/// under ThreadSanitizer.
 class OutOfMemory
 {
 public:
