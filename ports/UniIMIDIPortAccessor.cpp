@@ -12,6 +12,7 @@ template class LUMORA_TRANSPORT_EXPORT QMap<QUuid, QString>;
 #include "ports/PortLabel.h"
 #include "ports/PortTable.h"
 
+#include <new>
 #include <objbase.h>
 
 TSystemMIDIMap::TSystemMIDIMap() = default;
@@ -38,29 +39,35 @@ UniIMIDIPortAccessor::~UniIMIDIPortAccessor() = default;
 
 void UniIMIDIPortAccessor::init()
 {
-    const PortTable table(organization, application);
-    for (const bool output : {false, true}) {
-        const StoredPorts stored = table.read(output);
-        const int count = numberOfSystemPorts(output);
-        for (int index = 0; index < count; ++index) {
-            const QString label = PortLabel::compose(index, systemPortName(index, output));
-            QUuid id;
-            if (!stored.find(label, &id))
-                id = freshIdentifier();
-            plugMaps[output][id] = label;
+    try {
+        const PortTable table(organization, application);
+        for (const bool output : {false, true}) {
+            const StoredPorts stored = table.read(output);
+            const int count = numberOfSystemPorts(output);
+            for (int index = 0; index < count; ++index) {
+                const QString label = PortLabel::compose(index, systemPortName(index, output));
+                QUuid id;
+                if (!stored.find(label, &id))
+                    id = freshIdentifier();
+                plugMaps[output][id] = label;
+            }
         }
+    } catch (const std::bad_alloc&) {
+        // The ports behind this one are missing from the maps.
     }
 }
 
 void UniIMIDIPortAccessor::Release()
 {
-    {
+    try {
         PortTable table(organization, application);
         for (const bool output : {false, true}) {
             StoredPorts stored = table.read(output);
             stored.appendNew(plugMaps[output]);
             table.write(output, stored);
         }
+    } catch (const std::bad_alloc&) {
+        // As if the store could not be written.
     }
     delete this;
 }

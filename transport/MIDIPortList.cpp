@@ -35,6 +35,7 @@ static QStringList sortedPortTexts(const TSystemMIDIMap& map)
 // Whenever it is left, also by an exception, the name is one that can be freed.
 static void fillEntry(TMIDIPortEntry* entry, const QString& text)
 {
+    entry->portName = nullptr;
     entry->portId = toGUID(QUuid());
     entry->portName = CreateOLEString(QString());
     entry->portNumber = 0;

@@ -4,6 +4,7 @@
 #include "transport/MIDIObserverBlock.h"
 #include "utilities/OLEString.h"
 
+#include <memory>
 #include <new>
 #include <objbase.h>
 #include <windows.h>
@@ -14,24 +15,36 @@ static const unsigned long kSignalInterval = 100;
 // Transports made so far in this process. Not locked, never counted down.
 static int transportCount = 0;
 
+struct TaskMemoryFree
+{
+    void operator()(WCHAR* text) const { CoTaskMemFree(text); }
+};
+
+// Null if the event cannot be created or named.
 static HANDLE createDataEvent(int number)
 {
-    const QString name = QString::fromLatin1("lumora.framework.transport - (%1) - ").arg(number);
-    WCHAR* const wideName = CreateOLEString(name);
-    // Another process may have made a transport of this number. Both then share its event, and a
-    // signal wakes only one of their two threads; that condition is accepted and not looked at.
-    const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, wideName);
-    static_cast<void>(GetLastError());
-    CoTaskMemFree(wideName);
-    return event;
+    try {
+        const QString name =
+            QString::fromLatin1("lumora.framework.transport - (%1) - ").arg(number);
+        const std::unique_ptr<WCHAR, TaskMemoryFree> wideName(CreateOLEString(name));
+        // Another process may have made a transport of this number. Both then share its event, and
+        // a signal wakes only one of their two threads; that condition is accepted and not looked
+        // at.
+        const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, wideName.get());
+        static_cast<void>(GetLastError());
+        return event;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 TMIDIProxyInOut::~TMIDIProxyInOut() = default;
 
 TMIDITransport::TMIDITransport(IMIDIPortAccessor* accessor)
-    : accessor(accessor), refCount(1), terminated(false), observerBlock(new TMIDIObserverBlock),
-      pusher(nullptr), dataEvent(nullptr)
+    : accessor(accessor), refCount(1), terminated(false), observerBlock(nullptr), pusher(nullptr),
+      dataEvent(nullptr)
 {
+    observerBlock = new TMIDIObserverBlock; // the last that can throw
     ++transportCount;
     dataEvent = createDataEvent(transportCount);
 }

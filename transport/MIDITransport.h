@@ -173,7 +173,8 @@ public:
     /// Ends delivery and closes the input: 0, or -1 if none was open or an observer calls. Once it
     /// returns no observer is called.
     /// Thread-safe: yes. Blocks: while another thread opens or closes a port, until the observer
-    /// that is being called returns, and up to 1 s for a device that keeps buffers.
+    /// that is being called returns, and up to 1 s for a device that keeps buffers. A chunk that an
+    /// observer sends meanwhile gets up to 1.4 s.
     virtual int closeInput() = 0;
 
     /// Opens output number `port`. Returns the device handle, which stays the transport's; null on
@@ -184,8 +185,8 @@ public:
 
     /// Resets and closes the output, cutting off what is still being sent: 0, or -1 if none was
     /// open.
-    /// Thread-safe: yes. Blocks: while another thread opens or closes a port, and up to 1 s for a
-    /// sender that does not wake.
+    /// Thread-safe: yes. Blocks: while another thread opens or closes a port, and up to 1.4 s for
+    /// chunks and senders inside the driver.
     virtual int closeOutput() = 0;
 
     /// Copies `length` bytes at `data` and sends them as they stand, in chunks of 4,096 bytes.

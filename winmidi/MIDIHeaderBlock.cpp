@@ -70,27 +70,35 @@ bool MIDIHeaderBlock::allocateData()
 
 void MIDIHeaderBlock::freeData()
 {
-    if (data)
-        HeapFree(GetProcessHeap(), 0, data);
-    data = nullptr;
+    if (unsigned char* const block = data.exchange(nullptr))
+        HeapFree(GetProcessHeap(), 0, block);
 }
 
 void MIDIHeaderBlock::freeHeaders()
 {
-    if (headers && headersFromHeap)
-        HeapFree(GetProcessHeap(), 0, headers);
-    else if (headers)
-        VirtualFree(headers, 0, MEM_RELEASE);
+    MIDIHDR* const block = headers.exchange(nullptr);
+    if (block && headersFromHeap)
+        HeapFree(GetProcessHeap(), 0, block);
+    else if (block)
+        VirtualFree(block, 0, MEM_RELEASE);
+}
+
+void MIDIHeaderBlock::abandon()
+{
     headers = nullptr;
+    data = nullptr;
+    if (allocateHeaders())
+        allocateData();
 }
 
 MIDIHDR* MIDIHeaderBlock::find(DWORD address) const
 {
+    MIDIHDR* const first = headers;
     // Below the first header the offset wraps round and lies far beyond the last one.
-    const std::uintptr_t offset = address - reinterpret_cast<std::uintptr_t>(headers);
-    if (!headers || !data || offset >= size * sizeof(MIDIHDR) || offset % sizeof(MIDIHDR) != 0)
+    const std::uintptr_t offset = address - reinterpret_cast<std::uintptr_t>(first);
+    if (!first || !data || offset >= size * sizeof(MIDIHDR) || offset % sizeof(MIDIHDR) != 0)
         return nullptr;
-    return headers + offset / sizeof(MIDIHDR);
+    return first + offset / sizeof(MIDIHDR);
 }
 
 unsigned char* MIDIHeaderBlock::buffer(const MIDIHDR* header) const

@@ -34,13 +34,17 @@ public:
     void freeData();
     void freeHeaders();
 
+    /// Leaves headers and data to a driver that did not give them back, for the life of the
+    /// process, and allocates others. Without memory for those the block is empty.
+    void abandon();
+
     // The headers, for a range-based for loop; none before they are allocated.
     MIDIHDR* begin() const { return headers; }
-    MIDIHDR* end() const { return headers ? headers + size : headers; }
+    MIDIHDR* end() const { return headers ? headers + size : nullptr; }
 
     bool hasData() const { return data != nullptr; }
 
-    /// The header at `address`; null if that is none of these.
+    /// The header at `address`; null if that is none of these. Also for a callback's thread.
     MIDIHDR* find(DWORD address) const;
 
     /// The buffer of a header of this pool, whatever its lpData says by now.
@@ -48,8 +52,8 @@ public:
 
 private:
     const unsigned int size;
-    MIDIHDR* headers = nullptr;
-    unsigned char* data = nullptr;
+    std::atomic<MIDIHDR*> headers{nullptr};
+    std::atomic<unsigned char*> data{nullptr};
     bool headersFromHeap = false;
 };
 

@@ -4,6 +4,7 @@
 #include "ports/PortLabel.h"
 #include "winmidi/WinMIDIPrivate.h"
 
+#include <memory>
 #include <new>
 
 // What can fail while the object is set up. Caught in the constructor.
@@ -26,9 +27,12 @@ TMIDITransport& MIDITransportInstance(IMIDIPortAccessor* accessor)
     return *transport;
 }
 
-TWinMIDI::TWinMIDI(IMIDIPortAccessor* accessor) : TMIDITransport(accessor), d(new TWinMIDIPrivate)
+TWinMIDI::TWinMIDI(IMIDIPortAccessor* accessor) : TMIDITransport(accessor), d(nullptr)
 {
     try {
+        std::unique_ptr<TWinMIDIPrivate> device = std::make_unique<TWinMIDIPrivate>();
+        device->gate = CallbackGate::open(this, device.get(), dataEvent);
+        d = device.release();
         d->doneEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
         if (!d->doneEvent)
             throw noDoneEvent;
@@ -42,13 +46,23 @@ TWinMIDI::TWinMIDI(IMIDIPortAccessor* accessor) : TMIDITransport(accessor), d(ne
             throw noOutputData;
     } catch (errorCode) {
         // Deliberately silent: the object lacks what was not created.
+    } catch (const std::bad_alloc&) {
+        // Likewise. Without its private state it opens nothing.
     }
 }
 
 TWinMIDI::~TWinMIDI()
 {
+    if (!d)
+        return;
     TWinMIDI::closeInput();
     TWinMIDI::closeOutput();
+    if (!d->gate->close()) {
+        // A callback does not leave. Whatever it may touch stays, for the life of the process.
+        dataEvent = nullptr;
+        keepModuleLoaded();
+        return;
+    }
     d->inHeaders.freeData();
     d->outHeaders.freeData();
     d->outHeaders.freeHeaders();

@@ -19,7 +19,7 @@ class LUMORA_TRANSPORT_EXPORT TWinMIDI : public TMIDITransport
 public:
     /// Sets up all buffers, about 3.6 MB, for the life of the object. Reports nothing. The object
     /// lacks what the system refuses: without input buffers no SysEx arrives, without output
-    /// buffers outputData() returns false.
+    /// buffers outputData() returns false, and without its private state it opens nothing.
     /// Thread-safe: no, one thread at a time makes transports. Blocks: no.
     explicit TWinMIDI(IMIDIPortAccessor* accessor);
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 // How long a closing port waits for buffers that its reset did not bring back, in milliseconds.
 static const DWORD kLateBufferLimit = 1000;
@@ -12,6 +13,8 @@ enum errCode { notOpened = 0, bufferNotAdded = 1, notStarted = 2 };
 
 void* TWinMIDI::openInput(int port)
 {
+    if (!d)
+        return nullptr;
     if (d->drainingThread.isCurrent())
         return port < 1 ? d->hMidiIn.load() : nullptr;
     const lumora::RecursiveMutexLocker locker(&d->mutex);
@@ -24,10 +27,7 @@ void* TWinMIDI::openInput(int port)
                        CALLBACK_FUNCTION) != MMSYSERR_NOERROR)
             throw notOpened;
         d->hMidiIn = handle;
-        {
-            const lumora::MutexLocker queueLocker(d->recordQueue.mutex());
-            d->staleRecords.mark(d->recordQueue);
-        }
+        d->dropNotices();
         if (!d->addBuffers(handle))
             throw bufferNotAdded;
         if (midiInStart(handle) != MMSYSERR_NOERROR)
@@ -42,7 +42,7 @@ void* TWinMIDI::openInput(int port)
 
 int TWinMIDI::closeInput()
 {
-    if (d->drainingThread.isCurrent())
+    if (!d || d->drainingThread.isCurrent())
         return -1;
     const lumora::RecursiveMutexLocker locker(&d->mutex);
     const HMIDIIN handle = d->hMidiIn;
@@ -52,29 +52,32 @@ int TWinMIDI::closeInput()
     stopPusherThread();
     midiInStop(handle);
     d->hMidiIn = nullptr;
-    midiInReset(handle);
-    d->awaitBuffers();
+    // A device that was pulled out refuses, and then brings nothing back.
+    if (midiInReset(handle) == MMSYSERR_NOERROR)
+        d->awaitBuffers();
     for (MIDIHDR& header : d->inHeaders)
         midiInUnprepareHeader(handle, &header, sizeof header);
-    midiInClose(handle);
-    while (d->callbacksRunning.any())
-        Sleep(0);
+    const bool closed = midiInClose(handle) == MMSYSERR_NOERROR;
+    d->gate->awaitCallbacks();
+    if (!closed) {
+        d->inHeaders.abandon();
+        keepModuleLoaded();
+    }
+    d->observersSendLost = false;
     d->closingInput = false;
     return 0;
 }
 
-inline bool TWinMIDIPrivate::receive(HMIDIIN handle, const InputRecord& record)
+inline bool TWinMIDIPrivate::receive(const InputRecord& record)
 {
-    const int room = record.message == MIM_DATA ? kShortMessageRoom : int(sizeof record);
-    bool isCurrent = true;
-    if (record.returnsBuffer()) {
-        buffersOut.takeBack();
-        // A driver that does not wait for its own thread may still return a buffer of a port that
-        // is closed by now. That buffer may be with the next opening already.
-        isCurrent = handle == hMidiIn;
+    int room = kShortMessageRoom;
+    if (record.message != MIM_DATA) {
+        room = sizeof record;
+        if (record.returnsBuffer())
+            buffersOut.takeBack();
     }
-    const lumora::MutexLocker locker(recordQueue.mutex());
-    if (closingInput || !isCurrent)
+    const std::lock_guard<QMutex> guard(*recordQueue.mutex()); // cheaper here than Qt's own
+    if (closingInput)
         return false;
     if (recordQueue.space() >= room)
         recordQueue.write(&record, sizeof record);
@@ -82,14 +85,12 @@ inline bool TWinMIDIPrivate::receive(HMIDIIN handle, const InputRecord& record)
 }
 
 // WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
-void CALLBACK TWinMIDI::MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR instance, DWORD param1,
-                                   DWORD)
+void CALLBACK TWinMIDI::MidiInProc(HMIDIIN, UINT message, DWORD_PTR instance, DWORD param1, DWORD)
 {
-    TWinMIDI* const self = reinterpret_cast<TWinMIDI*>(instance);
-    TWinMIDIPrivate* const d = self->d;
-    const CallbacksRunning::Call call(&d->callbacksRunning);
-    if (d->receive(handle, {message, param1}))
-        SetEvent(self->dataEvent);
+    CallbackGate::enter(reinterpret_cast<TWinMIDI*>(instance), [&](const CallbackGate& gate) {
+        if (gate.device->receive({message, param1}))
+            SetEvent(gate.dataEvent);
+    });
 }
 
 bool TWinMIDIPrivate::addBuffers(HMIDIIN handle)
@@ -126,9 +127,10 @@ void TWinMIDIPrivate::awaitBuffers()
 
 int TWinMIDI::read(int, const void*, bool strictStart, bool spare)
 {
-    return d->drain([&](int length, const void* data) {
+    const auto frame = [&](int length, const void* data) {
         TMIDITransport::read(length, data, strictStart, spare);
-    });
+    };
+    return d ? d->drain(frame) : 0;
 }
 
 template <class Frame>
@@ -146,11 +148,11 @@ int TWinMIDIPrivate::drain(const Frame& frame)
             break;
         case MIM_LONGDATA:
             // The buffer is back with the device before any observer runs.
-            if (MIDIHDR* const header = inHeaders.find(record.param))
+            if (MIDIHDR* const header = returnedHeader(record.param))
                 frame(takeLongData(header, copy), copy);
             break;
         case MIM_LONGERROR:
-            if (MIDIHDR* const header = inHeaders.find(record.param))
+            if (MIDIHDR* const header = returnedHeader(record.param))
                 recycle(header);
             break;
         default:
@@ -160,14 +162,31 @@ int TWinMIDIPrivate::drain(const Frame& frame)
     return 0;
 }
 
+void TWinMIDIPrivate::dropNotices()
+{
+    const lumora::MutexLocker locker(recordQueue.mutex());
+    InputRecord record;
+    for (int held = recordQueue.avail() / int(sizeof record); held > 0; --held) {
+        recordQueue.read(&record, sizeof record);
+        if (!record.returnsBuffer())
+            recordQueue.write(&record, sizeof record);
+    }
+}
+
 bool TWinMIDIPrivate::takeRecord(InputRecord* record)
 {
     const lumora::MutexLocker locker(recordQueue.mutex());
-    if (recordQueue.read(record, sizeof *record) == 0)
+    if (recordQueue.avail() == 0)
         return false;
-    if (staleRecords.takeOne() && record->returnsBuffer())
-        record->param = 0;
+    recordQueue.read(record, sizeof *record);
     return true;
+}
+
+MIDIHDR* TWinMIDIPrivate::returnedHeader(DWORD address) const
+{
+    MIDIHDR* const header = inHeaders.find(address);
+    const DWORD state = header ? flagsOf(header) & (MHDR_INQUEUE | MHDR_DONE) : MHDR_INQUEUE;
+    return state == MHDR_INQUEUE ? nullptr : header;
 }
 
 int TWinMIDIPrivate::takeLongData(MIDIHDR* header,

@@ -1,8 +1,6 @@
 #ifndef LUMORA_WINMIDI_WINMIDIINPUT_H
 #define LUMORA_WINMIDI_WINMIDIINPUT_H
 
-#include "utilities/CircularBuffer.h"
-
 #include <QThread>
 #include <atomic>
 #include <windows.h>
@@ -44,65 +42,26 @@ private:
     std::atomic<int> count{0};
 };
 
-/// Counts the records at the front of the queue that are left over from before the last
-/// openInput(), which gave every header to WinMM anew.
-class StaleRecords
-{
-public:
-    /// All that `queue` holds now is stale.
-    void mark(const CircularBuffer& queue) { count = queue.avail() / int(sizeof(InputRecord)); }
-
-    /// Whether the record that was just taken out is stale.
-    bool takeOne() { return count > 0 && count-- > 0; }
-
-private:
-    int count = 0;
-};
-
-/// Counts the calls of the input callback in progress. Not every driver waits for them when it
-/// closes.
-class CallbacksRunning
-{
-public:
-    /// A call in progress. Its destructor is the call's last touch of the transport.
-    class Call
-    {
-    public:
-        explicit Call(CallbacksRunning* running) : count(running->count) { ++count; }
-        ~Call() { --count; }
-
-        Call(const Call&) = delete;
-        Call& operator=(const Call&) = delete;
-
-    private:
-        std::atomic<int>& count;
-    };
-
-    bool any() const { return count != 0; }
-
-private:
-    std::atomic<int> count{0};
-};
-
 /// The thread that drains, on which observers are called: the pusher thread.
 class DrainingThread
 {
 public:
-    /// The current thread drains for as long as this lives.
+    /// The current thread drains for as long as this lives. Marks nest, for an observer may have
+    /// the transport drain.
     class Mark
     {
     public:
-        explicit Mark(DrainingThread* draining) : thread(draining->thread)
-        {
-            thread = QThread::currentThreadId();
-        }
-        ~Mark() { thread = nullptr; }
+        explicit Mark(DrainingThread* draining)
+            : thread(draining->thread), before(thread.exchange(QThread::currentThreadId()))
+        {}
+        ~Mark() { thread = before; }
 
         Mark(const Mark&) = delete;
         Mark& operator=(const Mark&) = delete;
 
     private:
         std::atomic<Qt::HANDLE>& thread;
+        const Qt::HANDLE before;
     };
 
     /// Whether an observer is calling, and not one of the host's threads.

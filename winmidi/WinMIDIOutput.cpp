@@ -12,17 +12,16 @@ static const int kChunkBytes = MIDIHeaderBlock::kBufferSize;
 // Between the chunks of a message the instrument gets this long to take them in, in milliseconds.
 static const DWORD kPauseBetweenChunks = 100;
 
-// After a signal that was not the chunk's own, how often it is looked whether the chunk is done, in
-// milliseconds.
+// The longest that a chunk takes at MIDI's wire speed, 31,250 bits/s at 10 bits a byte, in
+// milliseconds, and a little.
+static const DWORD kChunkTime = kChunkBytes * 1000 / 3125 + 40;
+
+// Between two looks at a chunk that no signal will announce, in milliseconds.
 static const DWORD kDoneInterval = 10;
 
-// How long a closing port waits for senders to wake, in milliseconds. Only one whose thread was
-// ended from outside does not.
-static const DWORD kReleaseLimit = 1000;
-
-// How often an output that still plays is reset and closed. A sender pauses 100 ms between chunks,
-// so the second attempt finds the port quiet. More is for a device that never is.
-static const int kCloseAttempts = 10;
+// How long a closing port waits for chunks that its reset did not finish, in milliseconds. Drivers
+// take up to 20 ms.
+static const DWORD kCloseLimit = 500;
 
 // The device lock, for the operations that an observer may call. On the pusher thread it is given
 // up if the input is being closed: the closing thread holds the lock and waits for this very
@@ -62,6 +61,8 @@ private:
 
 void* TWinMIDI::openOutput(int port)
 {
+    if (!d)
+        return nullptr;
     if (port < 1)
         return d->hMidiOut;
     const OutputLocker locker(d);
@@ -77,6 +78,8 @@ void* TWinMIDI::openOutput(int port)
 
 int TWinMIDI::closeOutput()
 {
+    if (!d)
+        return -1;
     const OutputLocker locker(d);
     if (!locker.isLocked())
         return -1;
@@ -84,21 +87,49 @@ int TWinMIDI::closeOutput()
     if (!handle)
         return -1;
     d->closingOutput = true;
-    MMRESULT result;
-    int attempts = 0;
-    do {
-        midiOutReset(handle);
-        for (MIDIHDR& header : d->outHeaders)
-            midiOutUnprepareHeader(handle, &header, sizeof header);
-        result = midiOutClose(handle);
-        // A thread that is sending may have put a chunk behind the reset, which keeps the port
-        // open.
-    } while (result == MIDIERR_STILLPLAYING && ++attempts < kCloseAttempts);
-    d->hMidiOut = nullptr; // first: a sender that is given a free header finds no port
-    d->freeOutputHeaders();
-    d->senders.release(d->doneEvent);
+    d->senders.turnAway();
+    const bool closed = d->resetAndClose(handle);
+    d->hMidiOut = nullptr;
+    if (closed && !d->senders.any()) {
+        d->freeOutputHeaders();
+        ResetEvent(d->doneEvent); // no signal of this port is left for the next one
+    } else {
+        d->outHeaders.abandon();
+        keepModuleLoaded();
+    }
+    d->senders.readmit();
     d->closingOutput = false;
     return 0;
+}
+
+bool TWinMIDIPrivate::resetAndClose(HMIDIOUT handle)
+{
+    const DWORD start = timeGetTime();
+    const auto elapsed = [start] { return timeGetTime() - start; };
+    for (;;) {
+        // A driver that refuses the reset finishes nothing either.
+        const bool wasReset = midiOutReset(handle) == MMSYSERR_NOERROR;
+        // A sender may be inside a driver that plays the chunk before it returns.
+        while ((senders.any() && elapsed() < kChunkTime) ||
+               (wasReset && anyChunkInFlight() && elapsed() < kCloseLimit)) {
+            SetEvent(doneEvent);
+            Sleep(1);
+        }
+        for (MIDIHDR& header : outHeaders)
+            midiOutUnprepareHeader(handle, &header, sizeof header);
+        const MMRESULT result = midiOutClose(handle);
+        if (result != MIDIERR_STILLPLAYING || !wasReset || elapsed() >= kCloseLimit)
+            return result == MMSYSERR_NOERROR;
+        Sleep(kDoneInterval);
+    }
+}
+
+bool TWinMIDIPrivate::anyChunkInFlight()
+{
+    return std::any_of(outHeaders.begin(), outHeaders.end(), [](MIDIHDR& header) {
+        const DWORD flags = flagsOf(&header);
+        return flags != 0 && !(flags & MHDR_DONE);
+    });
 }
 
 static void pauseBetweenChunks()
@@ -111,21 +142,58 @@ static void pauseBetweenChunks()
     } while (elapsed < kPauseBetweenChunks);
 }
 
-// WinMM's thread. Finds the event of a waiting sender through the header alone.
+// WinMM's thread, or the sender's own. Finds the event of a waiting sender through the header
+// alone.
 void CALLBACK TWinMIDI::MidiOutProc(HMIDIOUT, UINT message, DWORD_PTR, DWORD param1, DWORD)
 {
-    MIDIHDR* const header = reinterpret_cast<MIDIHDR*>(static_cast<DWORD_PTR>(param1));
-    if (message != MOM_DONE || !header)
+    if (message != MOM_DONE)
         return;
-    if (const DWORD_PTR event = userOf(header))
-        SetEvent(reinterpret_cast<HANDLE>(event));
+    CallbackGate::enterEach([param1](const CallbackGate& gate) {
+        MIDIHDR* const header = gate.device->outHeaders.find(param1);
+        const DWORD_PTR event = header ? userOf(header).load() : 0;
+        if (event)
+            SetEvent(reinterpret_cast<HANDLE>(event));
+        return header != nullptr;
+    });
 }
 
-MIDIHDR* TWinMIDIPrivate::takeOutputHeader()
+// Ends the waits of a sender that is an observer, once another thread closes the input: that thread
+// waits for the observer, holding the lock that closing the output would need. A chunk still gets
+// the time that a working device takes; when one was lost, the rest of the messages that are
+// delivered gets none.
+class ObserverPatience
+{
+public:
+    explicit ObserverPatience(TWinMIDIPrivate* d) : d(d), observer(d->drainingThread.isCurrent()) {}
+
+    bool isObserver() const { return observer; }
+
+    bool isOver()
+    {
+        if (!observer || !d->closingInput)
+            return false;
+        if (!started) {
+            started = true;
+            start = timeGetTime();
+        }
+        if (timeGetTime() - start >= kChunkTime)
+            d->observersSendLost = true;
+        return d->observersSendLost;
+    }
+
+private:
+    TWinMIDIPrivate* const d;
+    const bool observer;
+    bool started = false;
+    DWORD start = 0;
+};
+
+MIDIHDR* TWinMIDIPrivate::takeOutputHeader(unsigned period)
 {
     if (!outHeaders.hasData())
         return nullptr;
-    for (;;) {
+    ObserverPatience patience(this);
+    while (senders.admits(period) && !patience.isOver()) {
         for (MIDIHDR& header : outHeaders) {
             const DWORD flags = flagsOf(&header);
             if (flags == 0)
@@ -137,34 +205,31 @@ MIDIHDR* TWinMIDIPrivate::takeOutputHeader()
         }
         Sleep(0); // required: a full pool yields, it does not wait for an event
     }
+    return nullptr;
 }
 
-bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned closings)
+bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned period)
 {
-    const Senders::Waiting waiting(&senders);
-    if (senders.closedSince(closings))
-        return false;
-    DWORD result = WaitForSingleObject(doneEvent, INFINITE);
-    // A header may be taken again before the callback of its last chunk has run, which then signals
-    // for this one. The true signal may have joined it, so this wait is not endless.
-    while (result != WAIT_FAILED && !senders.closedSince(closings) &&
-           !(flagsOf(header) & MHDR_DONE))
-        result = WaitForSingleObject(doneEvent, kDoneInterval);
-    return !senders.closedSince(closings);
-}
-
-void Senders::release(HANDLE doneEvent)
-{
-    ++closed;
-    const DWORD start = timeGetTime();
-    while (waiting > 0 && timeGetTime() - start < kReleaseLimit) {
-        SetEvent(doneEvent);
-        Sleep(1);
+    ObserverPatience patience(this);
+    DWORD limit = patience.isObserver() ? kDoneInterval : INFINITE;
+    bool signalled = false;
+    DWORD signalTime = 0;
+    while (senders.admits(period) && !patience.isOver()) {
+        const DWORD result = WaitForSingleObject(doneEvent, limit);
+        if (result == WAIT_FAILED || (flagsOf(header) & MHDR_DONE))
+            return senders.admits(period);
+        // A header may be taken again before the callback of its last chunk has run, which then
+        // signals for this one. If the chunk is not done by the time that it can take, the signal
+        // was its own, from a driver that marks nothing.
+        if (signalled && timeGetTime() - signalTime >= kChunkTime)
+            return true;
+        if (result == WAIT_OBJECT_0 && !signalled) {
+            signalled = true;
+            signalTime = timeGetTime();
+            limit = kDoneInterval;
+        }
     }
-    // No signal of the closed port is left for a sender on the next one, but for one that is so
-    // late that it still needs it.
-    if (waiting == 0)
-        ResetEvent(doneEvent);
+    return false;
 }
 
 void TWinMIDIPrivate::freeOutputHeaders()
@@ -178,8 +243,9 @@ void TWinMIDIPrivate::freeOutputHeaders()
 bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned int status,
                                bool wait)
 {
-    const unsigned closings = d->senders.closings();
-    MIDIHDR* const header = d->takeOutputHeader();
+    const unsigned period = d->senders.period();
+    const Senders::Sending sending(&d->senders);
+    MIDIHDR* const header = d->takeOutputHeader(period);
     if (!header)
         return false;
     unsigned char* const buffer = d->outHeaders.buffer(header);
@@ -198,12 +264,16 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
         return false;
     }
     if (midiOutLongMsg(handle, header, sizeof *header) != MMSYSERR_NOERROR) {
-        midiOutUnprepareHeader(handle, header, sizeof *header);
-        flagsOf(header) = 0;
+        // Some drivers complete what they refuse. The signal is for no other chunk, and a header
+        // that the driver has is not free.
+        if (midiOutUnprepareHeader(handle, header, sizeof *header) != MIDIERR_STILLPLAYING)
+            flagsOf(header) = 0;
+        if (wait)
+            ResetEvent(d->doneEvent);
         return false;
     }
     // The header stays prepared until it is taken again or the port closes.
-    return !wait || d->awaitChunk(header, closings);
+    return !wait || d->awaitChunk(header, period);
 }
 
 bool TWinMIDI::outputData(int length, const void* data)
@@ -219,9 +289,9 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
     long long total = length; // wider: the status byte may come on top of the longest int
     if (status != 0)
         ++total;
-    if (total < 1)
+    if (total < 1 || !d)
         return false;
-    const unsigned closings = d->senders.closings();
+    const unsigned period = d->senders.period();
     for (;;) {
         const int chunk = static_cast<int>(std::min<long long>(total, kChunkBytes));
         const bool wait = total > kChunkBytes;
@@ -232,13 +302,15 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
         data += status != 0 ? chunk - 1 : chunk;
         status = 0;
         pauseBetweenChunks();
-        if (d->senders.closedSince(closings))
+        if (!d->senders.admits(period))
             return false; // the rest is nothing that another port could understand
     }
 }
 
 bool TWinMIDI::outputShortData(int length, const unsigned char* data, unsigned int status)
 {
+    if (!d)
+        return false;
     DWORD word = status | DWORD(data[0]) << 8;
     if (length != 1)
         word |= DWORD(data[1]) << 16;

@@ -7,39 +7,40 @@
 /// Output buffers: that many chunks can be queued in WinMM at once.
 static const unsigned int kOutputHeaders = 8;
 
-/// The senders that wait for a chunk, and the closings of the port that end their waits: a chunk of
-/// a port that is closed by now may never be done.
+/// Keeps senders and the closing of the port apart. A sender is counted while it hands a chunk over
+/// and waits for it. A closing port turns senders away and waits until they have left.
 class Senders
 {
 public:
-    /// A sender that waits. It is counted first and looks at closedSince() second, the other way
-    /// round than release() does it: one of the two sees the other.
-    class Waiting
+    /// A sender. It is counted first and asks admits() second, the other way round than turnAway()
+    /// does it: one of the two sees the other.
+    class Sending
     {
     public:
-        explicit Waiting(Senders* senders) : count(senders->waiting) { ++count; }
-        ~Waiting() { --count; }
+        explicit Sending(Senders* senders) : count(senders->inside) { ++count; }
+        ~Sending() { --count; }
 
-        Waiting(const Waiting&) = delete;
-        Waiting& operator=(const Waiting&) = delete;
+        Sending(const Sending&) = delete;
+        Sending& operator=(const Sending&) = delete;
 
     private:
         std::atomic<int>& count;
     };
 
-    /// How often the output was closed.
-    unsigned closings() const { return closed; }
+    /// The time between two closings, as a number. A message belongs to the one it began in.
+    unsigned period() const { return number; }
 
-    /// Whether the output was closed since closings() was `before`.
-    bool closedSince(unsigned before) const { return closed != before; }
+    /// Whether what began in `period` may go on: the port has not begun to close since.
+    bool admits(unsigned period) const { return number == period && period % 2 == 0; }
 
-    /// Once the port is closed: wakes the senders that wait for `doneEvent`, whose chunks it did
-    /// not give back. Gives up on one whose thread was ended from outside.
-    void release(HANDLE doneEvent);
+    bool any() const { return inside > 0; }
+
+    void turnAway() { ++number; }
+    void readmit() { ++number; }
 
 private:
-    std::atomic<unsigned> closed{0};
-    std::atomic<int> waiting{0};
+    std::atomic<unsigned> number{0}; // odd while the port closes
+    std::atomic<int> inside{0};
 };
 
 #endif

@@ -3,6 +3,7 @@
 
 #include "qt/RecursiveMutex.h"
 #include "utilities/CircularBuffer.h"
+#include "winmidi/CallbackGate.h"
 #include "winmidi/MIDIHeaderBlock.h"
 #include "winmidi/WinMIDIInput.h"
 #include "winmidi/WinMIDIOutput.h"
@@ -37,11 +38,12 @@ struct TWinMIDIPrivate
     /// which is never held across a WinMM call or a delivery.
     CircularBuffer recordQueue{kQueueBytes};
 
+    /// What lets WinMM's callbacks in; from the constructor of TWinMIDI to its destructor.
+    CallbackGate* gate = nullptr;
+
     // --- Input: WinMIDIInput.cpp ----------------------------------------------------------------
 
     BuffersOut buffersOut;
-    StaleRecords staleRecords; ///< under the queue's mutex
-    CallbacksRunning callbacksRunning;
     DrainingThread drainingThread;
 
     /// Gives every input buffer to a device that was just opened; false if it refuses one.
@@ -54,9 +56,13 @@ struct TWinMIDIPrivate
     /// be taken for those of the next opening. Gives up on a device that never returns them.
     void awaitBuffers();
 
-    /// Queues what the input callback was given. False if the input is being closed, or the message
-    /// is no longer about the open port: then nothing must be signalled.
-    bool receive(HMIDIIN handle, const InputRecord& record);
+    /// Queues what the input callback was given. False if the input is being closed: then nothing
+    /// must be signalled.
+    bool receive(const InputRecord& record);
+
+    /// Takes the notices of returned headers out of the queue that are left from before an opening,
+    /// which gives every header to WinMM anew. Everything else stays.
+    void dropNotices();
 
     /// Takes records out of the queue until it is empty, gives their buffers back to the device and
     /// hands what they brought to `frame(length, data)`. 1 if it met a MIM_CLOSE record, which ends
@@ -64,9 +70,12 @@ struct TWinMIDIPrivate
     template <class Frame>
     int drain(const Frame& frame);
 
-    /// Takes the oldest record out; false if there is none. A stale notice of a returned header
-    /// comes back as one that names no header: the one it names is with WinMM again.
+    /// Takes the oldest record out; false if there is none.
     bool takeRecord(InputRecord* record);
+
+    /// The header that a notice names; null if it names none, or one that is with the driver. Then
+    /// the notice is an older opening's, from a driver that closed without waiting for its thread.
+    MIDIHDR* returnedHeader(DWORD address) const;
 
     /// Copies what a returned input header recorded to `copy`, at most a whole buffer, and gives
     /// the buffer back to the device. Returns the number of bytes.
@@ -80,16 +89,24 @@ struct TWinMIDIPrivate
 
     Senders senders;
 
+    /// True once the closing input has given up a chunk of an observer's. The pusher thread's.
+    bool observersSendLost = false;
+
     /// An output header that is free, after waiting for one if all are busy; null if there are no
-    /// output headers at all.
-    MIDIHDR* takeOutputHeader();
+    /// output headers at all, or the wait must end (see awaitChunk).
+    MIDIHDR* takeOutputHeader(unsigned period);
 
-    /// Waits until the chunk of `header` is done, which was sent when the output had been closed
-    /// `closings` times, or until the output closes: then false.
-    bool awaitChunk(MIDIHDR* header, unsigned closings);
+    /// Waits until the chunk of `header` is done. False if the wait must end: the output closes, or
+    /// the input does and an observer is the sender.
+    bool awaitChunk(MIDIHDR* header, unsigned period);
 
-    /// Makes every output header free, once the port is closed: a device that was pulled out may
-    /// have kept some, and the pool would otherwise lose them for good.
+    /// Whether the driver has a chunk.
+    bool anyChunkInFlight();
+
+    /// Resets and closes the port, once its senders and chunks are through. False if it stays open.
+    bool resetAndClose(HMIDIOUT handle);
+
+    /// Makes every output header free, once the port is closed.
     void freeOutputHeaders();
 };
 

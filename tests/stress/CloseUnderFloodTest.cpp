@@ -120,6 +120,26 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
     RecordProperty("cutSysExMessages", std::to_string(checker.cut));
 }
 
+TEST_P(CloseUnderFloodTest, AFreshTransportForEachCycleMeetsNoCallbackOfTheLast)
+{
+    const Watchdog watchdog(std::chrono::seconds(120));
+    startFlood();
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        TMIDITransport& transport = MIDITransportInstance(&accessor);
+        transport.registerMIDIobserver(&checker);
+        const std::uint64_t before = checker.messages();
+        ASSERT_NE(transport.openInput(1), nullptr) << "cycle " << cycle;
+        while (cycle % 2 == 0 && checker.messages() < before + 20)
+            std::this_thread::yield();
+        if (cycle % 3 != 0) { // or the last Release closes
+            ASSERT_EQ(transport.closeInput(), 0) << "cycle " << cycle;
+        }
+        ASSERT_EQ(transport.Release(), 0u);
+    }
+    sim::stopFlood(input);
+    EXPECT_EQ(checker.errors, 0u);
+}
+
 TEST_P(CloseUnderFloodTest, WithThePortOpenEveryBufferIsBackAfterTheFlood)
 {
     Watchdog watchdog(std::chrono::seconds(20));

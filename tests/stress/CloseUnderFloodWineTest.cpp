@@ -153,6 +153,31 @@ TEST_P(CloseUnderFloodWineTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
                 static_cast<unsigned long long>(checker.messages));
 }
 
+TEST_P(CloseUnderFloodWineTest, AFreshTransportForEachCycleMeetsNoCallbackOfTheLast)
+{
+    const Watchdog watchdog(std::chrono::seconds(240));
+    Checker checker;
+    Usage before;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        TMIDITransport& transport = MIDITransportInstance(nullptr);
+        ASSERT_TRUE(transport.valid());
+        transport.registerMIDIobserver(&checker);
+        const std::uint64_t messages = checker.messages;
+        ASSERT_NE(transport.openInput(GetParam()), nullptr) << "cycle " << cycle;
+        while (cycle % 2 == 0 && checker.messages < messages + 20)
+            Sleep(1);
+        ASSERT_EQ(transport.closeInput(), 0) << "cycle " << cycle;
+        ASSERT_EQ(transport.Release(), 0u);
+        if (cycle == 20)
+            before = settledUsage(3); // this thread, the watchdog and WinMM's own
+    }
+    const Usage after = settledUsage(before.threads);
+    EXPECT_LE(after.handles, before.handles);
+    EXPECT_LE(after.threads, before.threads);
+    EXPECT_LT(after.bytes, before.bytes + 4'000'000);
+    EXPECT_EQ(checker.errors, 0u);
+}
+
 std::string waitName(const testing::TestParamInfo<int>& port)
 {
     static const char* const names[] = {"Reset", "Close", "None", "Windows11"};

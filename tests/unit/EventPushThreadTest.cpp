@@ -53,6 +53,37 @@ TEST_F(EventPushThreadTest, ANullObserverIsAcceptedAndHidesNobody)
     EXPECT_EQ(second.count(), 2u);
 }
 
+TEST_F(EventPushThreadTest, AnObserverThatRegistersAnotherHidesNobody)
+{
+    Recorder second;
+    Recorder third;
+    transport->registerMIDIobserver(&second);
+    recorder.onRead = [&] { transport->registerMIDIobserver(&third); };
+    Access::frame(*transport, {0x90, 1, 2, 0});
+    EXPECT_EQ(recorder.count(), 1u);
+    EXPECT_EQ(second.count(), 1u);
+    EXPECT_EQ(third.count(), 1u) << "the message at hand, too";
+}
+
+TEST_F(EventPushThreadTest, AnObserverThatCallsDoEventHidesNobody)
+{
+    Recorder second;
+    transport->registerMIDIobserver(&second);
+    bool nested = false;
+    recorder.onRead = [&] {
+        if (nested)
+            return;
+        nested = true;
+        TMIDIEvent event{QByteArray("\xB0\x07\x7F", 3)};
+        transport->doEvent(event);
+    };
+    Access::frame(*transport, {0x90, 1, 2, 0});
+    EXPECT_EQ(recorder.count(), 2u);
+    ASSERT_EQ(second.count(), 2u);
+    EXPECT_EQ(second.received()[0].bytes, Bytes({0xB0, 0x07, 0x7F}));
+    EXPECT_EQ(second.received()[1].bytes, Bytes({0x90, 1, 2, 0}));
+}
+
 TEST_F(EventPushThreadTest, DoEventCallsEveryObserverEvenAfterTerminate)
 {
     Recorder second;

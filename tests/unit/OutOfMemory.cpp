@@ -1,25 +1,74 @@
 #include "tests/unit/OutOfMemory.h"
 
+#include "utilities/OLEString.h"
+
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
 #include <new>
+#include <objbase.h>
 
-static thread_local bool failing = false;
+enum class Shortage { none, always, once };
 
-OutOfMemory::OutOfMemory()
+static thread_local Shortage shortage = Shortage::none;
+static thread_local unsigned untilShortage = 0;
+static thread_local bool failed = false;
+
+OutOfMemory::OutOfMemory(unsigned onlyNth)
 {
-    failing = true;
+    shortage = onlyNth == 0 ? Shortage::always : Shortage::once;
+    untilShortage = onlyNth;
+    failed = false;
 }
 
 OutOfMemory::~OutOfMemory()
 {
-    failing = false;
+    shortage = Shortage::none;
+}
+
+bool OutOfMemory::met()
+{
+    return failed;
+}
+
+static bool failsNow()
+{
+    if (shortage == Shortage::none || (shortage == Shortage::once && --untilShortage > 0))
+        return false;
+    if (shortage == Shortage::once)
+        shortage = Shortage::none;
+    failed = true;
+    return true;
+}
+
+static unsigned textsUntilOneThrows = 0;
+
+ThrowingOLEString::ThrowingOLEString(unsigned n)
+{
+    textsUntilOneThrows = n;
+}
+
+ThrowingOLEString::~ThrowingOLEString()
+{
+    textsUntilOneThrows = 0;
+}
+
+// In place of the companion library's, which may throw.
+WCHAR* CreateOLEString(const QString& text)
+{
+    if (textsUntilOneThrows > 0 && --textsUntilOneThrows == 0)
+        throw std::bad_alloc();
+    const std::size_t size = (static_cast<std::size_t>(text.size()) + 1) * sizeof(WCHAR);
+    WCHAR* const copy = static_cast<WCHAR*>(CoTaskMemAlloc(size));
+    if (copy)
+        std::memcpy(copy, text.utf16(), size);
+    return copy;
 }
 
 // In place of the program's allocation functions; the array and nothrow forms end up here too.
 void* operator new(std::size_t size)
 {
-    void* const block = failing ? nullptr : std::malloc(size);
+    void* const block = failsNow() ? nullptr : std::malloc(size);
     if (!block)
         throw std::bad_alloc();
     return block;
@@ -72,7 +121,7 @@ extern "C" void* realloc(void* block, std::size_t size)
 {
     using Realloc = void*(void*, std::size_t);
     static auto* const original = reinterpret_cast<Realloc*>(dlsym(RTLD_NEXT, "realloc"));
-    return failing ? nullptr : original(block, size);
+    return shortage == Shortage::always ? nullptr : original(block, size);
 }
 
 #endif

@@ -1,16 +1,30 @@
 #ifndef LUMORA_TESTS_UNIT_OUTOFMEMORY_H
 #define LUMORA_TESTS_UNIT_OUTOFMEMORY_H
 
-/// While it lives, operator new fails on the thread that made it, and so does realloc, but not
-/// under ThreadSanitizer.
+/// While it lives, operator new fails on the thread that made it: every time, or only the n-th time
+/// (1 is the next one). Every time means realloc as well, but not under ThreadSanitizer.
 class OutOfMemory
 {
 public:
-    OutOfMemory();
+    explicit OutOfMemory(unsigned onlyNth = 0);
     ~OutOfMemory();
 
     OutOfMemory(const OutOfMemory&) = delete;
     OutOfMemory& operator=(const OutOfMemory&) = delete;
+
+    /// Whether an allocation has failed.
+    static bool met();
+};
+
+/// While it lives, the n-th call of CreateOLEString (1 is the next one) throws std::bad_alloc.
+class ThrowingOLEString
+{
+public:
+    explicit ThrowingOLEString(unsigned n);
+    ~ThrowingOLEString();
+
+    ThrowingOLEString(const ThrowingOLEString&) = delete;
+    ThrowingOLEString& operator=(const ThrowingOLEString&) = delete;
 };
 
 #endif

@@ -1,5 +1,6 @@
 #include "transport/MIDIPortList.h"
 
+#include "tests/unit/OutOfMemory.h"
 #include "tests/unit/TestSupport.h"
 
 #include <cstring>
@@ -454,6 +455,26 @@ TEST_F(PortListTest, ALabelThatBeginsWithItsSemicolonHasNeitherNameNorNumber)
     EXPECT_EQ(sim::inUse().taskBlocks, blocksBefore);
     EXPECT_EQ(transport->friendlyName(uuid(1)), uuid(1).toString());
     EXPECT_EQ(transport->getInpDescriptorPort(uuid(1)), 0);
+}
+
+TEST_F(PortListTest, EachTextOfAListCanThrowAndTheListIsThenEmpty)
+{
+    accessor.maps[false].insert(uuid(1), "1;First");
+    accessor.maps[false].insert(uuid(2), "2;Second");
+    // The placeholder and the name of each of the two.
+    for (unsigned n = 1; n <= 4; ++n) {
+        SCOPED_TRACE(n);
+        sim::clearCalls();
+        blocksBefore = sim::inUse().taskBlocks;
+        TMIDIPortList list = {};
+        {
+            ThrowingOLEString shortage(n);
+            TMIDITransport::MIDIPorts(&accessor, false, &list);
+        }
+        EXPECT_EQ(list.count, 2u);
+        EXPECT_EQ(list.entries, nullptr);
+        forgetPlaceholders(n > 2 ? 1 : 0);
+    }
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "tests/unit/TestSupport.h"
 
 #include <QSet>
+#include <new>
 #include <objbase.h>
 
 namespace {
@@ -430,6 +431,20 @@ TEST_F(PortTableTest, WhateverTheOrganizationIsCalledTheNextRunFindsItsPorts)
         seen.insert(id.toString());
     }
     EXPECT_EQ(seen.size(), 5) << "each has a table of its own";
+}
+
+TEST_F(PortTableTest, WithoutMemoryTheAccessorHasThePortsThatItGotTo)
+{
+    setInputs({u"First", u"Second", u"Third"});
+    sim::onCall("midiInGetDevCapsW", [](const sim::Call& call) {
+        if (call.arguments[0] == 1)
+            throw std::bad_alloc();
+    });
+    IMIDIPortAccessor* const accessor = MIDIPortAccessor(kOrganization, kApplication);
+    EXPECT_EQ(accessor->plugs(false).values(), QStringList({"1;First"}));
+    EXPECT_EQ(accessor->numberOfPlugs(true), 0);
+    accessor->Release();
+    EXPECT_EQ(stored(kInputNames), QStringList({"1;First"}));
 }
 
 } // namespace

@@ -181,6 +181,51 @@ TEST_F(TransportTest, IsAQObjectWithoutAMetaObjectOfItsOwn)
     transport->Release();
 }
 
+TEST_F(TransportTest, EveryAllocationOfTheConstructorCanFailAndNothingLeaks)
+{
+    int objects = 0;
+    for (unsigned n = 1;; ++n) {
+        SCOPED_TRACE(n);
+        TMIDITransport* transport = nullptr;
+        bool met = false;
+        {
+            OutOfMemory shortage(n);
+            try {
+                transport = new TWinMIDI(nullptr);
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(objects, 0) << "caught in the constructor, once there is an object";
+            }
+            met = OutOfMemory::met();
+        }
+        if (transport) {
+            ++objects;
+            const unsigned char note[] = {0x90, 1, 2};
+            if (!Access::hasDevice(*transport)) {
+                EXPECT_EQ(transport->openInput(1), nullptr);
+                EXPECT_EQ(transport->openInput(0), nullptr);
+                EXPECT_EQ(transport->closeInput(), -1);
+                EXPECT_EQ(transport->openOutput(1), nullptr);
+                EXPECT_EQ(transport->openOutput(0), nullptr);
+                EXPECT_EQ(transport->closeOutput(), -1);
+            }
+            EXPECT_FALSE(transport->outputData(3, note));
+            EXPECT_EQ(transport->Release(), 0u);
+        }
+        EXPECT_EQ(sim::inUse(), sim::Resources());
+        if (!met)
+            break;
+    }
+    EXPECT_GT(objects, 2);
+}
+
+TEST_F(TransportTest, WithoutMemoryForItsNameATransportHasNoEvent)
+{
+    ThrowingOLEString shortage(1);
+    TMIDITransport* const transport = new BareTransport;
+    EXPECT_EQ(Access::dataEvent(*transport), nullptr);
+    transport->Release();
+}
+
 TEST_F(TransportTest, TheFactoryMakesANewTransportOnEveryCall)
 {
     TMIDITransport& one = MIDITransportInstance(nullptr);

@@ -42,6 +42,10 @@ struct lumora::TransportTestAccess
     {
         return *static_cast<TWinMIDI&>(transport).d;
     }
+    static bool hasDevice(TMIDITransport& transport)
+    {
+        return static_cast<TWinMIDI&>(transport).d != nullptr;
+    }
     static int drain(TMIDITransport& transport, bool strictStart = true)
     {
         return static_cast<TWinMIDI&>(transport).read(0, nullptr, strictStart, false);
@@ -67,6 +71,15 @@ struct lumora::TransportTestAccess
         TWinMIDI::MidiInProc(handle, message,
                              reinterpret_cast<DWORD_PTR>(static_cast<TWinMIDI*>(&transport)),
                              param1, 0);
+    }
+    /// What WinMM was given for its callback, for calls that come after the transport's end.
+    static DWORD_PTR instance(TMIDITransport& transport)
+    {
+        return reinterpret_cast<DWORD_PTR>(static_cast<TWinMIDI*>(&transport));
+    }
+    static void midiInProc(DWORD_PTR instance, UINT message, DWORD param1)
+    {
+        TWinMIDI::MidiInProc(nullptr, message, instance, param1, 0);
     }
     static void midiOutProc(UINT message, DWORD param1)
     {

@@ -22,6 +22,7 @@
     X(CloseHandle, Null)                                                                           \
     X(WaitForSingleObject, Wait)                                                                   \
     X(WaitForMultipleObjects, Wait)                                                                \
+    X(GetModuleHandleExW, Null)                                                                    \
     X(GetLastError, Never)                                                                         \
     X(Sleep, Never)                                                                                \
     X(GetProcessHeap, Null)                                                                        \

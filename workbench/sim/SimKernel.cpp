@@ -448,6 +448,17 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
     return entry.returns(WAIT_FAILED);
 }
 
+// One module, which is never unloaded.
+BOOL GetModuleHandleExW(DWORD flags, LPCWSTR name, HMODULE* module)
+{
+    using namespace sim::internal;
+    Entry entry(Function::GetModuleHandleExW, name, nullptr, flags);
+    if (entry.fails())
+        return entry.fail<BOOL>();
+    *module = reinterpret_cast<HMODULE>(std::uintptr_t(1) << 16);
+    return entry.returns(TRUE);
+}
+
 DWORD GetLastError(void)
 {
     using namespace sim::internal;

@@ -22,6 +22,7 @@ typedef char* LPSTR;
 typedef void* LPVOID;
 typedef const void* LPCVOID;
 typedef void* HANDLE;
+typedef struct HINSTANCE__* HMODULE;
 
 // 16 bits as on Windows, and a type of its own, so that a conversion which Windows would refuse is
 // refused here as well. QString::utf16() is handed over with a reinterpret_cast on both platforms.
@@ -58,6 +59,9 @@ constexpr DWORD WAIT_OBJECT_0 = 0;
 constexpr DWORD WAIT_TIMEOUT = 258;
 constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
 constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
+
+constexpr DWORD GET_MODULE_HANDLE_EX_FLAG_PIN = 0x1;
+constexpr DWORD GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS = 0x4;
 
 constexpr DWORD HEAP_ZERO_MEMORY = 0x00000008;
 
@@ -110,6 +114,7 @@ BOOL WINAPI CloseHandle(HANDLE handle);
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds);
 DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll,
                                     DWORD milliseconds);
+BOOL WINAPI GetModuleHandleExW(DWORD flags, LPCWSTR name, HMODULE* module);
 DWORD WINAPI GetLastError(void);
 void WINAPI Sleep(DWORD milliseconds);
 
