@@ -38,12 +38,12 @@ bool CallbackGate::close()
 
 bool CallbackGate::awaitCallbacks() const
 {
-    if (callbacks == 0)
+    if (!isBusy())
         return true;
     const DWORD start = timeGetTime();
-    while (callbacks != 0 && timeGetTime() - start < kCallbackLimit)
+    while (isBusy() && timeGetTime() - start < kCallbackLimit)
         Sleep(1);
-    return callbacks == 0;
+    return !isBusy();
 }
 
 void keepModuleLoaded()

@@ -27,6 +27,9 @@ public:
     /// may have been ended from outside.
     bool awaitCallbacks() const;
 
+    /// Whether a callback is in.
+    bool isBusy() const { return callbacks != 0; }
+
     /// A callback in progress. It is counted first and looks second, the other way round than
     /// close() does it: one of the two sees the other.
     class Call

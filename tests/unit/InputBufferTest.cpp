@@ -140,7 +140,7 @@ TEST_F(InputBufferTest, ACallbackThatOutlivesTheCloseOfItsPortQueuesAndSignalsNo
         queue.lock();
         heldBack = true;
         driver = std::thread([&] { Access::midiInProc(*transport, MIM_DATA, 0x643C90, handle); });
-        while (!device().callbacksRunning.any())
+        while (!device().gate->isBusy())
             std::this_thread::yield();
         sim::onSleep([&](DWORD) { letGo(); }); // the close waits for it
     });
