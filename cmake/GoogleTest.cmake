@@ -36,6 +36,8 @@ include("${CMAKE_ROOT}/Modules/GoogleTest.cmake")
 # before anything is built, so that ./dev test -R NAME can build what they need and no more.
 function(lumora_add_tests target timeout)
   gtest_add_tests(TARGET ${target} TEST_LIST tests)
-  # A test that the sources have and the program has not must not pass.
-  set_tests_properties(${tests} PROPERTIES TIMEOUT ${timeout} FAIL_REGULAR_EXPRESSION "Running 0 tests")
+  # What may take longest begins first. A test that the sources have and the program has not must not
+  # pass.
+  set_tests_properties(${tests} PROPERTIES TIMEOUT ${timeout} COST ${timeout}
+      FAIL_REGULAR_EXPRESSION "Running 0 tests")
 endfunction()
