@@ -6,6 +6,15 @@ static const char* const kNamesKeys[2] = {"/preferences/SystemPorts/Input/portNa
 static const char* const kIdsKeys[2] = {"/preferences/SystemPorts/Input/portIds",
                                         "/preferences/SystemPorts/Output/portIds"};
 
+// How often a table that another process is writing is read, or written, until it is whole.
+static const int kAttempts = 10;
+
+// How many entries `list` has behind those of `start`; -1 if it does not begin with them.
+static int continuation(const QStringList& list, const QStringList& start)
+{
+    return list.mid(0, start.size()) == start ? static_cast<int>(list.size() - start.size()) : -1;
+}
+
 bool StoredPorts::find(const QString& label, QUuid* id) const
 {
     const auto index = names.indexOf(label);
@@ -33,7 +42,7 @@ PortTable::PortTable(const QString& organization, const QString& application)
     settings.setPath(organization, application, QSettings::SystemScope);
 }
 
-StoredPorts PortTable::read(bool output) const
+StoredPorts PortTable::readOnce(bool output) const
 {
     StoredPorts ports;
     ports.names = settings.readListEntry(QLatin1String(kNamesKeys[output]));
@@ -41,8 +50,29 @@ StoredPorts PortTable::read(bool output) const
     return ports;
 }
 
+StoredPorts PortTable::read(bool output) const
+{
+    // A process that writes in between leaves us one list of before and one of after, or, where a
+    // value grows while Qt reads it, an empty one.
+    StoredPorts ports = readOnce(output);
+    for (int attempt = 1; attempt < kAttempts; ++attempt) {
+        const StoredPorts later = readOnce(output);
+        if (later.names == ports.names && later.ids == ports.ids)
+            break;
+        ports = later;
+    }
+    return ports;
+}
+
 void PortTable::write(bool output, const StoredPorts& ports)
 {
-    settings.writeEntry(QLatin1String(kNamesKeys[output]), ports.names);
-    settings.writeEntry(QLatin1String(kIdsKeys[output]), ports.ids);
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        settings.writeEntry(QLatin1String(kNamesKeys[output]), ports.names);
+        settings.writeEntry(QLatin1String(kIdsKeys[output]), ports.ids);
+        // Both lists must be ours, equally continued, or both another process' own. A mixture would
+        // leave its labels beside our identifiers for good.
+        const StoredPorts now = read(output);
+        if (continuation(now.names, ports.names) == continuation(now.ids, ports.ids))
+            return;
+    }
 }

@@ -24,6 +24,9 @@ struct StoredPorts
 
 /// The table of every port ever seen, in the system-wide scope of an application's settings store.
 /// The store is open while the object lives and flushed when it ends.
+///
+/// Processes share it without a lock. Of two that write at the same moment one may lose what it
+/// appends, but a label does not come to stand beside the other's identifier.
 class PortTable
 {
 public:
@@ -33,6 +36,8 @@ public:
     void write(bool output, const StoredPorts& ports);
 
 private:
+    StoredPorts readOnce(bool output) const;
+
     mutable Qt3Settings settings; // reading is no const member in Qt 4
 };
 

@@ -7,7 +7,7 @@
 
 namespace {
 
-class WatchEveryTest : public testing::EmptyTestEventListener
+class TestWatch : public testing::EmptyTestEventListener
 {
     void OnTestStart(const testing::TestInfo&) override
     {
@@ -19,7 +19,7 @@ class WatchEveryTest : public testing::EmptyTestEventListener
 };
 
 [[maybe_unused]] const bool watching = [] {
-    testing::UnitTest::GetInstance()->listeners().Append(new WatchEveryTest);
+    testing::UnitTest::GetInstance()->listeners().Append(new TestWatch);
     return true;
 }();
 
