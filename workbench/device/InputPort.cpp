@@ -172,15 +172,20 @@ bool InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
     return true;
 }
 
+// The driver takes it for every byte. Once for all of them makes the same threads wait for each
+// other, and not so slowly.
+void InputPort::awaitPortLock()
+{
+    const std::lock_guard<std::recursive_mutex> once(portLock);
+}
+
 bool InputPort::handleShort(DWORD word)
 {
     const InProgress inProgress(*this);
     if (!started.load())
         return false;
     const auto status = static_cast<unsigned char>(word);
-    for (std::size_t i = 0; i < midiMessageLength(status); ++i) { // for each byte
-        const std::lock_guard<std::recursive_mutex> once(portLock);
-    }
+    awaitPortLock();
     // No messages to this driver, and no realtime: they end a SysEx message.
     if (status == 0xF9 || status == 0xFD) {
         Lock held(lock);
@@ -197,9 +202,7 @@ std::size_t InputPort::handle(SourceId source, MIDIPiece piece)
     const InProgress inProgress(*this);
     if (!started.load())
         return 0;
-    for (std::size_t i = 0; i < piece.length; ++i) { // for each byte
-        const std::lock_guard<std::recursive_mutex> once(portLock);
-    }
+    awaitPortLock();
     Lock held(lock);
     if (piece.first) {
         breakOff(held);
@@ -254,7 +257,6 @@ void InputPort::breakOff(Lock& held)
 
 void InputPort::touchKept(Lock& held)
 {
-    started.store(false);
     if (buffers.empty() || (flagsOf(*buffers.front()) & MHDR_INQUEUE) == 0)
         return;
     if (filled > 0)

@@ -64,6 +64,7 @@ private:
 
     // Of the Windows 11 kind.
     MMRESULT stopWorker();
+    void awaitPortLock();
     std::size_t handle(SourceId source, MIDIPiece piece);
     bool handleShort(DWORD word);
     bool awaitBuffer(Lock& held, DWORD milliseconds);

@@ -97,11 +97,15 @@ void Port::unplug()
 void Port::unload()
 {
     {
-        Lock held(lock);
+        const Lock held(lock);
         if (!open.load())
             return;
-        touchKept(held);
         endWork();
+    }
+    waitForOthers();
+    {
+        Lock held(lock);
+        touchKept(held);
         discardWork();
         open.store(false);
         closing = true;

@@ -13,7 +13,7 @@
 namespace sim::internal {
 
 constexpr std::size_t kMaximumDevices = 1024;
-constexpr std::size_t kMaximumClients = 64;
+constexpr std::size_t kMaximumClients = 16;
 constexpr std::size_t kMaximumPorts = std::size_t(1) << 18; // opened between two resets
 
 template <typename Handle>
