@@ -118,7 +118,7 @@ bool TWinMIDIPrivate::addBuffer(HMIDIIN handle, MIDIHDR* header)
     return false;
 }
 
-void TWinMIDIPrivate::awaitBuffers()
+void TWinMIDIPrivate::awaitBuffers() const
 {
     const DWORD start = timeGetTime(); // a Sleep(1) may take 15 ms
     while (buffersOut.any() && timeGetTime() - start < kLateBufferLimit)

@@ -124,7 +124,7 @@ bool TWinMIDIPrivate::resetAndClose(HMIDIOUT handle)
     }
 }
 
-bool TWinMIDIPrivate::anyChunkInFlight()
+bool TWinMIDIPrivate::anyChunkInFlight() const
 {
     return std::any_of(outHeaders.begin(), outHeaders.end(), [](MIDIHDR& header) {
         const DWORD flags = flagsOf(&header);

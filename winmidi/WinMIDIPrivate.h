@@ -54,7 +54,7 @@ struct TWinMIDIPrivate
 
     /// Once the device is reset: waits for buffers that are still on their way back, which must not
     /// be taken for those of the next opening. Gives up on a device that never returns them.
-    void awaitBuffers();
+    void awaitBuffers() const;
 
     /// Queues what the input callback was given. False if the input is being closed: then nothing
     /// must be signalled.
@@ -101,7 +101,7 @@ struct TWinMIDIPrivate
     bool awaitChunk(MIDIHDR* header, unsigned period);
 
     /// Whether the driver has a chunk.
-    bool anyChunkInFlight();
+    bool anyChunkInFlight() const;
 
     /// Resets and closes the port, once its senders and chunks are through. False if it stays open.
     bool resetAndClose(HMIDIOUT handle);
