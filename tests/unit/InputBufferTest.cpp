@@ -75,6 +75,17 @@ TEST_F(InputBufferTest, ABufferIsCopiedBeforeTheDeviceHasItAgain)
     EXPECT_EQ(delivered(), Messages({kSysEx, dump}));
 }
 
+TEST_F(InputBufferTest, ABufferIsReadWhereItLiesWhateverADriverMadeOfItsHeader)
+{
+    receive(kSysEx);
+    MIDIHDR& header = *device().inHeaders.begin();
+    char* const own = header.lpData;
+    header.lpData = nullptr;
+    drain();
+    EXPECT_EQ(delivered(), Messages({kSysEx}));
+    header.lpData = own;
+}
+
 TEST_F(InputBufferTest, AnErrorNoticeLeftFromBeforeTheOpeningIsNotActedUpon)
 {
     sim::returnBuffer(input, 0, nullptr, 0, MIM_LONGERROR); // header 0

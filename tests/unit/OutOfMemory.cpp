@@ -1,12 +1,8 @@
 #include "tests/unit/OutOfMemory.h"
 
-#include "utilities/OLEString.h"
-
 #include <cstdlib>
-#include <cstring>
 #include <dlfcn.h>
 #include <new>
-#include <objbase.h>
 
 enum class Shortage { none, always, once };
 
@@ -39,30 +35,6 @@ static bool failsNow()
         shortage = Shortage::none;
     failed = true;
     return true;
-}
-
-static unsigned textsUntilOneThrows = 0;
-
-ThrowingOLEString::ThrowingOLEString(unsigned n)
-{
-    textsUntilOneThrows = n;
-}
-
-ThrowingOLEString::~ThrowingOLEString()
-{
-    textsUntilOneThrows = 0;
-}
-
-// In place of the companion library's, which may throw.
-WCHAR* CreateOLEString(const QString& text)
-{
-    if (textsUntilOneThrows > 0 && --textsUntilOneThrows == 0)
-        throw std::bad_alloc();
-    const std::size_t size = (static_cast<std::size_t>(text.size()) + 1) * sizeof(WCHAR);
-    WCHAR* const copy = static_cast<WCHAR*>(CoTaskMemAlloc(size));
-    if (copy)
-        std::memcpy(copy, text.utf16(), size);
-    return copy;
 }
 
 // In place of the program's allocation functions; the array and nothrow forms end up here too.

@@ -1,6 +1,7 @@
 #include "transport/MIDIPortList.h"
 
 #include "tests/unit/OutOfMemory.h"
+#include "tests/unit/ThrowingOLEString.h"
 #include "tests/unit/TestSupport.h"
 
 #include <cstring>

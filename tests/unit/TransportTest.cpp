@@ -1,4 +1,5 @@
 #include "tests/unit/OutOfMemory.h"
+#include "tests/unit/ThrowingOLEString.h"
 #include "tests/unit/TestSupport.h"
 
 #include <cstdlib>
