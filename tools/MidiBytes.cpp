@@ -2,8 +2,7 @@
 
 #include "tools/Failure.h"
 #include "tools/Text.h"
-
-static const unsigned char kFirstRealTime = 0xF8;
+#include "transport/MIDIByteStream.h"
 
 static unsigned char byteAt(const QByteArray& bytes, int index)
 {
@@ -14,11 +13,6 @@ static unsigned char byteAt(const QByteArray& bytes, int index)
 static int lengthOf(const QByteArray& bytes)
 {
     return static_cast<int>(bytes.size());
-}
-
-static bool isStatus(unsigned char byte)
-{
-    return byte >= 0x80;
 }
 
 [[noreturn]] static void refuse(const QString& what, int offset)
@@ -73,33 +67,9 @@ QByteArray parseHex(const QStringList& texts)
 
 int messageLength(unsigned char status)
 {
-    switch (status & 0xF0) {
-    case 0x80:
-    case 0x90:
-    case 0xA0:
-    case 0xB0:
-    case 0xE0:
-        return 3;
-    case 0xC0:
-    case 0xD0:
-        return 2;
-    case 0xF0:
-        break;
-    default:
-        return 0; // a data byte
-    }
-    switch (status) {
-    case 0xF1: // time code
-    case 0xF3: // song select
-        return 2;
-    case 0xF2: // song position
-        return 3;
-    case kSysExStart:
-    case kSysExEnd:
-        return 0;
-    default:
-        return 1;
-    }
+    if (status == 0xF4 || status == 0xF5)
+        return 1; // undefined: sent as they are
+    return static_cast<int>(midiMessageLength(status));
 }
 
 // The SysEx message at `start`, to its F7.
@@ -109,7 +79,7 @@ static QByteArray takeSysEx(const QByteArray& bytes, int start)
         const unsigned char byte = byteAt(bytes, i);
         if (byte == kSysExEnd)
             return bytes.mid(start, i + 1 - start);
-        if (isStatus(byte))
+        if (isMIDIStatus(byte))
             refuse(QStringLiteral("Status byte %1 within the SysEx message that begins at %2,")
                        .arg(hex(byte), grouped(start)),
                    i);
@@ -127,7 +97,7 @@ static QByteArray takeShort(const QByteArray& bytes, int start)
         if (i == bytes.size())
             refuse(QStringLiteral("The message that begins with %1 is cut off,").arg(hex(status)),
                    start);
-        if (isStatus(byteAt(bytes, i)))
+        if (isMIDIStatus(byteAt(bytes, i)))
             refuse(
                 QStringLiteral("Status byte %1 in place of a data byte").arg(hex(byteAt(bytes, i))),
                 i);
@@ -180,7 +150,7 @@ bool isWholeSysEx(const QByteArray& message)
     if (last < 1 || !isSysEx(message) || byteAt(message, last) != kSysExEnd)
         return false;
     for (int i = 1; i < last; ++i) {
-        if (isStatus(byteAt(message, i)))
+        if (isMIDIStatus(byteAt(message, i)))
             return false;
     }
     return true;
@@ -192,7 +162,7 @@ QByteArray withoutRealTime(const QByteArray& sysEx)
     QByteArray kept;
     kept.reserve(sysEx.size());
     for (int i = 0; i < sysEx.size(); ++i) {
-        if (byteAt(sysEx, i) >= kFirstRealTime && sysEx.mid(i + 1, padding.size()) == padding)
+        if (byteAt(sysEx, i) >= kFirstRealtime && sysEx.mid(i + 1, padding.size()) == padding)
             i += lengthOf(padding);
         else
             kept.append(sysEx.at(i));

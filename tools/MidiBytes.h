@@ -1,13 +1,12 @@
 #ifndef LUMORA_TOOLS_MIDIBYTES_H
 #define LUMORA_TOOLS_MIDIBYTES_H
 
+#include "transport/MIDIStatus.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QVector>
-
-const unsigned char kSysExStart = 0xF0;
-const unsigned char kSysExEnd = 0xF7;
 
 // MIDI data from outside, checked before any of it is used. These three throw Failure with
 // ExitStatus::BadData, and with the offset of the offending byte or character, from 0.

@@ -93,7 +93,6 @@ public:
             return false;
         if (status < kFirstRealtime)
             begin(status, take);
-        expected = 0;
         take(shortPiece(message & 0xFFFFFFFFu >> (32 - 8 * length)));
         return true;
     }

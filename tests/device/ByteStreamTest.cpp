@@ -84,6 +84,15 @@ TEST_F(ByteStream, TakesAShortMessageAsItIsOrWithRunningStatus)
     EXPECT_EQ(texts, (Texts{"644090", "654190", "f8"}));
 }
 
+TEST_F(ByteStream, AShortRealtimeMessageLeavesTheOneThatIsUnfinished)
+{
+    Texts texts;
+    EXPECT_EQ(parse({0x90, 0x40}), Texts{});
+    EXPECT_TRUE(stream.shortMessage(0xF8, Pieces{&texts}));
+    EXPECT_EQ(texts, Texts{"f8"});
+    EXPECT_EQ(parse({0x64}), Texts{"644090"});
+}
+
 TEST(MessageLength, IsThatOfTheStatusByte)
 {
     for (unsigned status = 0; status < 0x80; ++status)
