@@ -1,7 +1,6 @@
 #include "tests/unit/OutOfMemory.h"
 
 #include <cstdlib>
-#include <dlfcn.h>
 #include <new>
 
 enum class Shortage { none, always, once };
@@ -85,8 +84,10 @@ void operator delete[](void* block, std::size_t) noexcept
     std::free(block);
 }
 
-// ThreadSanitizer calls it before its own is ready.
-#if !defined(__SANITIZE_THREAD__)
+// ThreadSanitizer calls it before its own is ready. Not on Windows, where a DLL has the C library's.
+#if !defined(__SANITIZE_THREAD__) && !defined(_WIN32)
+
+#include <dlfcn.h>
 
 // Where Qt's containers grow. In place of the C library's, for Qt's own calls, too.
 extern "C" void* realloc(void* block, std::size_t size)

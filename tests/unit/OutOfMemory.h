@@ -2,7 +2,8 @@
 #define LUMORA_TESTS_UNIT_OUTOFMEMORY_H
 
 /// While it lives, operator new fails on the thread that made it: every time, or only the n-th time
-/// (1 is the next one). Every time means realloc as well, but not under ThreadSanitizer.
+/// (1 is the next one). Every time means realloc as well, but not under ThreadSanitizer
+/// or on Windows.
 class OutOfMemory
 {
 public:
