@@ -44,10 +44,15 @@ public:
     }
     ~Input()
     {
-        if (!port->isOpen())
-            return;
-        port->reset();
-        port->close();
+        if (port->isOpen()) {
+            port->reset();
+            port->close();
+        }
+        // A thread of the port's own, for which no call has waited, frees the port when it ends.
+        const std::weak_ptr<device::InputPort> last = port;
+        port.reset();
+        while (!last.expired())
+            std::this_thread::yield();
     }
 
     MMRESULT add(Buffer& buffer)
