@@ -36,10 +36,13 @@ device::Port::Callback callbackOf(Recorder& recorder, DWORD_PTR procedure)
 class Input
 {
 public:
-    explicit Input(const Settings& settings)
+    // `also` is what the callback does besides recording.
+    explicit Input(const Settings& settings,
+                   std::function<void(const contract::Notice&)> also = nullptr)
         : port(std::make_shared<device::InputPort>(
               settings, callbackOf<HMIDIIN>(recorder, Recorder::inputCallback())))
     {
+        recorder.also = std::move(also);
         EXPECT_TRUE(port->begin(port));
     }
     ~Input()
