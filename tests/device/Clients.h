@@ -36,18 +36,26 @@ device::Port::Callback callbackOf(Recorder& recorder, DWORD_PTR procedure)
 class Input
 {
 public:
-    explicit Input(const Settings& settings)
+    // `also` is what the callback does besides recording.
+    explicit Input(const Settings& settings,
+                   std::function<void(const contract::Notice&)> also = nullptr)
         : port(std::make_shared<device::InputPort>(
               settings, callbackOf<HMIDIIN>(recorder, Recorder::inputCallback())))
     {
+        recorder.also = std::move(also);
         EXPECT_TRUE(port->begin(port));
     }
     ~Input()
     {
-        if (!port->isOpen())
-            return;
-        port->reset();
-        port->close();
+        if (port->isOpen()) {
+            port->reset();
+            port->close();
+        }
+        // A thread of the port's own, for which no call has waited, frees the port when it ends.
+        const std::weak_ptr<device::InputPort> last = port;
+        port.reset();
+        while (!last.expired())
+            std::this_thread::yield();
     }
 
     MMRESULT add(Buffer& buffer)

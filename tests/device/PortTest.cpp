@@ -253,14 +253,13 @@ TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
     Settings settings;
     settings.kind = kind;
     settings.ownThread = std::get<1>(GetParam());
-    Input input(settings);
-    input.recorder.also = [&](const Notice& notice) {
+    Input input(settings, [&](const Notice& notice) {
         if (notice.message != MIM_DATA)
             return;
         inside = true;
         while (!release)
             std::this_thread::yield();
-    };
+    });
     input.port->start();
     std::thread driver([&] { input.port->shortMessage(0xF8); });
     while (!inside)
@@ -277,11 +276,6 @@ TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
     release = true;
     driver.join();
     EXPECT_EQ(1u, input.recorder.waitFor(MIM_CLOSE, 1).size());
-    // A thread of the port's own, which none of the calls waited for, frees the port when it ends.
-    const std::weak_ptr<device::InputPort> port = input.port;
-    input.port = std::make_shared<device::InputPort>(Settings(), nullptr);
-    while (!port.expired())
-        std::this_thread::yield();
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, StuckCallback,
@@ -294,15 +288,17 @@ TEST_P(Ports, ResetAndCloseInsideACallbackWaitForNothing)
 {
     for (const auto kind : {DriverKind::WaitsInReset, DriverKind::WaitsInClose}) {
         settings.kind = kind;
-        Input input(settings);
-        Buffer& buffer = *input.giveBuffers(1, 16).front();
-        input.recorder.also = [&](const Notice& notice) {
+        device::InputPort* port = nullptr;
+        Buffer* buffer = nullptr;
+        Input input(settings, [&](const Notice& notice) {
             if (notice.message != MIM_DATA)
                 return;
-            EXPECT_EQ(MMSYSERR_NOERROR, input.port->reset());
-            EXPECT_EQ(MMSYSERR_NOERROR, device::unprepareHeader(buffer.header(), sizeof(MIDIHDR)));
-            EXPECT_EQ(MMSYSERR_NOERROR, input.port->close());
-        };
+            EXPECT_EQ(MMSYSERR_NOERROR, port->reset());
+            EXPECT_EQ(MMSYSERR_NOERROR, port->unprepare(buffer->header(), sizeof(MIDIHDR)));
+            EXPECT_EQ(MMSYSERR_NOERROR, port->close());
+        });
+        port = input.port.get();
+        buffer = input.giveBuffers(1, 16).front();
         input.port->start();
         EXPECT_TRUE(input.port->shortMessage(kNoteOn));
         EXPECT_EQ(1u, input.recorder.waitFor(MIM_CLOSE, 1).size());

@@ -37,6 +37,15 @@ struct Windows11Kind : testing::Test
     {
         return input.port->sysEx(kSource, piece(bytes));
     }
+    // Leaves it to the port's worker.
+    static void leave(Input& input, const Bytes& bytes)
+    {
+        input.port->take(kSource, piece(bytes), nullptr);
+    }
+    static void leave(Input& input, DWORD word)
+    {
+        input.port->take(kSource, {MIDIPiece::Kind::Short, word}, nullptr);
+    }
 
     static std::vector<Bytes> heard(Input& input, UINT message)
     {
@@ -63,8 +72,8 @@ TEST_F(Windows11Input, CallsBackArrivalsOnItsWorkerAndTheRestInsideTheCalls)
     Input input(settings);
     input.giveBuffers(3, 16);
     input.port->start();
-    EXPECT_TRUE(input.port->shortMessage(kNoteOn));
-    arrive(input, {0xF0, 1, 0xF7});
+    leave(input, kNoteOn);
+    leave(input, Bytes{0xF0, 1, 0xF7});
     input.recorder.waitForShort(1);
     input.recorder.waitForLong(3);
     EXPECT_EQ(input.port->reset(), MMSYSERR_NOERROR);
@@ -87,10 +96,10 @@ TEST_F(Windows11Input, ThrowsAwayWhatArrivedBeforeTheStart)
     input.recorder.also = [&](const Notice& notice) {
         EXPECT_TRUE(notice.message != MIM_DATA || notice.parameter1 == 0xF8);
     };
-    input.port->shortMessage(kNoteOn);
+    leave(input, kNoteOn);
     Time::set = 20'000;
     input.port->start();
-    input.port->shortMessage(0xF8);
+    leave(input, 0xF8);
     EXPECT_EQ(input.recorder.waitForShort(1), std::vector<DWORD>{0xF8});
 }
 
@@ -484,11 +493,11 @@ TEST_F(Windows11Unplugged, DeliversWhatWasHandedOverBefore)
             release.get_future().wait();
     };
     input.port->start();
-    input.port->shortMessage(kNoteOn);
-    arrive(input, {0xF0, 1, 0xF7});
+    leave(input, kNoteOn);
+    leave(input, Bytes{0xF0, 1, 0xF7});
     input.recorder.waitForShort(1);
     input.port->unplug();
-    arrive(input, {0xF0, 2, 0xF7});
+    leave(input, Bytes{0xF0, 2, 0xF7});
     release.set_value();
     EXPECT_EQ(input.recorder.waitForLong(3), (Bytes{0xF0, 1, 0xF7}));
 }

@@ -154,22 +154,18 @@ MMRESULT InputPort::stopWorker()
     return MMSYSERR_NOERROR;
 }
 
-// True if there is a worker, and the calling thread is another.
-bool InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
+void InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
 {
-    if (!settings.worker || onOwnThread())
-        return false;
     const Lock held(lock);
     if (isUnplugged())
-        return true;
+        return;
     if (arrivals.size() >= kMostPending) {
         ++tally.droppedShort;
-        return true;
+        return;
     }
     arrivals.push_back(
         {source, piece, {piece.bytes, piece.bytes + piece.length}, settings.clock()});
     wakeThread();
-    return true;
 }
 
 // The driver takes it for every byte. Once for all of them makes the same threads wait for each
@@ -269,9 +265,7 @@ void InputPort::touchKept(Lock& held)
 // adds buffers.
 bool InputPort::shortMessage(DWORD word)
 {
-    if (leaveToWorker(self, {MIDIPiece::Kind::Short, word}))
-        return isStarted();
-    if (isUnplugged() && !settings.worker)
+    if (isUnplugged())
         return false;
     if (isWindows11())
         return handleShort(word);
@@ -295,7 +289,9 @@ bool InputPort::shortMessage(DWORD word)
 
 void InputPort::take(SourceId source, const MIDIPiece& piece, const Pause& pause)
 {
-    if (piece.kind == MIDIPiece::Kind::Short)
+    if (settings.worker)
+        leaveToWorker(source, piece);
+    else if (piece.kind == MIDIPiece::Kind::Short)
         shortMessage(piece.word);
     else if (piece.kind == MIDIPiece::Kind::SysEx)
         sysEx(source, piece, pause);
@@ -305,9 +301,7 @@ void InputPort::take(SourceId source, const MIDIPiece& piece, const Pause& pause
 
 std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& pause)
 {
-    if (leaveToWorker(source, piece))
-        return piece.length;
-    if (isUnplugged() && !settings.worker)
+    if (isUnplugged())
         return 0;
     if (isWindows11())
         return handle(source, piece);
@@ -342,8 +336,6 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& paus
 
 void InputPort::sysExBroken(SourceId source)
 {
-    if (leaveToWorker(source, {MIDIPiece::Kind::Broken}))
-        return;
     const InProgress inProgress(*this);
     Lock held(lock);
     if (!started.load() || sysExSource != source)
@@ -391,7 +383,12 @@ DWORD InputPort::work(Lock& held)
     if (arrival.at >= startedAt.load(std::memory_order_relaxed)) {
         MIDIPiece piece = arrival.piece;
         piece.bytes = arrival.bytes.data();
-        take(arrival.source, piece, nullptr);
+        if (piece.kind == MIDIPiece::Kind::Short)
+            handleShort(piece.word);
+        else if (piece.kind == MIDIPiece::Kind::SysEx)
+            handle(arrival.source, piece);
+        else
+            sysExBroken(arrival.source);
     }
     held.lock();
     return 0;

@@ -32,6 +32,7 @@ public:
     // From the senders, on any thread. Nothing is heard while the input is stopped: false. SysEx
     // without a buffer may wait, by `pause`, as long as the settings' `hold` says.
     bool shortMessage(DWORD word);
+    // Any of these, by the worker if the port has one.
     void take(SourceId source, const MIDIPiece& piece, const Pause& pause);
     // Returns how many bytes found room.
     std::size_t sysEx(SourceId source, MIDIPiece piece, const Pause& pause = nullptr);
@@ -60,7 +61,7 @@ private:
         std::vector<unsigned char> bytes; // of the piece
         std::int64_t at;
     };
-    bool leaveToWorker(SourceId source, const MIDIPiece& piece);
+    void leaveToWorker(SourceId source, const MIDIPiece& piece);
 
     // Of the Windows 11 kind.
     MMRESULT stopWorker();

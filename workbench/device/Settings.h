@@ -64,8 +64,8 @@ struct Settings
     // True: a thread of the port's own calls the client back. False: whoever lets data arrive, or
     // makes the call that returns a header, does.
     bool ownThread = false;
-    // Of the Windows 11 kind only: a thread of the port's own is the worker. Else whoever lets data
-    // arrive is.
+    // Inputs of the Windows 11 kind only: a thread of the port's own is the worker. Else whoever
+    // lets data arrive is.
     bool worker = false;
     Windows11 windows11;
     Clock clock = steadyMicroseconds;

@@ -56,7 +56,7 @@ void setKind(DriverKind kind)
 {
     forEachDevice<Handle>([&](Device<Handle>& device) {
         const std::lock_guard<std::mutex> guard(device.opening);
-        device.settings.kind = kind;
+        device.setKind(kind);
         forEachClient(device, [&](Port<Handle>& port) { port.setKind(kind); });
     });
 }
@@ -84,7 +84,7 @@ template <typename Handle>
 Device<Handle>::Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions)
     : name(deviceName.substr(0, MAXPNAMELEN)), options(deviceOptions)
 {
-    settings.kind = options.kind;
+    setKind(options.kind);
     settings.completion = options.completion;
     settings.capsResult = options.capsResult;
     settings.openResult = options.openResult;

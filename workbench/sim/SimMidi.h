@@ -41,6 +41,13 @@ struct Device
 {
     Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions);
 
+    void setKind(DriverKind kind)
+    {
+        settings.kind = kind;
+        // For what a lead brings; the script lets arrive on its own thread.
+        settings.worker = kind == DriverKind::Windows11 && std::is_same_v<Handle, HMIDIIN>;
+    }
+
     const std::u16string name;
     const DeviceOptions options;
     device::Settings settings; // guarded by `opening`
