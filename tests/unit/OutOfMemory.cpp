@@ -84,7 +84,8 @@ void operator delete[](void* block, std::size_t) noexcept
     std::free(block);
 }
 
-// ThreadSanitizer calls it before its own is ready. Not on Windows, where a DLL has the C library's.
+// ThreadSanitizer calls it before its own is ready. Not on Windows, where a DLL has the C
+// library's.
 #if !defined(__SANITIZE_THREAD__) && !defined(_WIN32)
 
 #include <dlfcn.h>
