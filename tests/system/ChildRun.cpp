@@ -12,6 +12,7 @@
 static const char kResultVariable[] = "LUMORA_TEST_CHILD_RESULT";
 static const char kOrganizationVariable[] = "LUMORA_TEST_CHILD_ORGANIZATION";
 static const char kApplicationVariable[] = "LUMORA_TEST_CHILD_APPLICATION";
+static const char kOwnCableVariable[] = "LUMORA_TEST_OWN_CABLE";
 
 // The description is UTF-8; the C runtime's narrow environment is not.
 static void setCable(const std::string& cable)
@@ -45,6 +46,30 @@ std::vector<Port> runHost(const std::string& cable, const char* organization,
             ports.push_back({fields[0] == "out", fields[1].toStdString(), fields[2].toStdString()});
     }
     return ports;
+}
+
+bool ranWithCable(const char* cable)
+{
+    if (hasOwnCable())
+        return false;
+    const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter =
+        std::string("--gtest_filter=") + test->test_suite_name() + '.' + test->name();
+    const std::string ownCable = std::getenv("LUMORA_CABLE");
+    setCable(cable);
+    _putenv_s(kOwnCableVariable, "1");
+    char program[MAX_PATH];
+    GetModuleFileNameA(nullptr, program, MAX_PATH);
+    EXPECT_EQ(_spawnl(_P_WAIT, program, program, filter.c_str(), nullptr), 0);
+    _putenv_s(kOwnCableVariable, "");
+    setCable(ownCable);
+    return true;
+}
+
+bool hasOwnCable()
+{
+    const char* const own = std::getenv(kOwnCableVariable);
+    return own && *own;
 }
 
 bool isChildRun()

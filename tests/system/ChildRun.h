@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-// One run of a host, as a process of its own: makes an accessor, notes its ports, releases it.
+// Processes that a test starts: runs of a host, which makes an accessor, notes its ports and
+// releases it, and tests with a cable of their own.
 
 struct Port
 {
@@ -22,6 +23,14 @@ struct Port
 /// first.
 std::vector<Port> runHost(const std::string& cable, const char* organization,
                           const char* application);
+
+/// In the first process: runs the current test alone in another one that finds `cable`, and returns
+/// true. In that other process: false. The cable is read once per process, and what a test does to
+/// a device is for no later one.
+bool ranWithCable(const char* cable);
+
+/// Whether this process is one that ranWithCable() started.
+bool hasOwnCable();
 
 /// In the child: whether this process is one, and its work.
 bool isChildRun();

@@ -22,7 +22,8 @@ int main(int argc, char** argv)
     if (isChildRun())
         return childRun();
     // Read by the driver when the process first calls WinMM.
-    _putenv_s("LUMORA_CABLE", kCableDescription);
+    if (!hasOwnCable())
+        _putenv_s("LUMORA_CABLE", kCableDescription);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
