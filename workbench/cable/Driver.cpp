@@ -397,7 +397,7 @@ __declspec(dllexport) LRESULT CALLBACK
 // For tests: see Cable.h.
 __declspec(dllexport) BOOL WINAPI LumoraCableControl(int command, BOOL input, UINT device)
 {
-    auto& table = cable::PortTable::instance();
+    const auto& table = cable::PortTable::instance();
     return input ? cable::control(table.inputs, command, device)
                  : cable::control(table.outputs, command, device);
 }

@@ -122,7 +122,7 @@ protected:
     // Tells what arrived.
     void tell(Lock& held, Notice notice);
     // Tells what a call of the client brings about; one of a reset returns as the kind says.
-    void conclude(Lock& held, Notices notices, bool isReset);
+    void conclude(Lock& held, Notices due, bool isReset);
     // Forgets the notices not yet called back; returns how many.
     std::size_t dropNotices(UINT message);
     std::size_t waitingNotices() const { return notices.size(); }
@@ -154,7 +154,7 @@ protected:
 private:
     void run();
     void callFirst(Lock& held);
-    void callAll(Lock& held, Notices& due);
+    void callAll(Lock& held, Notices& source);
     void giveBack(Notice& notice);
     DWORD headersInNotices() const;
 

@@ -129,7 +129,7 @@ Device<Handle>* findDevice(UINT_PTR index)
 template <typename Handle>
 Device<Handle>& scriptedDevice(int index)
 {
-    Device<Handle>* const device = index < 0 ? nullptr : findDevice<Handle>(unsigned(index));
+    auto* const device = index < 0 ? nullptr : findDevice<Handle>(unsigned(index));
     if (!device)
         stopWith("there is no device", std::to_string(index));
     return *device;
