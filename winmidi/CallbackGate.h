@@ -41,7 +41,7 @@ public:
         Call(const Call&) = delete;
         Call& operator=(const Call&) = delete;
 
-        bool isFor(const TWinMIDI* transport) const { return gate->transport == transport; }
+        bool isFor(const TWinMIDI* called) const { return gate->transport == called; }
 
     private:
         CallbackGate* const gate;
