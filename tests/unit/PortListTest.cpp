@@ -1,8 +1,8 @@
 #include "transport/MIDIPortList.h"
 
 #include "tests/unit/OutOfMemory.h"
-#include "tests/unit/ThrowingOLEString.h"
 #include "tests/unit/TestSupport.h"
+#include "tests/unit/ThrowingOLEString.h"
 
 #include <cstring>
 #include <new>

@@ -1,6 +1,6 @@
 #include "tests/unit/OutOfMemory.h"
-#include "tests/unit/ThrowingOLEString.h"
 #include "tests/unit/TestSupport.h"
+#include "tests/unit/ThrowingOLEString.h"
 
 #include <cstdlib>
 
