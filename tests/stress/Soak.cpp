@@ -1,5 +1,7 @@
 // lumora-soak MINUTES [SEED]: random traffic through the DLL over one lead of the virtual cable,
-// with stalls of the observer and with both ports closed and opened again at random moments.
+// with stalls of the observer and with both ports closed and opened again at random moments. On
+// Windows 11's kind of driver 1 in 50 openings ends with the device pulled out, and the driver is
+// unloaded at the end, so that it touches what it kept.
 //
 // Every message is a function of the seed and of its number, so the receiver knows each byte that
 // it should get. What does not come must have been lost where the rules allow it: on a closed port,
@@ -7,6 +9,7 @@
 
 #include "transport/MIDITransport.h"
 #include "winmidi/WinMIDI.h"
+#include "workbench/cable/Cable.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -130,6 +134,10 @@ struct Traffic
     /// Each may leave a piece of a SysEx message, which the next one then begins with.
     std::atomic<std::uint64_t> reopenings{0};
 
+    /// Of them, those of a device that was pulled out.
+    std::atomic<std::uint64_t> lostInputs{0};
+    std::atomic<std::uint64_t> lostOutputs{0};
+
     std::atomic<std::uint64_t> messages{0};
     std::atomic<std::uint64_t> bytes{0};
     std::atomic<std::uint64_t> lostClosed{0};
@@ -151,12 +159,13 @@ struct Traffic
     {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
         const auto value = [](const auto& count) { return static_cast<unsigned long long>(count); };
-        std::printf("%2d:%02d  %llu messages, %llu bytes, %llu reopenings, dropped as the rules "
-                    "allow: %llu on a closed port, %llu from a full queue, %llu SysEx cut; "
-                    "%llu errors\n",
-                    static_cast<int>(seconds / 60), static_cast<int>(seconds % 60), value(messages),
-                    value(bytes), value(reopenings), value(lostClosed), value(lostFull), value(cut),
-                    value(errors));
+        std::printf(
+            "%2d:%02d  %llu messages, %llu bytes, %llu reopenings, %llu of them of an input "
+            "and %llu of an output that was pulled out, dropped as the rules allow: %llu on "
+            "a closed or lost port, %llu from a full queue, %llu SysEx cut; %llu errors\n",
+            static_cast<int>(seconds / 60), static_cast<int>(seconds % 60), value(messages),
+            value(bytes), value(reopenings), value(lostInputs), value(lostOutputs),
+            value(lostClosed), value(lostFull), value(cut), value(errors));
         std::fflush(stdout);
     }
 };
@@ -287,23 +296,39 @@ void sendUntil(const std::atomic<bool>& stop, TMIDITransport& transport, Traffic
 
 constexpr std::uint64_t kAnyNumber = UINT64_MAX;
 
-template <typename Close, typename Open>
-void reopen(Traffic& traffic, Close close, Open open, unsigned closedFor)
+void control(int command, bool input)
+{
+    const auto function = reinterpret_cast<LumoraCableControlFunction>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"winelumora.drv"), "LumoraCableControl")));
+    function(command, input, 0);
+}
+
+/// Ends an opening and begins the next one; in between the port is closed for `closedFor`
+/// milliseconds. With `isLost` the device is pulled out as long before it is closed.
+void reopen(TMIDITransport& transport, Traffic& traffic, bool input, unsigned closedFor,
+            bool isLost)
 {
     const std::lock_guard<std::mutex> guard(traffic.ports);
     ++traffic.reopenings;
     traffic.lossEndClosed = kAnyNumber;
-    if (close() != 0)
+    if (isLost) {
+        ++(input ? traffic.lostInputs : traffic.lostOutputs);
+        control(LUMORA_CABLE_UNPLUG, input);
+        sleepFor(closedFor);
+    }
+    if ((input ? transport.closeInput() : transport.closeOutput()) != 0)
         traffic.error("a port did not close", traffic.sent);
     sleepFor(closedFor);
-    if (!open())
+    if (isLost)
+        control(LUMORA_CABLE_PLUG_IN, input);
+    if (!(input ? transport.openInput(1) : transport.openOutput(1)))
         traffic.error("a port did not open", traffic.sent);
     traffic.lossEndClosed = traffic.sent.load();
 }
 
 /// Stalls and reopenings at random, until the time is over.
 void disturb(TMIDITransport& transport, Receiver& receiver, Traffic& traffic,
-             Clock::duration duration)
+             Clock::duration duration, bool canBeLost)
 {
     std::mt19937 random(static_cast<unsigned>(traffic.seed));
     const Clock::time_point start = Clock::now();
@@ -311,18 +336,14 @@ void disturb(TMIDITransport& transport, Receiver& receiver, Traffic& traffic,
     while (Clock::now() < start + duration) {
         sleepFor(random() % 400);
         const unsigned choice = random() % 20;
-        if (choice == 0)
+        if (choice == 0) {
             receiver.stall = 2000;
-        else if (choice < 12)
+        } else if (choice < 12) {
             receiver.stall = random() % 200;
-        else if (choice < 17)
-            reopen(
-                traffic, [&] { return transport.closeInput(); },
-                [&] { return transport.openInput(1); }, random() % 50);
-        else
-            reopen(
-                traffic, [&] { return transport.closeOutput(); },
-                [&] { return transport.openOutput(1); }, random() % 50);
+        } else {
+            const unsigned closedFor = random() % 50;
+            reopen(transport, traffic, choice < 17, closedFor, canBeLost && random() % 50 == 0);
+        }
         if (Clock::now() - report >= std::chrono::seconds(10)) {
             report = Clock::now();
             traffic.print(report - start);
@@ -355,7 +376,7 @@ void watch(const Traffic& traffic, const std::atomic<bool>& isOver)
     }
 }
 
-int soak(double minutes, std::uint64_t seed)
+int soak(double minutes, std::uint64_t seed, bool canBeLost)
 {
     Traffic traffic;
     traffic.seed = seed;
@@ -373,7 +394,7 @@ int soak(double minutes, std::uint64_t seed)
     std::thread watchdog([&] { watch(traffic, isOver); });
     std::thread sender([&] { sendUntil(stop, transport, traffic); });
     disturb(transport, receiver, traffic,
-            std::chrono::milliseconds(static_cast<long long>(minutes * 60'000)));
+            std::chrono::milliseconds(static_cast<long long>(minutes * 60'000)), canBeLost);
     stop = true;
     sender.join();
     for (int round = 0; round < 1500 && traffic.next < traffic.sent; ++round)
@@ -381,6 +402,10 @@ int soak(double minutes, std::uint64_t seed)
     if (traffic.next != traffic.sent)
         traffic.error("it and those behind it never came", traffic.next);
     transport.Release();
+    if (canBeLost) {
+        control(LUMORA_CABLE_UNLOAD, true);
+        control(LUMORA_CABLE_UNLOAD, false);
+    }
     isOver = true;
     watchdog.join();
     traffic.print(Clock::now() - start);
@@ -412,5 +437,6 @@ int main(int argc, char** argv)
                   isWindows11 ? "in \"Soak\" driver=windows11\nout \"Soak\" driver=windows11"
                               : "in \"Soak\"\nout \"Soak\"");
     }
-    return soak(minutes, seed);
+    const bool canBeLost = std::strstr(std::getenv("LUMORA_CABLE"), "driver=windows11") != nullptr;
+    return soak(minutes, seed, canBeLost);
 }

@@ -5,6 +5,7 @@
 #include "tests/system/ChildRun.h"
 
 #include <cstdlib>
+#include <windows.h>
 
 const char kCableDescription[] = "in \"Plain\"\n"
                                  "in \"Left;Right\"\n"
@@ -17,12 +18,20 @@ const char kCableDescription[] = "in \"Plain\"\n"
 const char kOrganization[] = "Lumora Tests";
 const char kApplication[] = "System Test";
 
+/// Ends a process that crashes, with the exception's code, before a debugger takes it over.
+static LONG WINAPI endProcess(EXCEPTION_POINTERS*)
+{
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
 int main(int argc, char** argv)
 {
     if (isChildRun())
         return childRun();
     // Read by the driver when the process first calls WinMM.
-    if (!hasOwnCable())
+    if (hasOwnCable())
+        SetUnhandledExceptionFilter(endProcess);
+    else
         _putenv_s("LUMORA_CABLE", kCableDescription);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
