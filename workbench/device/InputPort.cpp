@@ -308,13 +308,13 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& paus
     const std::int64_t hold = std::int64_t(settings.hold) * 1000;
     std::int64_t lastTaken = settings.clock();
     bool goOn = true;
-    std::size_t found = 0;
+    std::size_t roomFound = 0;
     const InProgress inProgress(*this);
     Lock held(lock);
     while (accepts(held, source, piece)) {
         piece.first = false;
         const std::size_t taken = fillFirst(held, piece);
-        found += taken;
+        roomFound += taken;
         if (piece.length == 0)
             break;
         const std::int64_t now = settings.clock();
@@ -331,7 +331,7 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& paus
     }
     if (piece.last && sysExSource == source)
         endSysEx(held, MIM_LONGDATA);
-    return found;
+    return roomFound;
 }
 
 void InputPort::sysExBroken(SourceId source)
