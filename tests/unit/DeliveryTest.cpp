@@ -130,6 +130,9 @@ TEST_F(DeliveryTest, ASysExThatFindsNoMemoryToGrowIsLostAndTheNextOneIsWhole)
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "memory does not run out under ThreadSanitizer";
 #endif
+#if QT_VERSION >= 0x060000
+    GTEST_SKIP() << "Qt 6 does not come to realloc here";
+#endif
     Bytes piece(4096, 0x11);
     piece.front() = 0xF0;
     Access::frame(*transport, piece);

@@ -443,7 +443,8 @@ std::size_t InputPort::fillFirst(Lock& held, MIDIPiece& piece)
     const DWORD most =
         settings.split ? std::min(settings.split, header->dwBufferLength) : header->dwBufferLength;
     const std::size_t length = std::min<std::size_t>(most - filled, piece.length);
-    std::memcpy(header->lpData + filled, piece.bytes, length);
+    if (length > 0) // a spoiled header may have no room, and no memory either
+        std::memcpy(header->lpData + filled, piece.bytes, length);
     filled += static_cast<DWORD>(length);
     piece.bytes += length;
     piece.length -= length;

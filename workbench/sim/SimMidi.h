@@ -86,6 +86,8 @@ struct Port : Kind<Handle>::Model
     Port(Device<Handle>& openedDevice, Arguments&&... arguments)
         : Model(openedDevice.settings, std::forward<Arguments>(arguments)...), device(openedDevice)
     {}
+    // While the object is still whole: the thread calls virtual functions of it.
+    ~Port() override { Model::endThread(); }
 
     void released() override
     {
