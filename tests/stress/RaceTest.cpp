@@ -216,7 +216,8 @@ TEST_F(RaceTest, ClosingTheOutputEndsALongDumpOfAnotherThread)
     std::atomic<int> pauses{0};
     std::atomic<bool> closed{false};
     sim::onSleep([&](DWORD milliseconds) {
-        if (milliseconds < 100) { // no pause: the closing thread waits, and the sender needs its time
+        if (milliseconds <
+            100) { // no pause: the closing thread waits, and the sender needs its time
             std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
             return;
         }
