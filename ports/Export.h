@@ -2,11 +2,11 @@
 #define LUMORA_PORTS_EXPORT_H
 
 /// \file
-/// What is exported.
+/// The export macro.
 
 /// \def LUMORA_TRANSPORT_EXPORT
-/// Marks the interface of lumora_transport.dll. The library's own build defines
-/// LUMORA_TRANSPORT_BUILD; a program that links the objects themselves, as the tests do, defines
+/// Exports the interface of lumora_transport.dll. The library's own build defines
+/// LUMORA_TRANSPORT_BUILD; a program that links the objects directly, as the tests do, defines
 /// LUMORA_TRANSPORT_STATIC.
 #if !defined(_WIN32) || defined(LUMORA_TRANSPORT_STATIC)
 #define LUMORA_TRANSPORT_EXPORT

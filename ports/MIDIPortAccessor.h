@@ -2,11 +2,11 @@
 #define LUMORA_PORTS_MIDIPORTACCESSOR_H
 
 /// \file
-/// Which port is which. Every MIDI port has an identifier that survives from run to run. Its
+/// The system's MIDI ports. Every port has an identifier that persists from run to run; its
 /// position in the system's device list changes when devices come and go.
 ///
 /// A port label is "number;name": the device's 1-based position in the system's list, in decimal,
-/// then ';', then the device name as the system gives it.
+/// then ';', then the system's name for the device.
 ///
 /// Every bool that selects a direction means false = input, true = output.
 
@@ -30,23 +30,22 @@ public:
     /// @}
 };
 
-/// The ports of the system as they were when the accessor was made. MIDIPortAccessor() makes it,
-/// Release() ends it.
+/// The system's ports at the time when MIDIPortAccessor() made the accessor. Release() destroys it.
 ///
-/// The accessor has no lock. It is filled before anyone can see it, and only read afterwards.
+/// It needs no lock: it is filled before anyone can see it, and only read afterwards.
 class IMIDIPortAccessor
 {
 public:
-    /// Appends the ports first seen in this run to the stored table and deletes the accessor. It
-    /// must outlive every transport that was made for it. Does not report a store that cannot be
-    /// written: the next run then makes new identifiers again.
+    /// Appends the ports first seen in this run to the stored table and deletes the accessor, which
+    /// must outlive every transport made for it. If the store cannot be written, it reports no
+    /// error, and the next run makes new identifiers.
     /// Thread-safe: no, the last call of all. Blocks: while it reads and writes the store.
     virtual void Release() = 0;
 
     /// The identifier of the port whose device name is exactly `name`; the null QUuid if there is
-    /// none. Searches both directions, inputs first, whatever `output` says: a device that has an
-    /// input and an output of one name yields its input's identifier. Never finds a name that
-    /// contains ';'.
+    /// none. Ignores `output` and searches both directions, inputs first: if an input and an output
+    /// have the same name, the result is the input's identifier. Never finds a name that contains
+    /// ';'.
     /// Thread-safe: yes. Blocks: no.
     virtual QUuid portIdentity(const QString& name, bool output) const = 0;
 
@@ -68,8 +67,8 @@ protected:
     ~IMIDIPortAccessor() = default;
 };
 
-/// Everything about the accessor that does not depend on the platform. A platform's subclass
-/// supplies systemPortName() and numberOfSystemPorts(), and nothing else.
+/// The platform-independent part of the accessor. A platform's subclass supplies only
+/// systemPortName() and numberOfSystemPorts().
 class LUMORA_TRANSPORT_EXPORT UniIMIDIPortAccessor : public IMIDIPortAccessor
 {
 public:
@@ -85,8 +84,8 @@ public:
     UniIMIDIPortAccessor& operator=(const UniIMIDIPortAccessor& other);
     /// @}
 
-    /// Gives every device that is present now the identifier that the stored table has for its
-    /// label, or a fresh one. Writes nothing. The factory calls it once.
+    /// Gives every present device the identifier that the stored table has for its label, or a
+    /// fresh one. Writes nothing. The factory calls it once.
     /// Thread-safe: no. Blocks: while it reads the store and asks the drivers.
     void init();
 
@@ -97,7 +96,7 @@ public:
     const TSystemMIDIMap& plugs(bool output) const override;
 
 protected:
-    /// Reached through Release(), which alone saves the table.
+    /// Reached through Release(), which saves the table.
     /// Thread-safe: no, the last call of all. Blocks: no.
     virtual ~UniIMIDIPortAccessor();
 
@@ -105,7 +104,7 @@ protected:
     /// Thread-safe: yes. Blocks: while it asks the driver.
     virtual QString systemPortName(int index, bool output) = 0;
 
-    /// The number of devices that the system has now.
+    /// The system's current number of devices.
     /// Thread-safe: yes. Blocks: while it asks the system.
     virtual int numberOfSystemPorts(bool output) = 0;
 
@@ -133,7 +132,7 @@ protected:
 };
 
 /// Makes the accessor of this system's ports, with the identifiers that earlier runs stored under
-/// `organization` and `application`. The caller owns it and ends it with Release(). Never null.
+/// `organization` and `application`. The caller owns it and destroys it with Release(). Never null.
 /// Throws std::bad_alloc without memory.
 /// Thread-safe: yes. Blocks: while it reads the store and asks the drivers.
 LUMORA_TRANSPORT_EXPORT IMIDIPortAccessor* MIDIPortAccessor(const QString& organization,

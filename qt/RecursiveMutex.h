@@ -2,8 +2,8 @@
 #define LUMORA_QT_RECURSIVEMUTEX_H
 
 /// \file
-/// A mutex that its owner may lock again, under one name for every Qt: Qt 6 has a class for it,
-/// earlier versions have a constructor argument of QMutex.
+/// One name for a recursive mutex in every Qt: a class in Qt 6, a constructor argument of QMutex
+/// before.
 
 #include <QMutex>
 #include <QMutexLocker>
@@ -12,7 +12,7 @@
 #include <QRecursiveMutex>
 #endif
 
-/// Names of this library's own that its headers need.
+/// This library's own names.
 namespace lumora {
 
 #if QT_VERSION >= 0x060000
@@ -23,16 +23,17 @@ typedef QMutexLocker<QMutex> MutexLocker;
 
 #else
 
-/// A mutex that the thread which holds it may lock again. It unlocks it as often.
+/// A mutex that its owner may lock again, and unlocks as often.
 class RecursiveMutex : public QMutex
 {
 public:
-    /// Unlocked.
+    /// Starts unlocked.
+    /// Thread-safe: yes. Blocks: no.
     RecursiveMutex() : QMutex(QMutex::Recursive) {}
 };
 
-typedef QMutexLocker RecursiveMutexLocker; ///< holds a RecursiveMutex for its own lifetime
-typedef QMutexLocker MutexLocker;          ///< holds a QMutex for its own lifetime
+typedef QMutexLocker RecursiveMutexLocker; ///< holds a RecursiveMutex while it lives
+typedef QMutexLocker MutexLocker;          ///< holds a QMutex while it lives
 
 #endif
 

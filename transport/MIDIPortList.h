@@ -2,7 +2,7 @@
 #define LUMORA_TRANSPORT_MIDIPORTLIST_H
 
 /// \file
-/// The port list as plain memory, for code that shares nothing with this library but the layout:
+/// The port list as plain memory, for code that shares only the layout with this library, and
 /// neither Qt nor a C++ runtime. Offsets are part of the contract.
 
 #include <cstddef>
@@ -17,12 +17,12 @@ struct TMIDIPortEntry
     /// The port's identifier; all zero if it could not be read.
     GUID portId;
 
-    /// The device name, zero-terminated; in COM task memory of its own. Null without memory.
+    /// The device name, zero-terminated, in COM task memory of its own. Null without memory.
     WCHAR* portName;
 };
 
-/// What TMIDITransport::MIDIPorts() fills. The caller supplies the record with `entries` null, and
-/// owns what comes back: it frees each entry's portName and then `entries` with CoTaskMemFree.
+/// Filled by TMIDITransport::MIDIPorts(). The caller supplies the record with `entries` null, and
+/// afterwards frees each entry's portName and then `entries` with CoTaskMemFree.
 struct TMIDIPortList
 {
     unsigned int count;      ///< the number of ports

@@ -17,8 +17,8 @@ struct TWinMIDIPrivate;
 class LUMORA_TRANSPORT_EXPORT TWinMIDI : public TMIDITransport
 {
 public:
-    /// Sets up all buffers, about 3.6 MB, for the life of the object. Reports nothing. The object
-    /// lacks what the system refuses: without input buffers no SysEx arrives, without output
+    /// Allocates all buffers, about 3.6 MB, for the life of the object. Reports no failure; the
+    /// object lacks what the system refuses: without input buffers no SysEx arrives, without output
     /// buffers outputData() returns false, and without its private state it opens nothing.
     /// Thread-safe: no, one thread at a time makes transports. Blocks: no.
     explicit TWinMIDI(IMIDIPortAccessor* accessor);
@@ -38,36 +38,35 @@ protected:
     /// Thread-safe: no, the last call of all. Blocks: as closeInput() and closeOutput().
     ~TWinMIDI() override;
 
-    /// Drains the input queue. 1 if it met a MIM_CLOSE record, otherwise 0 once the queue is empty.
-    /// Thread-safe: no, the pusher thread calls it. Blocks: as long as the observers.
+    /// Drains the input queue. Returns 1 if it met a MIM_CLOSE record, else 0 with the queue empty.
+    /// Thread-safe: no, the pusher thread calls it. Blocks: until the observers return.
     int read(int length, const void* data, bool strictStart, bool spare) override;
 
 private:
     friend struct lumora::TransportTestAccess;
 
-    // WinMM's callbacks, on threads of WinMM's. The message parameters are declared 32 bits wide,
-    // which is why the headers lie where 32 bits identify them.
+    // WinMM's callbacks, on WinMM's threads. Their message parameters are 32 bits wide, so the
+    // headers lie where 32 bits identify them.
     static void CALLBACK MidiInProc(HMIDIIN handle, UINT message, DWORD_PTR instance, DWORD param1,
                                     DWORD param2);
     static void CALLBACK MidiOutProc(HMIDIOUT handle, UINT message, DWORD_PTR instance,
                                      DWORD param1, DWORD param2);
 
-    // Senders whose status byte is passed separately. It goes in front of `data` unless it is 0.
-    // `length` counts the bytes of `data`; in outputLongData2, which sends one chunk, the status
-    // byte too.
+    // Senders whose status byte is passed separately and sent before `data` unless it is 0.
+    // `length` counts the bytes of `data`; in outputLongData2, which sends one chunk, it includes
+    // the status byte.
     bool outputLongData2(int length, const unsigned char* data, unsigned int status, bool wait);
     bool outputLongData(int length, unsigned char* data, unsigned int status);
 
-    // Part of the binary interface only: nothing in the library calls these two.
+    // In the binary interface only: the library calls neither.
     bool outputShortData(int length, const unsigned char* data, unsigned int status);
     bool outputData(int length, unsigned char* data, unsigned int status);
 
     TWinMIDIPrivate* d;
 };
 
-/// Makes a new transport for the ports of `accessor`, with a reference count of 1. The caller ends
-/// it with Release(), before the accessor. Without memory the reference is null, which valid()
-/// tells.
+/// Makes a new transport for the ports of `accessor`, with a reference count of 1. The caller
+/// releases it before the accessor. Without memory the reference is null: check valid().
 /// Thread-safe: no, one thread at a time makes transports. Blocks: no.
 LUMORA_TRANSPORT_EXPORT TMIDITransport& MIDITransportInstance(IMIDIPortAccessor* accessor);
 
