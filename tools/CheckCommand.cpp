@@ -26,7 +26,7 @@ static int lengthOf(const QByteArray& bytes)
     return static_cast<int>(bytes.size());
 }
 
-// F0 7D, then bytes that differ from round to round and from chunk to chunk, then F7.
+// F0 7D, data bytes that differ between rounds and chunks, and F7.
 static QByteArray testMessage(int bytes, int round)
 {
     QByteArray message(bytes, '\0');
@@ -72,7 +72,7 @@ static QString differenceText(const QByteArray& sent, const QByteArray& received
     while (offset < common && sent.at(offset) == received.at(offset))
         ++offset;
     if (offset == common)
-        return QStringLiteral("%1 sent, but %2 received, alike as far as they go")
+        return QStringLiteral("%1 sent, but %2 received, identical up to there")
             .arg(counted(sent.size(), "byte"), counted(received.size(), "byte"));
     return QStringLiteral("sent %1, but received %2 at offset %3 (%4 sent, %5 received)")
         .arg(hex(sent.mid(offset, 1)), hex(received.mid(offset, 1)), grouped(offset),
@@ -81,15 +81,15 @@ static QString differenceText(const QByteArray& sent, const QByteArray& received
 
 namespace {
 
-// An open pair of ports, and the way there and back.
+// An open output and input, connected by a cable.
 class Loop
 {
 public:
     Loop(TMIDITransport& transport, Receiver& receiver) : transport(transport), receiver(receiver)
     {}
 
-    // Sends `message` and takes what comes back as the same kind of message, SysEx or not. The
-    // result is the time that took, in milliseconds. Throws Failure if it differs or does not come.
+    // Sends `message` and compares it with the next incoming message of its kind, SysEx or not.
+    // Returns the time in milliseconds. Throws Failure if it differs or does not come.
     double roundTrip(const QByteArray& message)
     {
         const auto start = steady_clock::now();
@@ -119,7 +119,7 @@ public:
     }
 
 private:
-    // After Ctrl-C the message is still sent, to its last byte.
+    // Sends a whole message, even after Ctrl-C.
     void send(const QByteArray& message)
     {
         if (interrupted())
@@ -156,7 +156,7 @@ private:
 
 static void checkSysEx(Loop& loop, int bytes, int times)
 {
-    // Of each pause the system's clock may swallow one tick.
+    // The system's clock may shorten each pause by one tick.
     const qint64 pauses = qint64(chunksOf(bytes).size() - 1) * (kPauseMs - 1);
     double total = 0;
     for (int round = 0; round < times; ++round) {
@@ -175,7 +175,7 @@ static void checkSysEx(Loop& loop, int bytes, int times)
     print(QStringLiteral("Throughput: %1\n").arg(throughputText(qint64(bytes) * times, total)));
 }
 
-// Undefined controllers on the last channel: an instrument that hears them does nothing.
+// An undefined controller on the last channel, which instruments ignore.
 static QByteArray latencyMessage(int sample)
 {
     const char bytes[] = {'\xBF', '\x03', static_cast<char>(sample & 0x7F)};
@@ -200,13 +200,12 @@ void checkCommand(const QStringList& arguments)
     CommandLine line(
         QStringLiteral("check"),
         QStringLiteral(
-            "Sends SysEx and short messages out of an output and compares what comes back at "
-            "an input that a cable connects to it."));
+            "Sends SysEx and short messages to an output and compares what comes back at an input "
+            "that a cable connects to it."));
     line.addExample(QStringLiteral("1 1"),
-                    QStringLiteral("10,000 bytes of SysEx and 100 short messages, there and "
-                                   "back."));
+                    QStringLiteral("sends 10,000 bytes of SysEx and 100 short messages."));
     line.addExample(QStringLiteral("1 1 --bytes 60000 --times 10"),
-                    QStringLiteral("more of it, for a cable that fails now and then."));
+                    QStringLiteral("sends more, for a cable that fails occasionally."));
     line.addPort(QStringLiteral("OUT"), true);
     line.addPort(QStringLiteral("IN"), false);
     line.addOption(QStringLiteral("bytes"),

@@ -67,12 +67,12 @@ void CommandLine::stopAtFirstArgument()
     const QString program =
         QLatin1String(kProgram) + (command.isEmpty() ? QString() : QLatin1Char(' ') + command);
     throw Failure{ExitStatus::WrongUsage,
-                  QStringLiteral("%1 (\"%2 --help\" tells more.)").arg(message, program)};
+                  QStringLiteral("%1 (See \"%2 --help\".)").arg(message, program)};
 }
 
 bool CommandLine::parse(const QStringList& arguments)
 {
-    // Last of all, where the help has them: few users ever need the store's.
+    // Last in the help: few users need the options of the store.
     parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QString()});
     optionHelp.append({QStringLiteral("-h, --help"), QStringLiteral("Shows this text.")});
     addOption(QStringLiteral("organization"),
@@ -82,7 +82,7 @@ bool CommandLine::parse(const QStringList& arguments)
     addOption(QStringLiteral("application"),
               QStringLiteral("Application whose settings store keeps them (default Transport)."),
               QStringLiteral("NAME"), QStringLiteral("Transport"));
-    // The parser leaves out the first of the arguments, the program's name.
+    // The parser skips the first argument, the program's name.
     const bool ok = parser.parse(QStringList(QLatin1String(kProgram)) + arguments);
     if (ok && parser.isSet(QStringLiteral("help"))) {
         print(helpText(outputWidth()));
@@ -134,14 +134,14 @@ Store CommandLine::store() const
     return {value("organization"), value("application")};
 }
 
-// Terms in one column, what they mean in the next.
+// Terms in one column, their descriptions in the next.
 template <typename Lines>
 static QString table(const char* title, const Lines& lines, int width)
 {
     if (lines.isEmpty())
         return QString();
-    const int frame = 2;  // blanks ahead of each column
-    const int least = 20; // columns for a text, however narrow the terminal is
+    const int frame = 2;  // blanks before each column
+    const int least = 20; // columns for the description, even in a narrow terminal
     int widest = 0;
     for (const auto& line : lines)
         widest = std::max(widest, static_cast<int>(line.term.size()));
@@ -156,7 +156,7 @@ static QString table(const char* title, const Lines& lines, int width)
     return text;
 }
 
-// Commands to copy, each with its effect below it.
+// Example commands, each with its effect on the next line.
 template <typename Lines>
 static QString exampleText(const Lines& examples, int width)
 {

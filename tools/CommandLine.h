@@ -7,36 +7,35 @@
 #include <QStringList>
 #include <QVector>
 
-/// The options and arguments of one command: declared, parsed, asked. Whatever is wrong with them
-/// is a Failure with ExitStatus::WrongUsage.
+/// Declares, parses and returns the options and arguments of one command. Throws Failure with
+/// ExitStatus::WrongUsage if they are wrong.
 class CommandLine
 {
 public:
     /// `name` is the command's name, empty for the program itself.
     CommandLine(const QString& name, const QString& description);
 
-    /// For the help: what follows the command's name, and what it does.
+    /// For the help: what follows the command's name, and its effect.
     void addExample(const QString& arguments, const QString& effect);
 
-    /// Arguments in order; the last may repeat. `syntax` stands in the usage line, "PORT" or
-    /// "[BYTES…]".
+    /// Arguments in order; the last may repeat. `syntax` is for the usage line: "PORT", "[BYTES…]".
     void addArgument(const QString& argument, const QString& text, const QString& syntax);
 
-    /// One that names a port.
+    /// An argument that names a port.
     void addPort(const QString& argument, bool output);
 
     void addOption(const QString& option, const QString& text);
     void addOption(const QString& option, const QString& text, const QString& valueName,
                    const QString& defaultValue = QString());
 
-    /// What follows the first argument is not looked at: it belongs to a command.
+    /// Leaves what follows the first argument to a command.
     void stopAtFirstArgument();
 
-    /// For the help of the program itself: a command, and a paragraph at the end.
+    /// For the program's own help: a command, and a paragraph at the end.
     void addCommand(const QString& command, const QString& effect);
     void addNote(const QString& text);
 
-    /// False if only help was asked for, which is then printed.
+    /// False if the arguments ask for help, which it prints.
     bool parse(const QStringList& arguments);
 
     const QStringList& arguments() const { return positional; }
@@ -44,10 +43,10 @@ public:
     bool isSet(const char* option) const;
     QString value(const char* option) const;
 
-    /// An option that takes a whole number from `least` to `most`.
+    /// The value of an option that takes a whole number from `least` to `most`.
     int number(const char* option, int least, int most) const;
 
-    /// What --organization and --application name.
+    /// The store that --organization and --application name.
     Store store() const;
 
 private:

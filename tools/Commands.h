@@ -3,7 +3,7 @@
 
 #include <QStringList>
 
-// The commands: `arguments` is what follows the command's name. They throw Failure.
+// `arguments` are those after the command's name. All throw Failure.
 
 void listCommand(const QStringList& arguments);
 void monitorCommand(const QStringList& arguments);

@@ -2,7 +2,7 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 
-// What can be completed is asked of the program itself, so that nothing has to be listed here.
+// Takes commands and options from the program's own help.
 static const char kBashScript[] = R"bash(# Completion of lumora-midi for bash.
 _lumora_midi() {
     local program=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} command='' i
@@ -28,11 +28,11 @@ complete -o filenames -F _lumora_midi lumora-midi lumora-midi.exe
 void completionCommand(const QStringList& arguments)
 {
     CommandLine line(QStringLiteral("completion"),
-                     QStringLiteral("Prints a script with which bash completes commands, options "
-                                    "and file names."));
+                     QStringLiteral("Prints a bash completion script for commands, options and "
+                                    "file names."));
     line.addExample(QStringLiteral("> ~/.lumora-midi"),
-                    QStringLiteral("writes it to a file, which \"source ~/.lumora-midi\" in "
-                                   "~/.bashrc puts to use."));
+                    QStringLiteral("writes it to a file; \"source ~/.lumora-midi\" in ~/.bashrc "
+                                   "loads it."));
     if (!line.parse(arguments))
         return;
     line.expectArguments(0, 0);

@@ -7,15 +7,15 @@
 #include <mutex>
 #include <windows.h>
 
-// What a console takes at once is limited, in older systems to 64 KB and less.
+// The most that is written to a console at once; older systems take 64 KB or less.
 static const int kConsoleUnits = 8192;
 
-// How long a program that ends waits for a thread that is writing, in milliseconds.
+// How long an ending program waits for a writing thread, in milliseconds.
 static const int kLeaveMs = 50;
 
-// The main thread, the progress bar's and the system's, which tells of Ctrl-C, write.
+// The main thread, the progress bar's, and the system's for Ctrl-C all write.
 static std::mutex terminalMutex; // guards what follows and the order of what is written
-static QString lineInPlace;      // the cursor stands behind it
+static QString lineInPlace;      // the cursor is after it
 
 static bool isTerminal(HANDLE stream)
 {
@@ -23,7 +23,7 @@ static bool isTerminal(HANDLE stream)
     return GetConsoleMode(stream, &mode);
 }
 
-// This and the next: false, with the reason in GetLastError(), if not all could be written.
+// This and the next return false, with the reason in GetLastError(), if they cannot write all.
 static bool writeToTerminal(HANDLE terminal, const QString& text)
 {
     int done = 0;
@@ -74,7 +74,7 @@ static WORD attributesOf(Colour colour)
     return FOREGROUND_RED | FOREGROUND_GREEN | FOREGROUND_BLUE;
 }
 
-// One column is left free: in the last one some consoles begin a new line.
+// Leaves one column free: some consoles start a new line after the last one.
 static int widthOf(DWORD which)
 {
     CONSOLE_SCREEN_BUFFER_INFO info;
@@ -106,7 +106,7 @@ static bool writeColoured(const QString& text, Colour colour)
 
 static bool writeOutput(const QString& text, Colour colour)
 {
-    // What is no terminal may block, and shall keep nobody else from writing.
+    // A pipe may block, and must not block other writers.
     if (!isTerminal(GetStdHandle(STD_OUTPUT_HANDLE)))
         return writeTo(STD_OUTPUT_HANDLE, text);
     const std::lock_guard<std::mutex> guard(terminalMutex);

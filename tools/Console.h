@@ -3,20 +3,19 @@
 
 #include <QString>
 
-// Both streams carry UTF-8; a console window is given UTF-16, so that its code page does not
-// matter. Nothing is buffered. Any thread.
+// Both streams carry UTF-8; a console window gets UTF-16, whatever its code page. Nothing is
+// buffered. Any thread.
 
 enum class Colour { None, Green, Yellow, Magenta, Cyan };
 
-/// Writes data to standard output; coloured only on a terminal, and not if NO_COLOR is set. False
-/// if its reader has gone, which is no failure; throws Failure if it cannot be written for another
-/// reason.
+/// Writes to standard output, with colour only on a terminal and unless NO_COLOR is set. False if
+/// the reader has gone, which is not a failure; throws Failure for any other error.
 bool print(const QString& text, Colour colour = Colour::None);
 
-/// The columns for text on standard output; 80 if that is no terminal.
+/// The columns for text on standard output; 80 if that is not a terminal.
 int outputWidth();
 
-/// Writes a line for people to standard error.
+/// Writes a line to standard error.
 void say(const QString& line);
 
 /// Whether standard error is a terminal.
@@ -25,12 +24,12 @@ bool errorIsTerminal();
 /// The columns for text on standard error, if that is a terminal.
 int errorWidth();
 
-/// Writes `line` to the terminal in place of the one before it; an empty one clears it. Only if
+/// Replaces the line that it wrote to the terminal before; an empty one clears it. Only if
 /// errorIsTerminal().
 void showInPlace(const QString& line);
 
-/// Clears the line that showInPlace() wrote, for the program ends now: nothing can be written to
-/// standard error any more, and who tries waits for ever.
+/// Clears the line that showInPlace() wrote, just before the program ends: later writes to standard
+/// error block for ever.
 void leaveTerminal();
 
 #endif

@@ -6,7 +6,7 @@
 
 static const int kPitchBendCentre = 0x2000;
 
-// Shown of a SysEx message in text.
+// Bytes of a SysEx message that the text shows.
 static const int kFirstBytes = 12;
 
 static int byteAt(const QByteArray& bytes, int index)
@@ -121,7 +121,7 @@ static QString sysExText(const QByteArray& message)
     return text;
 }
 
-// Told apart by the length alone: a message that is cut off is shown as bytes.
+// Whole ones only: a truncated message is shown as bytes.
 static bool isChannelMessage(const QByteArray& message)
 {
     if (message.isEmpty() || byteAt(message, 0) < 0x80 || byteAt(message, 0) >= kSysExStart)

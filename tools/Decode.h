@@ -5,8 +5,7 @@
 #include <QJsonObject>
 #include <QString>
 
-// One received message for people and for programs. A channel message may carry padding behind its
-// own length.
+// One received message as text and as JSON. A channel message may have padding at its end.
 
 /// `message` without padding.
 QByteArray trimmed(const QByteArray& message);
@@ -18,14 +17,14 @@ QString toText(const QByteArray& padded);
 /// 64"}
 QJsonObject toJson(const QByteArray& padded);
 
-/// What an identity reply tells: "Device 10: maker 41 (Roland), family 772, model 2, version 00 01
-/// 00 00"; empty if `message` is none.
+/// The contents of an identity reply: "Device 10: maker 41 (Roland), family 772, model 2, version
+/// 00 01 00 00"; empty if `message` is not one.
 QString identityText(const QByteArray& message);
 
 /// Middle C, note 60, is "C4".
 QString noteName(int note);
 
-/// "Volume" for controller 7; empty if the controller has no name of its own.
+/// "Volume" for controller 7; empty if the controller has no name.
 QString controllerName(int controller);
 
 #endif

@@ -3,7 +3,7 @@
 
 #include <QString>
 
-/// How the program ends.
+/// The program's exit status.
 enum class ExitStatus {
     Done = 0,
     Failed = 1,
@@ -13,8 +13,8 @@ enum class ExitStatus {
     BadData = 5
 };
 
-/// Thrown by any step of a command that cannot go on; main() prints the message on standard error
-/// and ends with the status.
+/// Thrown by a command that cannot go on; main() prints the message to standard error and exits
+/// with the status.
 struct Failure
 {
     ExitStatus status;

@@ -76,8 +76,8 @@ void Filter::setKinds(const QString& text)
         }
         if (!known)
             throw Failure{ExitStatus::WrongUsage,
-                          QStringLiteral("--only needs note, pressure, cc, pc, pb or sysex, with "
-                                         "commas between several, not \"%1\".")
+                          QStringLiteral("--only needs note, pressure, cc, pc, pb or sysex, "
+                                         "separated by commas, not \"%1\".")
                               .arg(text)};
     }
 }

@@ -5,14 +5,14 @@
 #include <QSet>
 #include <QString>
 
-/// What a message is, by its status byte.
+/// The kind of a message, by its status byte.
 enum class Kind { Note, Pressure, ControlChange, ProgramChange, PitchBend, SysEx, Other };
 
 Kind kindOf(const QByteArray& message);
 
-/// Chooses among received messages. A message passes if every demand accepts it; at first there is
-/// none. A channel is asked of channel messages, a maker of SysEx: others do not pass. The three
-/// that set a demand throw Failure with ExitStatus::WrongUsage.
+/// Selects received messages. A message passes if it meets every condition; at first there is none.
+/// Only channel messages meet a channel condition, and only SysEx a maker condition. The setters
+/// throw Failure with ExitStatus::WrongUsage.
 class Filter
 {
 public:
@@ -28,10 +28,11 @@ public:
     bool passes(const QByteArray& message) const;
 
 private:
-    QSet<int> channels; // from 1; empty for no demand
-    QSet<int> kinds;    // as numbers; empty for no demand
-    QByteArray makerId; // empty for no demand
-    QString makerName;  // likewise
+    // Empty: no condition.
+    QSet<int> channels; // from 1
+    QSet<int> kinds;    // as numbers
+    QByteArray makerId;
+    QString makerName;
 };
 
 #endif

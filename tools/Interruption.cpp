@@ -12,7 +12,7 @@
 static std::atomic<bool> endRequested(false);
 static std::atomic<const char*> currentNotice(nullptr);
 
-// Runs on a thread of the system's own.
+// Runs on a system thread.
 static BOOL WINAPI onConsoleEvent(DWORD event)
 {
     const bool again = endRequested.exchange(true);
@@ -25,8 +25,8 @@ static BOOL WINAPI onConsoleEvent(DWORD event)
             say(QString::fromUtf8(notice));
         return TRUE;
     }
-    // The console is closing: the process ends when this returns, so the main thread gets the time
-    // that the system grants.
+    // The console is closing. The process ends when this returns, so it leaves the main thread all
+    // the time that the system grants.
     Sleep(INFINITE);
     return TRUE;
 }

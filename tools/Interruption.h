@@ -3,22 +3,22 @@
 
 #include <QtGlobal>
 
-// Ctrl-C asks the program to end in order: ports closed, identifiers stored. A second one ends it
-// on the spot.
+// Ctrl-C asks the program to shut down: to close ports and store identifiers. A second one ends it
+// at once.
 
-/// From now on Ctrl-C and the closing of the console are caught.
+/// Handles Ctrl-C and the closing of the console from now on.
 void catchInterruption();
 
-/// What a first Ctrl-C is answered with on standard error; null for nothing.
+/// Sets what a first Ctrl-C prints to standard error; null for nothing.
 void answerInterruption(const char* notice);
 
 /// Whether the program was asked to end. Any thread.
 bool interrupted();
 
-/// Sleeps; false as soon as the program is asked to end.
+/// Sleeps; returns false as soon as the program is asked to end.
 bool sleepFor(qint64 milliseconds);
 
-/// How often whoever waits for something looks at interrupted().
+/// How often a wait checks interrupted().
 const int kInterruptionPollMs = 20;
 
 #endif

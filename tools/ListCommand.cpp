@@ -15,13 +15,13 @@ namespace {
 struct Direction
 {
     QVector<Port> ports;
-    QVector<Port> known; // whose identifiers the store held before this run
+    QVector<Port> known; // those whose identifiers the store had before this run
 };
 
 struct Listing
 {
     Direction directions[2]; // by direction flag
-    bool stored = true;      // whether the store holds all identifiers after this run
+    bool stored = true;      // whether the store has all identifiers after this run
 };
 
 } // namespace
@@ -43,7 +43,7 @@ static Listing listPorts(const Store& store)
             direction.known = storedPorts(store, direction.ports, output);
         }
     }
-    // The end of the session was the time to store what is new.
+    // The end of the session stored the new identifiers.
     for (const bool output : {false, true}) {
         const QVector<Port>& ports = listing.directions[output].ports;
         if (storedPorts(store, ports, output).size() != ports.size())
@@ -52,7 +52,7 @@ static Listing listPorts(const Store& store)
     return listing;
 }
 
-// Names come last: nothing behind them depends on how wide a terminal shows them.
+// Names come last, since their width on a terminal is unknown.
 static QString asText(const Listing& listing)
 {
     QString text;
@@ -98,9 +98,9 @@ void listCommand(const QStringList& arguments)
         QStringLiteral(
             "Shows the MIDI inputs and outputs: number, name, identifier, and whether the "
             "identifier was known before this run."));
-    line.addExample(QString(), QStringLiteral("what is connected."));
+    line.addExample(QString(), QStringLiteral("lists the ports."));
     line.addExample(QStringLiteral("--organization COMPANY --application EDITOR"),
-                    QStringLiteral("the identifiers that another program sees."));
+                    QStringLiteral("shows the identifiers that another program sees."));
     line.addOption(QStringLiteral("json"), QStringLiteral("Prints JSON."));
     if (!line.parse(arguments))
         return;
@@ -111,9 +111,9 @@ void listCommand(const QStringList& arguments)
     print(line.isSet("json") ? asJson(listing, store) : asText(listing));
     if (!listing.stored)
         say(QStringLiteral(
-                "lumora-midi: The identifiers of new ports are not kept in "
-                "HKEY_LOCAL_MACHINE\\Software\\%1\\%2 and will differ next time, as a rule because "
+                "lumora-midi: The identifiers of new ports are not stored in "
+                "HKEY_LOCAL_MACHINE\\Software\\%1\\%2 and will differ next time, usually because "
                 "only administrators may write there. Run \"lumora-midi list\" once as "
-                "administrator with the ports connected: it stores the identifiers for everybody.")
+                "administrator with the ports connected to store them for all users.")
                 .arg(store.organization, store.application));
 }

@@ -99,7 +99,7 @@ static const struct
     {0x7F, "universal real time"},
 };
 
-// By the two bytes behind the 0.
+// By the two bytes after the 0.
 static const struct
 {
     int id;

@@ -4,12 +4,12 @@
 #include <QByteArray>
 #include <QString>
 
-/// The identifier of the maker that a SysEx message begins with, 1 or 3 bytes (those that begin
-/// with 0 have two more). Empty if the message has none.
+/// The maker's identifier at the beginning of a SysEx message: 1 byte, or 3 if the first is 0.
+/// Empty if the message has none.
 QByteArray manufacturerOf(const QByteArray& sysEx);
 
-/// The maker that the MIDI Association lists under this identifier; empty if it is not among those
-/// known here: all of one byte, and the three-byte ones that are met most.
+/// The maker's name in the MIDI Association's list; empty if it is not known here: it knows all
+/// one-byte identifiers and the most common three-byte ones.
 QString manufacturerName(const QByteArray& id);
 
 #endif

@@ -7,46 +7,46 @@
 #include <deque>
 #include <mutex>
 
-/// As good as no end: a time that can still be added to.
+/// Practically for ever, but short enough to add to a time.
 const std::chrono::hours kForever(24 * 365 * 10);
 
 struct ReceivedMessage
 {
     QByteArray bytes;
     std::chrono::steady_clock::time_point time; ///< when it arrived
-    int source;                                 ///< who sent it, as push() was told
+    int source;                                 ///< as passed to push()
 };
 
-/// Messages for which there was no room.
+/// Messages that found no room.
 struct LostMessages
 {
     qint64 messages = 0;
     qint64 bytes = 0;
 };
 
-/// Messages on their way from one thread to another. There is a bound to the memory that they take
-/// while they wait: what arrives beyond it is counted and dropped.
+/// Passes messages from one thread to another. Bounds the memory of waiting messages: counts and
+/// drops what exceeds it.
 class MessageQueue
 {
 public:
     using time_point = std::chrono::steady_clock::time_point;
 
-    /// Takes messages as long as those that wait have less than `capacity` bytes, for which each
-    /// counts kMessageCost more than it has. So one message of any length finds room.
+    /// Takes messages while those that wait cost less than `capacity`, each its length plus
+    /// kMessageCost. So an empty queue takes a message of any length.
     explicit MessageQueue(qint64 capacity) : capacity(capacity) {}
 
-    /// Appends a copy of the message unless it comes at the end or later.
+    /// Appends a copy of the message, unless `now` is at or after the end.
     void push(const void* data, int length, time_point now, int source = 0) noexcept;
 
-    /// What comes at `time` or later does not belong to the queue. An earlier end stays.
+    /// Ends the queue: it ignores what arrives at `time` or later. An earlier end stays.
     void endAt(time_point time);
 
-    /// Takes the oldest message, for which it waits until `deadline`. False if there is none.
+    /// Takes the oldest message; waits for one until `deadline`. False if there is none.
     bool take(ReceivedMessage* message, time_point deadline);
 
     LostMessages lost() const;
 
-    /// What a short message takes in memory, about.
+    /// The approximate memory of a short message.
     static const int kMessageCost = 100;
 
 private:
@@ -56,7 +56,7 @@ private:
     mutable std::mutex mutex; // guards what follows
     std::condition_variable arrived;
     std::deque<ReceivedMessage> queue;
-    qint64 used = 0; // the cost of what is in `queue`
+    qint64 used = 0; // the total cost of `queue`
     time_point end = time_point::max();
     LostMessages dropped;
 };

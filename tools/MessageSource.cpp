@@ -16,16 +16,17 @@
 #include <fcntl.h>
 #include <io.h>
 
-// Well below the longest array that Qt 5 can make.
+// Well below the longest QByteArray of Qt 5.
 static const qint64 kLongestFile = 2'000'000'000;
 
 static const char kStandardInput[] = "-";
 
 void addLenientOption(CommandLine& line)
 {
-    line.addOption(QStringLiteral("lenient"),
-                   QStringLiteral("Passes over zeros and line ends between the messages of a .syx "
-                                  "file, and says how many."));
+    line.addOption(
+        QStringLiteral("lenient"),
+        QStringLiteral("Skips zeros and line ends between the messages of a .syx file, and "
+                       "says how many."));
 }
 
 [[noreturn]] static void refuseToRead(const QFile& file)
@@ -36,14 +37,14 @@ void addLenientOption(CommandLine& line)
 
 static QByteArray readAll(QFile& file)
 {
-    // One byte more than there may be, and not what the size says: a pipe has none.
+    // One byte more than allowed, rather than the file's size: a pipe has none.
     QByteArray bytes = file.read(kLongestFile + 1);
     if (file.error() != QFile::NoError)
         refuseToRead(file);
     if (bytes.size() > kLongestFile)
         throw Failure{
             ExitStatus::BadData,
-            QStringLiteral("It is too large: %1 are possible.").arg(counted(kLongestFile, "byte"))};
+            QStringLiteral("It is too large: the limit is %1.").arg(counted(kLongestFile, "byte"))};
     return bytes;
 }
 
@@ -60,12 +61,12 @@ static QByteArray readFile(const QString& name)
         refuseToRead(file);
     if (file.size() > kLongestFile)
         throw Failure{ExitStatus::BadData,
-                      QStringLiteral("It is too large: %1, and %2 are possible.")
+                      QStringLiteral("It is too large: %1; the limit is %2.")
                           .arg(counted(file.size(), "byte"), grouped(kLongestFile))};
     return readAll(file);
 }
 
-// Nothing but what a keyboard writes: no .syx and no .mid file is so.
+// Only printable ASCII and white space, which no .syx or .mid file is.
 static bool isText(const QByteArray& bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(), [](char c) {
@@ -79,16 +80,16 @@ static QVector<QByteArray> messagesOfSyx(const QByteArray& content, bool lenient
         int padding = 0;
         const QVector<QByteArray> messages = splitSysEx(content, &padding);
         if (padding > 0)
-            say(QStringLiteral("%1 of padding passed over.").arg(counted(padding, "byte")));
+            say(QStringLiteral("%1 of padding skipped.").arg(counted(padding, "byte")));
         return messages;
     }
     try {
         return splitSysEx(content);
     } catch (const Failure& failure) {
         int padding = 0;
-        splitSysEx(content, &padding); // throws, too, where padding is not all that is wrong
+        splitSysEx(content, &padding); // throws if padding is not the only fault
         throw Failure{failure.status,
-                      failure.message + QLatin1String(" --lenient passes over such padding.")};
+                      failure.message + QLatin1String(" --lenient skips such padding.")};
     }
 }
 
@@ -99,8 +100,8 @@ static QVector<QByteArray> messagesOfContent(const QByteArray& content, const QS
         const QVector<QByteArray> messages = sysExOfMidiFile(content);
         if (messages.isEmpty())
             throw Failure{ExitStatus::BadData,
-                          QStringLiteral("This MIDI file has no SysEx message, and nothing else of "
-                                         "it is sent.")};
+                          QStringLiteral("This MIDI file has no SysEx messages, and nothing else "
+                                         "in it is sent.")};
         return messages;
     }
     if (name == QLatin1String(kStandardInput) && isText(content))
@@ -131,7 +132,7 @@ QVector<QByteArray> messagesOfFile(const QString& name, const CommandLine& line)
     }
 }
 
-// Bytes and words have no full stop and no slash in them.
+// Bytes and words contain no full stops and no slashes.
 static bool namesFile(const QString& text)
 {
     if (text == QLatin1String(kStandardInput))

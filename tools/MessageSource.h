@@ -3,12 +3,12 @@
 
 #include "tools/CommandLine.h"
 
-/// Declares the option with which messagesOf() passes over padding.
+/// Declares the option that makes messagesOf() skip padding.
 void addLenientOption(CommandLine& line);
 
-/// What the user wants to send: bytes and words, the name of a .syx or .mid file, or "-" for
-/// standard input, which may hold any of these. Tells what --lenient passed over. Throws Failure if
-/// there is no message, or anything is wrong with one: all or nothing.
+/// The messages that the user wants to send: bytes and words, the name of a .syx or .mid file, or
+/// "-" for standard input, which may contain either. Reports what --lenient skipped. Throws Failure
+/// if there is no message or any is wrong.
 QVector<QByteArray> messagesOf(const QStringList& texts, const CommandLine& line);
 
 /// The messages of a file, "-" for standard input.

@@ -9,7 +9,7 @@ static unsigned char byteAt(const QByteArray& bytes, int index)
     return static_cast<unsigned char>(bytes.at(index));
 }
 
-// Qt 6 counts in 64 bits; an int holds what any Qt 5 array does.
+// Qt 6's sizes have 64 bits; the messages here are shorter.
 static int lengthOf(const QByteArray& bytes)
 {
     return static_cast<int>(bytes.size());
@@ -29,7 +29,7 @@ static int lengthOf(const QByteArray& bytes)
         QStringLiteral("%1 at offset %2 of \"%3\".").arg(what, QString::number(offset), text)};
 }
 
-// Beyond U+FFFF a character has two places in a QString.
+// A character beyond U+FFFF takes two QChars.
 static QString characterAt(const QString& text, int index)
 {
     const bool isPair = text.at(index).isHighSurrogate() && index + 1 < text.size() &&
@@ -52,9 +52,9 @@ QByteArray parseHex(const QStringList& texts)
         bool isDigit = false;
         QString(c).toInt(&isDigit, 16);
         if (!isDigit)
-            refuseText(text,
-                       QStringLiteral("\"%1\" is no hexadecimal digit,").arg(characterAt(text, i)),
-                       i);
+            refuseText(
+                text,
+                QStringLiteral("\"%1\" is not a hexadecimal digit,").arg(characterAt(text, i)), i);
         if (first < 0) {
             first = i;
             continue;
@@ -68,7 +68,7 @@ QByteArray parseHex(const QStringList& texts)
 int messageLength(unsigned char status)
 {
     if (status == 0xF4 || status == 0xF5)
-        return 1; // undefined: sent as they are
+        return 1; // undefined: sent alone
     return static_cast<int>(midiMessageLength(status));
 }
 
@@ -92,7 +92,7 @@ static QByteArray takeShort(const QByteArray& bytes, int start)
     const unsigned char status = byteAt(bytes, start);
     const int length = messageLength(status);
     if (length == 0)
-        refuse(QStringLiteral("%1 begins no message,").arg(hex(status)), start);
+        refuse(QStringLiteral("%1 does not begin a message,").arg(hex(status)), start);
     for (int i = start + 1; i < start + length; ++i) {
         if (i == bytes.size())
             refuse(QStringLiteral("The message that begins with %1 is cut off,").arg(hex(status)),
@@ -114,7 +114,7 @@ QVector<QByteArray> splitMessages(const QByteArray& bytes)
     return messages;
 }
 
-// What other programs put around the messages of a file.
+// What other programs write around the messages of a file.
 static bool isPadding(unsigned char byte)
 {
     return byte == 0 || byte == '\r' || byte == '\n';
@@ -133,7 +133,7 @@ QVector<QByteArray> splitSysEx(const QByteArray& bytes, int* padding)
             ++*padding;
             ++i;
         } else {
-            refuse(QStringLiteral("%1 lies outside of F0 … F7,").arg(hex(byte)), i);
+            refuse(QStringLiteral("%1 is outside F0 … F7,").arg(hex(byte)), i);
         }
     }
     return messages;

@@ -8,28 +8,28 @@
 #include <QStringList>
 #include <QVector>
 
-// MIDI data from outside, checked before any of it is used. These three throw Failure with
-// ExitStatus::BadData, and with the offset of the offending byte or character, from 0.
+// Checks untrusted MIDI data before any of it is used. The first three throw Failure with
+// ExitStatus::BadData and the offset of the offending byte or character, from 0.
 
-/// The bytes of hexadecimal text, as in {"F0", "7D10", "F7"} or {"F0 7D 10 F7"}: two digits for
-/// each byte. Offsets count the characters of the texts joined by blanks.
+/// The bytes of hexadecimal text, two digits each: {"F0", "7D10", "F7"} or {"F0 7D 10 F7"}. Offsets
+/// count the characters of the texts joined by blanks.
 QByteArray parseHex(const QStringList& texts);
 
 /// The messages of `bytes`: complete ones only, each with its own status byte.
 QVector<QByteArray> splitMessages(const QByteArray& bytes);
 
-/// The messages of a .syx file: SysEx only, F0 … F7, nothing before, between or behind them. With
-/// `padding` zeros and line ends are skipped there, and their number is added to it.
+/// The messages of a .syx file: SysEx only, F0 … F7, nothing before, between or after them. With
+/// `padding`, skips zeros and line ends there and adds their number to it.
 QVector<QByteArray> splitSysEx(const QByteArray& bytes, int* padding = nullptr);
 
 /// The length in bytes of a message that begins with `status`; 0 for SysEx, whose length is open,
-/// and for what begins no message.
+/// and for a byte that begins no message.
 int messageLength(unsigned char status);
 
-/// Whether `message` begins as a SysEx message does.
+/// Whether `message` begins with F0.
 bool isSysEx(const QByteArray& message);
 
-/// Whether `message` is one SysEx message, F0 … F7, with nothing but data bytes between.
+/// Whether `message` is one SysEx message, F0 … F7, with only data bytes between.
 bool isWholeSysEx(const QByteArray& message);
 
 /// `sysEx` without the real-time messages in it. Those that arrive while the library assembles a

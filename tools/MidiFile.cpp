@@ -23,7 +23,7 @@ static const unsigned char kEndOfTrack = 0x2F;
 
 namespace {
 
-// Takes a file, or a piece of it, to its parts.
+// Parses a file, or a part of it.
 class Reader
 {
 public:
@@ -54,7 +54,7 @@ public:
         return value;
     }
 
-    // Seven bits a byte, the last one below 0x80.
+    // Seven bits per byte; the last one is below 0x80.
     quint32 variableNumber()
     {
         const int start = position;
@@ -103,7 +103,7 @@ struct Event
     QByteArray sysEx;
 };
 
-// Puts the packets of SysEx messages together.
+// Joins the packets of SysEx messages.
 class Packets
 {
 public:
@@ -117,7 +117,7 @@ public:
         finish(ticks);
     }
 
-    // Without a message to go on with, the packet is an escape for bytes of any kind.
+    // Without an unfinished message, the packet is an escape for any bytes.
     void goOn(const QByteArray& data, quint64 ticks)
     {
         if (!pending.isEmpty()) {
@@ -156,7 +156,7 @@ private:
 static void readTrack(Reader track, QVector<Event>* events)
 {
     Packets packets(events);
-    unsigned char status = 0; // of the channel message before; 0 if there was none
+    unsigned char status = 0; // of the previous channel message; 0 if there was none
     quint64 ticks = 0;
     while (!track.atEnd()) {
         ticks += track.variableNumber();
@@ -181,7 +181,7 @@ static void readTrack(Reader track, QVector<Event>* events)
             status = next;
             track.skip(static_cast<quint32>(messageLength(next) - 1));
         } else {
-            refuse(QStringLiteral("%1 begins no event").arg(hex(next)), offset);
+            refuse(QStringLiteral("%1 does not begin an event").arg(hex(next)), offset);
         }
     }
     packets.expectNone();
@@ -209,7 +209,7 @@ QVector<QByteArray> sysExOfMidiFile(const QByteArray& bytes)
         const bool isTrack = file.take(kTypeLength) == kTrackType;
         const Reader content = file.part(file.number(4));
         if (!isTrack)
-            continue; // a kind of chunk that other programs know
+            continue; // another program's kind of chunk
         ++found;
         readTrack(content, &events);
     }
@@ -217,7 +217,7 @@ QVector<QByteArray> sysExOfMidiFile(const QByteArray& bytes)
         refuse(QStringLiteral("it is cut off, it has %1 of %2 tracks").arg(found).arg(tracks),
                static_cast<int>(bytes.size()));
 
-    // Tracks play at the same time, save those of format 2, which are pieces of their own.
+    // Tracks play at the same time, except in format 2, where each is a piece of its own.
     if (format != kFormatOfPieces)
         std::stable_sort(events.begin(), events.end(), [](const Event& left, const Event& right) {
             return left.ticks < right.ticks;

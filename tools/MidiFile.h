@@ -4,14 +4,14 @@
 #include <QByteArray>
 #include <QVector>
 
-// Standard MIDI files, of any format. Only SysEx is taken out of them.
+// Standard MIDI files, of any format. Only their SysEx is used.
 
-/// Whether `bytes` begin as a Standard MIDI File does.
+/// Whether `bytes` begin like a Standard MIDI File.
 bool isMidiFile(const QByteArray& bytes);
 
-/// The SysEx messages of a file, in the order in which it plays them. Those that come as several
-/// packets are put together; escaped bytes that are no SysEx message are passed over. Throws
-/// Failure with ExitStatus::BadData, and with the offset, if the file is damaged or cut off.
+/// The SysEx messages of a file, in the order in which it plays them. Joins those that come as
+/// several packets, and skips escaped bytes that are not a SysEx message. Throws Failure with
+/// ExitStatus::BadData and the offset if the file is damaged or cut off.
 QVector<QByteArray> sysExOfMidiFile(const QByteArray& bytes);
 
 #endif

@@ -21,7 +21,7 @@ namespace {
 
 enum class Form { Text, Raw, Json };
 
-// What a line of output has.
+// The format of an output line.
 struct Layout
 {
     Form form = Form::Text;
@@ -30,7 +30,7 @@ struct Layout
     QVector<Port> ports; // by source
 };
 
-// How much has come, in all and of late.
+// The total number of messages, and the current rates.
 class Traffic
 {
 public:
@@ -58,7 +58,7 @@ public:
 private:
     qint64 messages = 0;
     qint64 bytes = 0;
-    // The last time that the rates were computed.
+    // At the last computation of the rates:
     qint64 messagesBefore = 0;
     qint64 bytesBefore = 0;
     steady_clock::time_point since = steady_clock::now();
@@ -97,7 +97,7 @@ static QString secondsText(double milliseconds)
     return QString::number(milliseconds / 1000, 'f', 3);
 }
 
-// `time` is the message's since the start, `step` that since the message before.
+// `time` is in milliseconds since the start, `step` since the previous message.
 static QString lineOf(const ReceivedMessage& message, const Layout& layout, double time,
                       double step)
 {
@@ -131,7 +131,7 @@ static void monitor(Receiver& receiver, const Layout& layout, const Filter& filt
         const QString text = lineOf(message, layout, Milliseconds(message.time - start).count(),
                                     Milliseconds(message.time - before).count());
         if (!print(text, colourOf(message.bytes)))
-            return; // whoever read this has seen enough
+            return; // the reader has gone
         before = message.time;
         ++shown;
     }
@@ -146,7 +146,7 @@ static Layout layoutOf(const CommandLine& line)
     const bool full = line.isSet("full");
     if (int(raw) + int(json) + int(full) > 1)
         throw Failure{ExitStatus::WrongUsage,
-                      QStringLiteral("--raw, --json and --full exclude each other.")};
+                      QStringLiteral("--raw, --json and --full are mutually exclusive.")};
     Layout layout;
     layout.form = raw ? Form::Raw : json ? Form::Json : Form::Text;
     layout.times = line.isSet("time");
@@ -180,38 +180,39 @@ static Port openOnce(Session& session, const QString& text, Receiver& receiver,
 
 void monitorCommand(const QStringList& arguments)
 {
-    CommandLine line(QStringLiteral("monitor"),
-                     QStringLiteral("Prints the messages that arrive at one or more inputs, a line "
-                                    "each, until Ctrl-C. A message is shown if it passes every "
-                                    "filter: --channel, --only, --maker."));
-    line.addExample(QStringLiteral("1"), QStringLiteral("all that arrives at input 1."));
+    CommandLine line(
+        QStringLiteral("monitor"),
+        QStringLiteral("Prints the messages that arrive at one or more inputs, one per "
+                       "line, until Ctrl-C. Shows a message if it passes all of the "
+                       "filters --channel, --only and --maker."));
+    line.addExample(QStringLiteral("1"), QStringLiteral("prints all that arrives at input 1."));
     line.addExample(QStringLiteral("keys pads --time --only note,cc"),
-                    QStringLiteral("notes and controllers of two inputs, with times."));
+                    QStringLiteral("prints notes and controllers of two inputs, with times."));
     line.addExample(QStringLiteral("1 --only sysex --maker roland --full"),
-                    QStringLiteral("one maker's SysEx, whole."));
+                    QStringLiteral("prints one maker's SysEx in full."));
     line.addArgument(QStringLiteral("PORT"),
                      QStringLiteral("An input: number, name, part of a name, or identifier."),
                      QStringLiteral("PORT…"));
     line.addOption(QStringLiteral("time"),
-                   QStringLiteral("Begins lines with the seconds since the start, and since the "
+                   QStringLiteral("Begins each line with the seconds since the start and since the "
                                   "line before."));
     line.addOption(QStringLiteral("channel"),
-                   QStringLiteral("Shows channel messages of these channels, 1,2,10-16."),
+                   QStringLiteral("Shows only channel messages of these channels: 1,2,10-16."),
                    QStringLiteral("LIST"));
     line.addOption(QStringLiteral("only"),
-                   QStringLiteral("Shows these kinds: note, pressure, cc, pc, pb, sysex."),
+                   QStringLiteral("Shows only these kinds: note, pressure, cc, pc, pb, sysex."),
                    QStringLiteral("KINDS"));
     line.addOption(
         QStringLiteral("maker"),
-        QStringLiteral("Shows SysEx of one maker: 41, \"00 20 29\" or a part of a name."),
+        QStringLiteral("Shows only SysEx of one maker: 41, \"00 20 29\" or a part of a name."),
         QStringLiteral("MAKER"));
     line.addOption(QStringLiteral("full"),
                    QStringLiteral("Shows SysEx whole, in hexadecimal and ASCII, with offsets."));
     line.addOption(QStringLiteral("raw"), QStringLiteral("Prints the bytes in hexadecimal."));
     line.addOption(QStringLiteral("json"),
-                   QStringLiteral("Prints a JSON object a line, with the time since the start in "
-                                  "milliseconds."));
-    line.addOption(QStringLiteral("count"), QStringLiteral("Ends after N messages shown."),
+                   QStringLiteral("Prints one JSON object per line, with the time since the start "
+                                  "in milliseconds."));
+    line.addOption(QStringLiteral("count"), QStringLiteral("Ends after showing N messages."),
                    QStringLiteral("N"));
     line.addOption(QStringLiteral("seconds"), QStringLiteral("Ends after S seconds."),
                    QStringLiteral("S"));
@@ -235,7 +236,7 @@ void monitorCommand(const QStringList& arguments)
     const auto end = timed ? start + seconds : start + kForever;
     say(QStringLiteral("Listening to %1; Ctrl-C ends.").arg(names.join(QLatin1String(", "))));
 
-    // At the end, what came before it may still wait to be printed; Ctrl-C gives that up.
+    // What arrived before the end is still printed, unless Ctrl-C ends the program.
     receiver.endAt(end);
     monitor(receiver, layout, filter, count, start, end);
 }

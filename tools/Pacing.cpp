@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <numeric>
 
-// With a rate alone, a piece is what that gives in this time.
+// How many pieces a second a rate without --chunk gives.
 static const int kRatePiecesPerSecond = 10;
 
-// Added to what the wire needs, for everything else on the way there and back.
+// For everything but the wire, there and back.
 static const qint64 kSlackMs = 2000;
 
 QVector<int> chunksOf(int bytes)
@@ -51,8 +51,8 @@ qint64 replyMs(int bytes)
 
 void WireQueue::sent(int bytes, qint64 now)
 {
-    // The library waited for every chunk but the last, and so for all that was before them. A
-    // single chunk it only queues, once fewer than all its buffers are in use.
+    // The library waited for every chunk but the last, and so for everything before them. It only
+    // queues a single chunk, once one of its buffers is free.
     if (pausesIn(bytes) > 0) {
         inFlight.clear();
         empty = now;
@@ -85,8 +85,8 @@ int Pacer::pieceBytes() const
     return kPieceBytes;
 }
 
-// What the last chunk of a piece may need at most: what the wire does, or twice what the chunks
-// before it took.
+// The longest that the last chunk of a piece may take: its time on the wire, or twice that of the
+// chunks before it.
 static qint64 lastChunkMs(int bytes, qint64 elapsed)
 {
     const int pauses = pausesIn(bytes);
@@ -103,7 +103,7 @@ void Pacer::sent(int bytes, bool endsMessage, qint64 start, qint64 now)
     next = now;
     if (endsMessage && pace.gap > 0)
         next = queue.emptyAt() + pace.gap;
-    // Within a message the library's own pause is kept: it makes none between two calls.
+    // Keeps the library's pauses within a message: it makes none between two calls.
     if (!endsMessage && pace.chunk > 0)
         next = queue.emptyAt() + (pace.rate > 0 ? 0 : kPauseMs);
     if (!endsMessage && pace.chunk == 0 && pace.rate == 0)
@@ -148,7 +148,7 @@ void Progress::end(qint64 now)
     }
 }
 
-// What is through of a piece at wire speed, `elapsed` after its first byte.
+// The bytes of a piece that have left at wire speed, `elapsed` after its first byte.
 static qint64 bytesOnWire(qint64 elapsed)
 {
     const qint64 period = wireMs(kChunkBytes) + kPauseMs;
@@ -162,7 +162,7 @@ qint64 Progress::bytesThrough(qint64 now) const
     const qint64 most = handed + std::max(0, piece - 1);
     if (known > 0)
         return std::min(most, known + (now - knownAt) * known / knownAt);
-    // A piece waits for those in front of it.
+    // A piece waits for those before it.
     const qint64 start = std::max(pieceStart, queue.emptyAt());
     const qint64 current = piece > 0 && now > start ? bytesOnWire(now - start) : 0;
     return std::clamp<qint64>(handed - queue.bytesLeft(now) + current, 0, most);

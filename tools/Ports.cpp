@@ -14,7 +14,7 @@ QVector<Port> portsOf(const QMap<QUuid, QString>& labels)
 {
     QVector<Port> ports;
     for (auto label = labels.begin(); label != labels.end(); ++label) {
-        // Only the first ';' separates: the device name may have more of them.
+        // Only the first ';' separates: the device name may contain more.
         const auto separator = label.value().indexOf(QLatin1Char(';'));
         ports.append(
             {label.value().left(separator).toInt(), label.value().mid(separator + 1), label.key()});
@@ -47,8 +47,8 @@ static QVector<Port> matching(const QVector<Port>& ports, Condition condition)
     return result;
 }
 
-// Whether `text` is an identifier. QUuid makes the null one, which a store edited by hand may hold,
-// of what is none, too.
+// Whether `text` is an identifier. QUuid parses invalid text as the null one, which a store edited
+// by hand may contain.
 static bool isIdentifier(const QString& text)
 {
     const QUuid null;
@@ -83,9 +83,7 @@ Port findPort(const QVector<Port>& ports, const QString& text, bool output)
     if (found.size() > 1)
         throw Failure{
             ExitStatus::NoSuchPort,
-            QStringLiteral(
-                "More than one %1 has the name \"%2\" or a name with it; use the number or the "
-                "identifier:%3")
+            QStringLiteral("More than one %1 matches \"%2\"; use the number or the identifier:%3")
                 .arg(direction, text, candidates(found))};
     if (ports.isEmpty())
         throw Failure{ExitStatus::NoSuchPort,

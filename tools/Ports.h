@@ -18,13 +18,13 @@ struct Port
 /// "input" or "output"
 QString directionName(bool output);
 
-/// The ports of one direction of an accessor, by number. `labels` is what its plugs() gives:
-/// "number;name" by identifier.
+/// The ports of one direction of an accessor, by number. `labels` is its plugs(): "number;name" by
+/// identifier.
 QVector<Port> portsOf(const QMap<QUuid, QString>& labels);
 
-/// The port that `text` stands for: an identifier, with or without braces, a number, a name, or a
-/// part of one in any case. The first of these that any port has counts. Throws Failure, with the
-/// candidates, if there is none or more than one.
+/// The port that `text` names: by identifier, with or without braces, by number, by name, or by a
+/// part of its name in any case. The first of these that matches any port counts. Throws Failure
+/// with the candidates if no port or more than one matches.
 Port findPort(const QVector<Port>& ports, const QString& text, bool output);
 
 /// "input 1 "Name""

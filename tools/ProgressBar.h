@@ -8,19 +8,19 @@
 #include <mutex>
 #include <thread>
 
-/// Shows on standard error how far sending is, if that is a terminal and the data is more than one
-/// chunk. A thread of its own draws, since the sender is blocked; it is gone, and its line with it,
-/// when the object ends.
+/// Shows the progress of sending on standard error, if that is a terminal and the data is more than
+/// one chunk. Its own thread draws, since the sender is blocked. The destructor ends the thread and
+/// clears the line.
 class ProgressBar
 {
 public:
-    /// `clock` runs since sending began.
+    /// `clock` was started when sending began.
     ProgressBar(const Progress& progress, const QElapsedTimer& clock);
     ~ProgressBar();
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    /// As those of Progress.
+    /// See Progress.
     void begin(int bytes);
     void end();
 

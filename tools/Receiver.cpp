@@ -22,7 +22,7 @@ TMIDIReaderRefConInterface* Receiver::addPort()
 
 bool Receiver::next(ReceivedMessage* message, steady_clock::time_point deadline)
 {
-    // Ctrl-C comes on a thread that knows nothing of this queue.
+    // Ctrl-C arrives on another thread, which does not signal the queue.
     const std::chrono::milliseconds poll(kInterruptionPollMs);
     while (!interrupted()) {
         const auto now = steady_clock::now();
@@ -41,6 +41,6 @@ void Receiver::expectNothingLost() const
     const LostMessages lost = queue.lost();
     if (lost.messages > 0)
         throw Failure{ExitStatus::Failed,
-                      QStringLiteral("%1, %2, lost: they came faster than they were taken.")
+                      QStringLiteral("%1, %2, lost: they arrived too fast.")
                           .arg(counted(lost.messages, "message"), counted(lost.bytes, "byte"))};
 }

@@ -6,23 +6,23 @@
 
 #include <deque>
 
-/// Hands messages from the pusher threads of one or more transports to the main thread. An observer
-/// stays registered as long as its transport lives, and so must this.
+/// Passes messages from the pusher threads of one or more transports to the main thread. Must
+/// outlive the transports.
 class Receiver
 {
 public:
-    /// The observer for one more port; what it takes has the number of such calls before as source.
-    /// Main thread.
+    /// The observer for one more port. Its messages have the port's index, from 0, as source. Main
+    /// thread.
     TMIDIReaderRefConInterface* addPort();
 
-    /// What arrives at `time` or later is not taken.
+    /// Ignores what arrives at `time` or later.
     void endAt(std::chrono::steady_clock::time_point time) { queue.endAt(time); }
 
-    /// Takes the oldest message. False if none comes until `deadline`. Once the program is asked to
-    /// end it waits no longer: it gives what has arrived, and that no more grows.
+    /// Takes the oldest message. False if none arrives before `deadline`. Once the program is asked
+    /// to end, takes only what has arrived by then, without waiting.
     bool next(ReceivedMessage* message, std::chrono::steady_clock::time_point deadline);
 
-    /// Throws Failure if messages were lost because they came faster than they were taken.
+    /// Throws Failure if messages were lost because they arrived too fast.
     void expectNothingLost() const;
 
 private:
@@ -43,7 +43,7 @@ private:
     static const qint64 kCapacity = 64 << 20;
 
     MessageQueue queue{kCapacity};
-    std::deque<Observer> observers; // which stay where they are
+    std::deque<Observer> observers; // whose addresses stay valid
 };
 
 #endif

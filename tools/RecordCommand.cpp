@@ -15,8 +15,7 @@
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// The largest message that --idle lets come to its end, unless told otherwise: more than most
-// instruments send in one piece.
+// The default of --longest: more than most instruments send in one message.
 static const int kLongest = 32768;
 static const int kMostLongest = 100 * 1000 * 1000;
 
@@ -31,8 +30,8 @@ struct Recording
 
 } // namespace
 
-// Until `count` messages are in the file, none is complete for `idle` after the last one, or
-// Ctrl-C. The library shows nothing of a message before it is complete.
+// Records until the file has `count` messages, no message is completed within `idle` after the last
+// one, or Ctrl-C. The library delivers only complete messages.
 static void record(Recording& recording, Receiver& receiver, int count, steady_clock::duration idle)
 {
     auto end = steady_clock::now() + kForever;
@@ -58,8 +57,8 @@ static void record(Recording& recording, Receiver& receiver, int count, steady_c
             continue;
         }
         ++recording.damaged;
-        say(QStringLiteral("A message of %1 is left out: it has status bytes within, as after "
-                           "bytes were lost.")
+        say(QStringLiteral("A message of %1 is left out: it has status bytes inside, so bytes were "
+                           "probably lost.")
                 .arg(counted(sysEx.size(), "byte")));
     }
 }
@@ -68,13 +67,13 @@ void recordCommand(const QStringList& arguments)
 {
     CommandLine line(QStringLiteral("record"),
                      QStringLiteral("Writes the SysEx messages that arrive at an input to a .syx "
-                                    "file, until Ctrl-C. The file appears, whole, at the end."));
+                                    "file until Ctrl-C. The file appears, complete, at the end."));
     line.addExample(QStringLiteral("1 dump.syx"),
-                    QStringLiteral("records until Ctrl-C; then start the dump at the instrument."));
+                    QStringLiteral("records until Ctrl-C; start the dump on the instrument."));
     line.addExample(QStringLiteral("1 dump.syx --count 64"),
-                    QStringLiteral("ends by itself after 64 messages."));
+                    QStringLiteral("ends after 64 messages."));
     line.addExample(QStringLiteral("1 dump.syx --idle 1000"),
-                    QStringLiteral("ends by itself when the instrument has fallen silent."));
+                    QStringLiteral("ends when the instrument falls silent."));
     line.addPort(QStringLiteral("PORT"), false);
     line.addArgument(QStringLiteral("FILE"),
                      QStringLiteral("The file, which is replaced if it exists."),
@@ -83,9 +82,9 @@ void recordCommand(const QStringList& arguments)
                    QStringLiteral("Ends after N messages. If fewer come, nothing is written."),
                    QStringLiteral("N"));
     line.addOption(QStringLiteral("idle"),
-                   QStringLiteral("Ends after so many milliseconds of silence behind a message, "
-                                  "and the time that the --longest one takes on the wire: a "
-                                  "message shows only when it is complete."),
+                   QStringLiteral("Ends after MS milliseconds of silence after a message, plus the "
+                                  "time of the --longest one on the wire: a message arrives only "
+                                  "when it is complete."),
                    QStringLiteral("MS"));
     line.addOption(QStringLiteral("longest"),
                    QStringLiteral("The longest message to expect, in bytes (default 32768)."),
@@ -113,7 +112,7 @@ void recordCommand(const QStringList& arguments)
     // A file that is not committed leaves nothing behind.
     if (file.messages() == 0)
         throw Failure{recording.damaged > 0 ? ExitStatus::BadData : ExitStatus::Failed,
-                      QStringLiteral("No whole SysEx message arrived; nothing is written.")};
+                      QStringLiteral("No complete SysEx message arrived; nothing is written.")};
     if (counting && file.messages() < count)
         throw Failure{ExitStatus::Failed,
                       QStringLiteral("Only %1 of %2 arrived; nothing is written.")
@@ -121,11 +120,11 @@ void recordCommand(const QStringList& arguments)
     file.commit();
     say(file.outcome());
     if (recording.wentIdle)
-        say(QStringLiteral("Nothing was complete for %1, in which a message of up to %2 would have "
-                           "been: a longer one would be missing (--longest).")
+        say(QStringLiteral("No message was completed within %1, enough for one of up to %2: a "
+                           "longer one would be missing (--longest).")
                 .arg(duration((silence + grace).count()), counted(longest, "byte")));
     else if (!counting)
-        say(QStringLiteral("A message that was not complete yet is not in it."));
+        say(QStringLiteral("A message that was not complete yet is missing."));
     receiver.expectNothingLost();
     if (recording.damaged > 0)
         throw Failure{

@@ -20,7 +20,7 @@ using std::chrono::steady_clock;
 
 static const int kDefaultTimeoutMs = 5000;
 
-// To every device, whatever its number.
+// To devices with any number.
 static const char kIdentityRequest[] = "\xF0\x7E\x7F\x06\x01\xF7";
 
 static bool asksForIdentity(const QStringList& texts)
@@ -28,8 +28,7 @@ static bool asksForIdentity(const QStringList& texts)
     return texts.size() == 1 && texts.first() == QLatin1String("identity");
 }
 
-// The library does not wait for the last chunk of a message: the second value is when all must be
-// through.
+// Returns when the whole request must have left: the library does not wait for the last chunk.
 static steady_clock::time_point sendRequest(TMIDITransport& transport,
                                             const QVector<QByteArray>& request)
 {
@@ -51,7 +50,7 @@ static steady_clock::time_point sendRequest(TMIDITransport& transport,
 
 namespace {
 
-// What comes back.
+// The instrument's answers.
 class Answers
 {
 public:
@@ -60,7 +59,7 @@ public:
         : receiver(receiver), request(request), file(file)
     {}
 
-    // Until there are `count`, or none is complete for `patience`, or Ctrl-C.
+    // Takes answers until there are `count`, none is completed within `patience`, or Ctrl-C.
     void take(int count, milliseconds patience, steady_clock::time_point start)
     {
         auto end = start + patience;
@@ -79,7 +78,7 @@ public:
 
     int answers = 0;
     int damaged = 0;
-    bool echoed = false; // the input hears the output
+    bool echoed = false; // the output feeds the input
 
 private:
     bool takeAnswer(const QByteArray& sysEx)
@@ -90,8 +89,8 @@ private:
         }
         if (!isWholeSysEx(sysEx)) {
             ++damaged;
-            say(QStringLiteral("An answer of %1 is damaged: it has status bytes within, as after "
-                               "bytes were lost.")
+            say(QStringLiteral("An answer of %1 is damaged: it has status bytes inside, so bytes "
+                               "were probably lost.")
                     .arg(counted(sysEx.size(), "byte")));
             return true;
         }
@@ -116,42 +115,44 @@ static QString missingAnswers(const Answers& answers, int count, milliseconds pa
                               const char* outcome)
 {
     if (interrupted())
-        return QStringLiteral("Interrupted: %1 came%2.")
+        return QStringLiteral("Interrupted: %1 arrived%2.")
             .arg(counted(answers.answers, "answer"), QLatin1String(outcome));
-    QString text =
-        answers.answers == 0
-            ? QStringLiteral("No answer was complete within %1%2.")
-                  .arg(duration(patience.count()), QLatin1String(outcome))
-            : QStringLiteral("Only %1 of %2 came; none was complete in the %3 behind it%4.")
-                  .arg(grouped(answers.answers), counted(count, "answer"),
-                       duration(patience.count()), QLatin1String(outcome));
+    QString text = answers.answers == 0
+                       ? QStringLiteral("No answer was complete within %1%2.")
+                             .arg(duration(patience.count()), QLatin1String(outcome))
+                       : QStringLiteral("Only %1 of %2 arrived; no other was complete within %3%4.")
+                             .arg(grouped(answers.answers), counted(count, "answer"),
+                                  duration(patience.count()), QLatin1String(outcome));
     if (answers.echoed)
-        text += QStringLiteral(" The request itself came back: the input hears the output.");
+        text += QStringLiteral(" The request itself came back: the output feeds the input.");
     const qint64 bytes = patience.count() * kWireBytesPerSecond / 1000;
-    return text + QStringLiteral(" One of more than %1 takes longer (--timeout).")
+    return text + QStringLiteral(" An answer of more than %1 takes longer (--timeout).")
                       .arg(counted(bytes, "byte"));
 }
 
 void requestCommand(const QStringList& arguments)
 {
-    CommandLine line(QStringLiteral("request"),
-                     QStringLiteral("Sends a request to an instrument and takes its answers, a "
-                                    "line each: what a librarian does by hand."));
-    line.addExample(QStringLiteral("1 1 identity"),
-                    QStringLiteral("asks what is connected: maker, family, model, version."));
+    CommandLine line(
+        QStringLiteral("request"),
+        QStringLiteral("Sends a request to an instrument and prints its SysEx answers, "
+                       "one per line."));
+    line.addExample(
+        QStringLiteral("1 1 identity"),
+        QStringLiteral("asks the instrument for its maker, family, model and version."));
     line.addExample(QStringLiteral("1 1 F0 43 20 09 F7 --save bank.syx"),
-                    QStringLiteral("saves what the instrument dumps."));
+                    QStringLiteral("saves the instrument's dump."));
     line.addExample(QStringLiteral("1 1 all.syx --save bank.syx --count 64"),
-                    QStringLiteral("a request from a file, with 64 answers."));
+                    QStringLiteral("sends a request from a file and saves 64 answers."));
     line.addPort(QStringLiteral("OUT"), true);
     line.addPort(QStringLiteral("IN"), false);
     line.addArgument(QStringLiteral("REQUEST"),
                      QStringLiteral("The word identity, or messages as \"send\" takes them."),
                      QStringLiteral("REQUEST…"));
-    line.addOption(QStringLiteral("save"),
-                   QStringLiteral("Writes the answers to this .syx file, which is replaced if it "
-                                  "exists; not if any is missing."),
-                   QStringLiteral("FILE"));
+    line.addOption(
+        QStringLiteral("save"),
+        QStringLiteral("Writes the answers to this .syx file, replacing an existing one, "
+                       "unless any is missing."),
+        QStringLiteral("FILE"));
     line.addOption(QStringLiteral("timeout"),
                    QStringLiteral("How long to wait for an answer to be complete, after the "
                                   "request and after each answer, in milliseconds (default 5000, "
@@ -159,9 +160,8 @@ void requestCommand(const QStringList& arguments)
                    QStringLiteral("MS"), QString::number(kDefaultTimeoutMs));
     line.addOption(
         QStringLiteral("count"),
-        QStringLiteral("Ends after N answers; fewer are a failure. Without it, the first "
-                       "answer to identity ends the wait, and of any other request "
-                       "the --timeout."),
+        QStringLiteral("Ends after N answers; fewer are a failure. Without it, identity ends after "
+                       "its first answer, any other request after the --timeout."),
         QStringLiteral("N"));
     addLenientOption(line);
     if (!line.parse(arguments))
@@ -206,8 +206,8 @@ void requestCommand(const QStringList& arguments)
         say(file->outcome());
     }
     if (!counting)
-        say(QStringLiteral("None was complete in the %1 behind the last: one of more than %2 would "
-                           "be missing (--timeout, --count).")
+        say(QStringLiteral("No other answer was complete within %1: one of more than %2 would be "
+                           "missing (--timeout, --count).")
                 .arg(duration(patience.count()),
                      counted(patience.count() * kWireBytesPerSecond / 1000, "byte")));
 }

@@ -15,7 +15,7 @@
 #include <climits>
 #include <thread>
 
-// A shorter wait is not worth a word.
+// A shorter wait is not reported.
 static const qint64 kNoticeableMs = 250;
 
 static const int kFastestRate = 1000 * 1000;
@@ -26,20 +26,20 @@ struct Sent
 {
     int messages = 0;
     qint64 bytes = 0;
-    WireQueue onTheirWay; // what may not be through yet
+    WireQueue onTheirWay; // what may not have left yet
 };
 
-// Sends message by message. The main thread is blocked meanwhile; the bar draws itself.
+// Sends messages one by one. This blocks the main thread; the bar has a thread of its own.
 class Sender
 {
 public:
-    // `clock` runs since now.
+    // `clock` has just been started.
     Sender(TMIDITransport& transport, const Pace& pace, const Progress& progress,
            const QElapsedTimer& clock)
         : transport(transport), clock(clock), pacer(pace), bar(progress, clock)
     {}
 
-    // All messages, or those before Ctrl-C.
+    // Sends all messages, or those before Ctrl-C.
     Sent sendAll(const QVector<QByteArray>& messages)
     {
         Sent sent;
@@ -61,7 +61,7 @@ public:
     }
 
 private:
-    // After Ctrl-C, too, to its last byte.
+    // Sends a whole message, even after Ctrl-C.
     bool send(const QByteArray& message)
     {
         const int size = static_cast<int>(message.size());
@@ -89,12 +89,12 @@ private:
 
 } // namespace
 
-// Ctrl-C ends the wait, unless it came before: then this lets the last message finish.
+// Ctrl-C ends the wait, unless it came before: then the last message may finish.
 static void waitUntilThrough(const WireQueue& queue, const QElapsedTimer& clock)
 {
     const qint64 left = queue.emptyAt() + kDriverMs - clock.elapsed();
     if (left >= kNoticeableMs)
-        say(QStringLiteral("Waiting %1 until the last bytes must be through at MIDI's wire speed "
+        say(QStringLiteral("Waiting %1 for the last bytes to leave at MIDI's wire speed "
                            "(--no-wait does not).")
                 .arg(duration(left)));
     if (left <= 0)
@@ -133,8 +133,8 @@ static void tellOutcome(const Sent& sent, const Port& port, qint64 elapsed, qint
     const QString data =
         counted(sent.messages, "message") + QLatin1String(", ") + counted(sent.bytes, "byte");
     if (bytesLeft > 0)
-        say(QStringLiteral("%1, handed to %2 in %3. Up to %4 may not have left when the port was "
-                           "closed, and are lost then (--no-wait).")
+        say(QStringLiteral("%1, handed to %2 in %3. Up to %4 may have been lost when the port was "
+                           "closed (--no-wait).")
                 .arg(data, describe(port, true), duration(elapsed), counted(bytesLeft, "byte")));
     else
         say(QStringLiteral("%1, sent to %2 in %3.")
@@ -144,26 +144,26 @@ static void tellOutcome(const Sent& sent, const Port& port, qint64 elapsed, qint
 void sendCommand(const QStringList& arguments)
 {
     CommandLine line(QStringLiteral("send"),
-                     QStringLiteral("Sends messages to an output. They are checked first; if "
-                                    "anything is wrong with one, nothing is sent."));
+                     QStringLiteral("Sends messages to an output. Checks all of them first: if one "
+                                    "is wrong, nothing is sent."));
     line.addExample(QStringLiteral("1 on C4 100"), QStringLiteral("plays middle C."));
     line.addExample(QStringLiteral("Synth ch 2 pc 5 cc 7 127"),
-                    QStringLiteral("program 5 and full volume on channel 2 of the output with "
-                                   "\"synth\" in its name."));
+                    QStringLiteral("selects program 5 and full volume on channel 2 of the output "
+                                   "with \"synth\" in its name."));
     line.addExample(QStringLiteral("1 panic"), QStringLiteral("ends all notes on all channels."));
-    line.addExample(QStringLiteral("1 F0 7E 7F 06 01 F7"), QStringLiteral("any bytes."));
+    line.addExample(QStringLiteral("1 F0 7E 7F 06 01 F7"), QStringLiteral("sends any bytes."));
     line.addExample(QStringLiteral("1 dump.syx --gap 200"),
-                    QStringLiteral("the messages of a file, 200 ms apart."));
+                    QStringLiteral("sends the messages of a file, 200 ms apart."));
     line.addExample(QStringLiteral("1 dump.syx --rate 1000 --chunk 128"),
-                    QStringLiteral("for an instrument that is slow to take them in."));
+                    QStringLiteral("sends them slowly, for a slow instrument."));
     line.addPort(QStringLiteral("PORT"), true);
     line.addArgument(
         QStringLiteral("MESSAGE"),
         QStringLiteral("Hexadecimal bytes, F0 7D 10 F7 or 903C64; words with decimal numbers: on "
                        "NOTE [VELOCITY], off NOTE [VELOCITY], cc CONTROLLER VALUE, pc PROGRAM, pb "
                        "VALUE (0 to 16383, centre 8192), cp PRESSURE, pp NOTE PRESSURE, ch CHANNEL "
-                       "for the words behind it, panic; the name of a .syx or .mid file, of which "
-                       "the SysEx messages are sent; or - for standard input."),
+                       "for the words after it, panic; the name of a .syx or .mid file, whose "
+                       "SysEx messages are sent; or - for standard input."),
         QStringLiteral("MESSAGE…"));
     line.addOption(QStringLiteral("file"),
                    QStringLiteral("Sends the SysEx messages of this file, whatever its name."),
@@ -172,15 +172,16 @@ void sendCommand(const QStringList& arguments)
                    QStringLiteral("Silence on the wire between two messages, in milliseconds."),
                    QStringLiteral("MS"), QStringLiteral("0"));
     line.addOption(QStringLiteral("rate"),
-                   QStringLiteral("Sends no more than N bytes a second; MIDI's wire takes 3125."),
+                   QStringLiteral("Sends at most N bytes a second; a MIDI wire carries 3125."),
                    QStringLiteral("N"));
-    line.addOption(QStringLiteral("chunk"),
-                   QStringLiteral("Sends a message in pieces of N bytes, up to 4096, with 100 ms "
-                                  "between them or what --rate gives."),
-                   QStringLiteral("N"));
+    line.addOption(
+        QStringLiteral("chunk"),
+        QStringLiteral("Sends a message in pieces of N bytes, up to 4096, with pauses of "
+                       "100 ms, or as --rate asks."),
+        QStringLiteral("N"));
     addLenientOption(line);
     line.addOption(QStringLiteral("no-wait"),
-                   QStringLiteral("Closes the port at once. What is still on its way is lost."));
+                   QStringLiteral("Closes the port at once. Data in flight is lost."));
     if (!line.parse(arguments))
         return;
     const bool fromFile = line.isSet("file");

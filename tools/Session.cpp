@@ -25,11 +25,11 @@ Session::~Session()
 
 void Session::addTransport()
 {
-    transports.reserve(transports.size() + 1); // whatever throws does so before there is one
+    transports.reserve(transports.size() + 1); // throws before the transport exists, not after
     TMIDITransport& midi = MIDITransportInstance(accessor);
     if (!midi.valid())
         throw Failure{ExitStatus::Failed,
-                      QStringLiteral("There is no memory for a MIDI transport.")};
+                      QStringLiteral("Not enough memory for a MIDI transport.")};
     transports.push_back(&midi);
 }
 
@@ -55,7 +55,7 @@ QVector<Port> Session::ports(bool output) const
 Port Session::openInput(const QString& text, Receiver& receiver)
 {
     Port port = findPort(ports(false), text, false);
-    const int noPort = 0; // gives the handle of the input that is open
+    const int noPort = 0; // returns the handle of the open input
     if (transports.back()->openInput(noPort))
         addTransport();
     TMIDITransport* const midi = transports.back();
@@ -73,8 +73,8 @@ Port Session::openOutput(const QString& text) const
     return port;
 }
 
-// Passes `ports` off as the system's, so that init() looks them up in the store: those which it
-// holds keep their identifiers, the others get fresh ones. Never released, it stores nothing.
+// Presents `ports` as the system's, so that init() looks them up in the store: known ports keep
+// their identifiers, others get fresh ones. It is never released, so it stores nothing.
 class StoreProbe final : public UniIMIDIPortAccessor
 {
 public:

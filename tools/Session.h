@@ -9,15 +9,15 @@
 class IMIDIPortAccessor;
 class Receiver;
 
-/// Names the settings store that keeps the identifiers.
+/// Names the settings store of the identifiers.
 struct Store
 {
     QString organization;
     QString application;
 };
 
-/// The library in use: an accessor and the transports made for it, one unless several inputs are
-/// open. Ending the session closes the ports and stores the identifiers of new ones.
+/// An accessor and its transports: one, or one for each open input. Its destructor closes the ports
+/// and stores the identifiers of new ones.
 class Session
 {
 public:
@@ -31,9 +31,8 @@ public:
     TMIDITransport& transport() const { return *transports.front(); }
     QVector<Port> ports(bool output) const;
 
-    /// Open the port that `text` names (see findPort()), an input besides those that are open. They
-    /// throw Failure if there is no such port or it does not open. `receiver` must outlive the
-    /// session.
+    /// Open the port that `text` names (see findPort()); several inputs may be open. Throw Failure
+    /// if there is no such port or it does not open. `receiver` must outlive the session.
     Port openInput(const QString& text, Receiver& receiver);
     Port openOutput(const QString& text) const;
 
@@ -45,7 +44,7 @@ private:
     std::vector<TMIDITransport*> transports;
 };
 
-/// Those of `ports` whose identifiers `store` holds now.
+/// Those of `ports` whose identifiers `store` has now.
 QVector<Port> storedPorts(const Store& store, const QVector<Port>& ports, bool output);
 
 #endif

@@ -6,23 +6,23 @@
 #include <QString>
 #include <functional>
 
-/// Takes messages from a receiver and meanwhile shows, if standard error is a terminal, how that
-/// goes. The line goes with the object.
+/// Takes messages from a receiver, and shows a status line meanwhile if standard error is a
+/// terminal. The destructor clears the line.
 class StatusLine
 {
 public:
     using time_point = std::chrono::steady_clock::time_point;
 
-    /// `text` gives the line as it is now.
+    /// `text` returns the current line.
     StatusLine(Receiver& receiver, std::function<QString()> text);
     ~StatusLine() { clear(); }
     StatusLine(const StatusLine&) = delete;
     StatusLine& operator=(const StatusLine&) = delete;
 
-    /// As Receiver::next().
+    /// See Receiver::next().
     bool next(ReceivedMessage* message, time_point deadline);
 
-    /// Takes the line off the terminal, until the next call of next().
+    /// Clears the line until the next call of next().
     void clear() const;
 
 private:

@@ -13,8 +13,8 @@ SysExFile::SysExFile(const QString& name) : file(name)
 
 void SysExFile::append(const QByteArray& message)
 {
-    // A disk that fills up takes a part, without a reason; the next attempt learns it. All of it is
-    // flushed here, because commit() gives no reason for what it cannot write.
+    // A disk that fills up takes a part and reports no error; the next attempt reports it. Flushes
+    // here, because commit() gives no reason for a failed write.
     for (qint64 done = 0; done < message.size();) {
         const qint64 written = file.write(message.constData() + done, message.size() - done);
         if (written <= 0)

@@ -3,8 +3,8 @@
 
 #include <QSaveFile>
 
-/// A .syx file being written. It appears under its name only when commit() says so; until then, and
-/// if that never happens, an older one stays as it is. Throws Failure if it cannot be written.
+/// A .syx file being written. commit() gives it its name; until then an older file stays unchanged.
+/// Throws Failure if it cannot be written.
 class SysExFile
 {
 public:

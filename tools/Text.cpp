@@ -27,7 +27,7 @@ QString hex(unsigned char byte)
 QString hexDump(const QByteArray& bytes)
 {
     const int perLine = 16;
-    const int columns = 3 * perLine; // two digits and a blank a byte, and one blank in the middle
+    const int columns = 3 * perLine; // two digits and a blank per byte, one blank in the middle
     QString text;
     for (int offset = 0; offset < bytes.size(); offset += perLine) {
         const QByteArray line = bytes.mid(offset, perLine);

@@ -14,28 +14,28 @@ QString counted(qint64 number, const char* singular);
 QString hex(const QByteArray& bytes);
 QString hex(unsigned char byte);
 
-/// Eight and eight bytes a line, with their offsets and their ASCII characters.
+/// Lines of twice eight bytes, with their offsets and their ASCII characters.
 QString hexDump(const QByteArray& bytes);
 
-/// `text` in lines of at most `width` characters, parted at blanks; each but the first begins with
-/// `indent` blanks. A word that is longer stands alone.
+/// `text` in lines of at most `width` characters, broken at blanks; each but the first begins with
+/// `indent` blanks. A longer word gets a line of its own.
 QString wrapped(const QString& text, int width, int indent);
 
-/// `text` with one full stop behind it, whether it had one or not.
+/// `text` with a full stop at its end, added if it has none.
 QString sentence(const QString& text);
 
-/// `name` for people to read: U+FFFD in place of each control character, which could steer the
-/// terminal or begin another line.
+/// `name` with each control character, which could control the terminal or start a new line,
+/// replaced by U+FFFD.
 QString printable(const QString& name);
 
-/// Where the piece of `text` that begins at `start` ends: `most` UTF-16 units on, at the end, or
-/// one earlier where that would part a surrogate pair. `most` is 2 at least.
+/// The end of the piece of `text` that begins at `start`: after at most `most` UTF-16 units,
+/// without splitting a surrogate pair. `most` is at least 2.
 int pieceEnd(const QString& text, int start, int most);
 
 /// "1.3 s", "205 ms"
 QString duration(qint64 milliseconds);
 
-/// "0:07", "5:35": how long something still takes.
+/// "0:07", "5:35": the time left, rounded up to seconds.
 QString clockTime(qint64 milliseconds);
 
 #endif

@@ -10,12 +10,12 @@ static const int kMostData = 0x7F;
 static const int kMostBend = 0x3FFF;
 static const int kAllSoundOff = 120;
 static const int kAllNotesOff = 123;
-static const int kUsualVelocity = 64; // where the keyboard does not measure it
+static const int kUsualVelocity = 64; // of a keyboard that does not measure it
 
 static const struct Word
 {
     const char* name;
-    int status;     // of the message, without the channel; 0 if it makes none
+    int status;     // of the message, without the channel; 0 if there is none
     int numbers;    // how many follow …
     int mostNumber; // … and the largest one
     bool takesNote; // as the first number
@@ -28,7 +28,7 @@ static const struct Word
     {"panic", 0, 0, 0, false, false},
 };
 
-// "CC" is left to hexadecimal text; every other word has letters of its own.
+// "CC" is hexadecimal; no other word is.
 static const Word* wordNamed(const QString& text)
 {
     for (const Word& word : kWords) {
@@ -131,7 +131,7 @@ private:
     QString next(const Word& word, const char* what)
     {
         if (position == tokens.size())
-            refuse(QStringLiteral("%1 is missing behind \"%2\".")
+            refuse(QStringLiteral("%1 is missing after \"%2\".")
                        .arg(QLatin1String(what), QLatin1String(word.name)));
         return tokens.at(position++);
     }
@@ -141,7 +141,7 @@ private:
         const QString text = next(word, "A note");
         const int result = noteNumber(text);
         if (result < 0)
-            refuse(QStringLiteral("\"%1\" behind \"%2\" is no note: 0 to 127, or C-1 to G9.")
+            refuse(QStringLiteral("\"%1\" after \"%2\" is not a note: 0 to 127, or C-1 to G9.")
                        .arg(text, QLatin1String(word.name)));
         return result;
     }
@@ -153,7 +153,7 @@ private:
         bool isNumber = false;
         const int result = text.toInt(&isNumber);
         if (!isNumber || result < least || result > word.mostNumber)
-            refuse(QStringLiteral("\"%1\" behind \"%2\" is no number from %3 to %4.%5")
+            refuse(QStringLiteral("\"%1\" after \"%2\" is not a number from %3 to %4.%5")
                        .arg(text, QLatin1String(word.name), QString::number(least),
                             QString::number(word.mostNumber),
                             qstrcmp(word.name, "cc") == 0
@@ -180,5 +180,5 @@ QVector<QByteArray> parseMessages(const QStringList& texts)
         if (wordNamed(token))
             return WordParser(tokens).parse();
     }
-    return splitMessages(parseHex(texts)); // as it was written, which the offsets count
+    return splitMessages(parseHex(texts)); // unsplit, so that offsets count its characters
 }

@@ -5,19 +5,19 @@
 #include <QStringList>
 #include <QVector>
 
-/// The messages that `texts` name: complete ones in hexadecimal (see splitMessages()), and words
-/// with decimal numbers behind them, in any order. Numbers are decimal behind a word; a note may be
-/// named, too.
+/// The messages in `texts`: complete ones in hexadecimal (see splitMessages()), and words followed
+/// by decimal numbers, in any order. A note may also be a name.
 ///
 ///     on NOTE [VELOCITY]     off NOTE [VELOCITY]    pp NOTE PRESSURE
 ///     cc CONTROLLER VALUE    pc PROGRAM             cp PRESSURE
 ///     pb VALUE               ch CHANNEL             panic
 ///
-/// `ch` sets the channel of the words behind it, 1 until then. `panic` ends all notes and all sound
-/// on every channel. "cc" is the word, "CC" the byte. Throws Failure with ExitStatus::BadData.
+/// `ch` sets the channel of the words after it; the default is 1. `panic` ends all notes and all
+/// sound on every channel. "cc" is the word, "CC" the byte. Throws Failure with
+/// ExitStatus::BadData.
 QVector<QByteArray> parseMessages(const QStringList& texts);
 
-/// The number of a note: "60", "C4", "c#4", "Db4", "C-1"; -1 if `text` names none.
+/// The number of a note: "60", "C4", "c#4", "Db4", "C-1"; -1 if `text` is not a note.
 int noteNumber(const QString& text);
 
 #endif

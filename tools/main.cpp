@@ -1,5 +1,5 @@
-// lumora-midi: shows from the command line whether a MIDI port works, with nothing but the exported
-// interface of lumora_transport.
+// lumora-midi: tests MIDI ports from the command line, through the exported interface of
+// lumora_transport.
 
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
@@ -19,13 +19,13 @@ static const struct
     const char* summary;
     void (*run)(const QStringList& arguments);
 } kCommands[] = {
-    {"list", "shows the ports with their identifiers", &listCommand},
-    {"monitor", "prints what arrives at inputs", &monitorCommand},
+    {"list", "lists ports and their identifiers", &listCommand},
+    {"monitor", "prints incoming messages", &monitorCommand},
     {"send", "sends messages or a .syx or .mid file to an output", &sendCommand},
-    {"record", "writes the SysEx messages that arrive to a .syx file", &recordCommand},
+    {"record", "writes incoming SysEx messages to a .syx file", &recordCommand},
     {"request", "asks an instrument for its identity or a dump", &requestCommand},
-    {"check", "sends data out of one port and compares what comes back at another", &checkCommand},
-    {"completion", "prints a script with which bash completes commands", &completionCommand},
+    {"check", "sends data to an output and compares what an input receives", &checkCommand},
+    {"completion", "prints a bash completion script", &completionCommand},
 };
 
 static QString commandList()
@@ -40,9 +40,10 @@ static QString commandList()
 
 static void runProgram(const QStringList& arguments)
 {
-    CommandLine line(QString(), QStringLiteral("Lists MIDI ports, sends, receives and checks."));
-    line.addExample(QStringLiteral("list"), QStringLiteral("what is connected."));
-    line.addExample(QStringLiteral("monitor 1"), QStringLiteral("what arrives at input 1."));
+    CommandLine line(QString(),
+                     QStringLiteral("Lists MIDI ports; sends, receives and checks messages."));
+    line.addExample(QStringLiteral("list"), QStringLiteral("lists the ports."));
+    line.addExample(QStringLiteral("monitor 1"), QStringLiteral("prints what arrives at input 1."));
     line.addExample(QStringLiteral("send 1 on C4 100"), QStringLiteral("plays middle C."));
     line.addExample(QStringLiteral("request 1 1 identity"),
                     QStringLiteral("asks the instrument what it is."));
@@ -52,8 +53,7 @@ static void runProgram(const QStringList& arguments)
                      QStringLiteral("COMMAND …"));
     line.addOption(QStringLiteral("version"), QStringLiteral("Shows the program's version."));
     line.addNote(QStringLiteral("\"lumora-midi COMMAND --help\" describes a command. A PORT is an "
-                                "identifier, a number, a name, or a part of a name that only one "
-                                "port of that direction has."));
+                                "identifier, a number, a name, or a unique part of a name."));
     line.addNote(QStringLiteral("Exit status: 0 done, 1 failed, 2 wrong usage, 3 port not found, 4 "
                                 "port would not open, 5 bad data."));
     line.stopAtFirstArgument();
@@ -64,14 +64,13 @@ static void runProgram(const QStringList& arguments)
         return;
     }
     if (line.arguments().isEmpty())
-        throw Failure{ExitStatus::WrongUsage,
-                      QStringLiteral("There is no command. ") + commandList()};
+        throw Failure{ExitStatus::WrongUsage, QStringLiteral("No command given. ") + commandList()};
 
     const QString name = line.arguments().first();
     for (const auto& command : kCommands) {
         if (name != QLatin1String(command.name))
             continue;
-        // The store may be named before the command as well as behind it.
+        // The store options may also come before the command.
         QStringList rest = line.arguments().mid(1);
         rest.prepend(QLatin1String("--application=") + line.store().application);
         rest.prepend(QLatin1String("--organization=") + line.store().organization);
@@ -81,7 +80,7 @@ static void runProgram(const QStringList& arguments)
                   QStringLiteral("There is no command \"%1\". ").arg(name) + commandList()};
 }
 
-// The outcome is told by this program itself, in words of its own.
+// The program reports failures itself.
 static void ignoreQtMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 int main(int argc, char* argv[])
@@ -95,7 +94,7 @@ int main(int argc, char* argv[])
         say(QLatin1String("lumora-midi: ") + failure.message);
         return static_cast<int>(failure.status);
     } catch (const std::bad_alloc&) {
-        say(QStringLiteral("lumora-midi: There is not enough memory."));
+        say(QStringLiteral("lumora-midi: Out of memory."));
         return static_cast<int>(ExitStatus::Failed);
     } catch (const std::exception& error) {
         say(QLatin1String("lumora-midi: ") + sentence(QString::fromLocal8Bit(error.what())));

@@ -59,7 +59,7 @@ TEST(Hex, RefusesAnOddDigitWithItsOffset)
 
 TEST(Hex, RefusesAnythingElseWithItsOffset)
 {
-    expectBadData([] { parseHex({"F0", "G0"}); }, "\"G\" is no hexadecimal digit, at offset 3");
+    expectBadData([] { parseHex({"F0", "G0"}); }, "\"G\" is not a hexadecimal digit, at offset 3");
     expectBadData([] { parseHex({"F-"}); }, "at offset 1");
     expectBadData([] { parseHex({"+F"}); }, "at offset 0");
     expectBadData([] { parseHex({QString::fromUtf8("٣")}); }, "at offset 0");
@@ -71,9 +71,9 @@ TEST(Hex, NamesAWholeCharacterBeyondThoseOfOneUnit)
         [] {
             parseHex({"F0", QString::fromUtf8("🎹")});
         },
-        "\"🎹\" is no hexadecimal digit, at offset 3 of \"F0 🎹\".");
+        "\"🎹\" is not a hexadecimal digit, at offset 3 of \"F0 🎹\".");
     expectBadData([] { parseHex({QString(QChar(0xD83C))}); },
-                  "is no hexadecimal digit, at offset 0");
+                  "is not a hexadecimal digit, at offset 0");
 }
 
 // --- Messages
@@ -94,8 +94,9 @@ TEST(Messages, MustBeComplete)
 
 TEST(Messages, NeedAStatusByteOfTheirOwn)
 {
-    expectBadData([] { splitMessages(bytes("903c643d64")); }, "3D begins no message, at offset 3");
-    expectBadData([] { splitMessages(bytes("f7")); }, "F7 begins no message, at offset 0");
+    expectBadData([] { splitMessages(bytes("903c643d64")); },
+                  "3D does not begin a message, at offset 3");
+    expectBadData([] { splitMessages(bytes("f7")); }, "F7 does not begin a message, at offset 0");
 }
 
 // --- .syx files
@@ -109,12 +110,10 @@ TEST(SysExFile, IsSplitAtEveryF7)
 
 TEST(SysExFile, MayHaveNothingOutsideOfItsMessages)
 {
-    expectBadData([] { splitSysEx(bytes("00f07d10f7")); },
-                  "00 lies outside of F0 … F7, at offset 0");
+    expectBadData([] { splitSysEx(bytes("00f07d10f7")); }, "00 is outside F0 … F7, at offset 0");
     expectBadData([] { splitSysEx(bytes("f07d10f70af07df7")); },
-                  "0A lies outside of F0 … F7, at offset 4");
-    expectBadData([] { splitSysEx(bytes("f07df7903c64")); },
-                  "90 lies outside of F0 … F7, at offset 3");
+                  "0A is outside F0 … F7, at offset 4");
+    expectBadData([] { splitSysEx(bytes("f07df7903c64")); }, "90 is outside F0 … F7, at offset 3");
 }
 
 TEST(SysExFile, PaddingMayBeSkippedAndIsCounted)
@@ -123,8 +122,8 @@ TEST(SysExFile, PaddingMayBeSkippedAndIsCounted)
     const QVector<QByteArray> expected = {bytes("f07d10f7"), bytes("f07d11f7")};
     EXPECT_EQ(splitSysEx(bytes("00f07d10f70d0a00f07d11f70000"), &padding), expected);
     EXPECT_EQ(padding, 6);
-    expectBadData([&] { splitSysEx(bytes("f07d10f701"), &padding); }, "01 lies outside");
-    expectBadData([&] { splitSysEx(bytes("f07d10f7f7"), &padding); }, "F7 lies outside");
+    expectBadData([&] { splitSysEx(bytes("f07d10f701"), &padding); }, "01 is outside");
+    expectBadData([&] { splitSysEx(bytes("f07d10f7f7"), &padding); }, "F7 is outside");
 }
 
 TEST(SysExFile, MustEndItsMessages)
@@ -397,7 +396,7 @@ TEST(Ports, AnAmbiguousNameListsItsCandidates)
 {
     const Failure failure = failureOf([] { findPort(kPorts, "Twin", true); });
     EXPECT_EQ(failure.status, ExitStatus::NoSuchPort);
-    EXPECT_TRUE(failure.message.startsWith("More than one output has the name \"Twin\""));
+    EXPECT_TRUE(failure.message.startsWith("More than one output matches \"Twin\""));
     EXPECT_TRUE(failure.message.contains(kFirst.toString()));
     EXPECT_TRUE(failure.message.contains(kSecond.toString()));
     EXPECT_FALSE(failure.message.contains(kThird.toString()));
@@ -714,16 +713,17 @@ TEST(Words, NotesHaveNames)
 
 TEST(Words, AreRefusedWithTheWordThatIsWrong)
 {
-    expectBadData([] { words("on H4 100"); }, "\"H4\" behind \"on\" is no note: 0 to 127");
-    expectBadData([] { words("on 60 128"); }, "\"128\" behind \"on\" is no number from 0 to 127.");
-    expectBadData([] { words("pc %1"); }, "\"%1\" behind \"pc\" is no number from 0 to 127.");
-    expectBadData([] { words("cc 7"); }, "A number is missing behind \"cc\".");
-    expectBadData([] { words("on"); }, "A note is missing behind \"on\".");
-    expectBadData([] { words("ch 17 pc 1"); }, "\"17\" behind \"ch\" is no number from 1 to 16.");
-    expectBadData([] { words("pb 16384"); }, "is no number from 0 to 16383.");
+    expectBadData([] { words("on H4 100"); }, "\"H4\" after \"on\" is not a note: 0 to 127");
+    expectBadData([] { words("on 60 128"); },
+                  "\"128\" after \"on\" is not a number from 0 to 127.");
+    expectBadData([] { words("pc %1"); }, "\"%1\" after \"pc\" is not a number from 0 to 127.");
+    expectBadData([] { words("cc 7"); }, "A number is missing after \"cc\".");
+    expectBadData([] { words("on"); }, "A note is missing after \"on\".");
+    expectBadData([] { words("ch 17 pc 1"); }, "\"17\" after \"ch\" is not a number from 1 to 16.");
+    expectBadData([] { words("pb 16384"); }, "is not a number from 0 to 16383.");
     expectBadData([] { words("cc 07 F8"); }, "(The byte CC is written in capital letters.)");
-    expectBadData([] { words("on 60 100 64"); }, "64 begins no message, at offset 0");
-    expectBadData([] { words("onn 60"); }, "\"o\" is no hexadecimal digit");
+    expectBadData([] { words("on 60 100 64"); }, "64 does not begin a message, at offset 0");
+    expectBadData([] { words("onn 60"); }, "\"o\" is not a hexadecimal digit");
 }
 
 // --- MIDI files
@@ -837,7 +837,7 @@ TEST(MidiFile, DamageIsToldWithItsOffset)
     EXPECT_TRUE(refusal(bytes("00f0027d1000ff2f00")).contains("no F7 ends the SysEx message"));
     EXPECT_TRUE(refusal(bytes("00f0037d90f700ff2f00")).contains("a status byte is within"));
     EXPECT_TRUE(refusal(bytes("00f0017d00f0027df7")).contains("no F7 ends"));
-    EXPECT_TRUE(refusal(bytes("00f400")).contains("F4 begins no event"));
+    EXPECT_TRUE(refusal(bytes("00f400")).contains("F4 does not begin an event"));
     EXPECT_TRUE(refusal(bytes("ffffffff7f903c64")).contains("a number has more than 4 bytes"));
     EXPECT_TRUE(refusal(bytes("00f0ffffff7f7d")).contains("it is cut off"));
 }
