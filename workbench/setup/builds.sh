@@ -1,18 +1,18 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# The builds of CMakePresets.json, each in build/PRESET, and the Wine prefix that runs what they make.
+# The builds of CMakePresets.json, each in build/PRESET, and the Wine prefix that runs them.
 
-# provide_wine [PRESET]: each build for Windows has a prefix of its own, so that their tests may run
-# at the same time.
+# provide_wine [PRESET]: each Windows build has its own prefix, so that their tests can run at the same
+# time.
 provide_wine() {
     local preset=${1-windows}
     local prefix=$root/build/wine${preset#windows}
     [[ -f $prefix/.lumora ]] ||
         LUMORA_BUILD=$root/build/$preset long_step "Making the Wine prefix" wine progress_working \
             "$setup/on-wine" cmd /c exit ||
-        fail "The Wine prefix could not be made: mend what $prefix.log says, then run this again."
+        fail "The Wine prefix could not be made: fix what $prefix.log says, then run this again."
 }
 
-# What a build folder is configured from; a change asks for a fresh start.
+# What a build folder is configured from; after a change it is configured afresh.
 configuration_of() {
     cat "$root/CMakePresets.json" "$setup/mingw-w64.cmake" | sha256sum
     case $1 in
@@ -21,12 +21,12 @@ configuration_of() {
     esac
 }
 
-# is_built PRESET [TARGET...]: Ninja finds nothing to do.
+# is_built PRESET [TARGET...]: whether Ninja finds nothing to do.
 is_built() {
     ninja -C "$root/build/$1" -n "${@:2}" 2>/dev/null | grep -q '^ninja: no work to do'
 }
 
-# configure PRESET: afresh, or what changed since.
+# configure PRESET: afresh, or only what has changed.
 configure() {
     local folder=$root/build/$1 command=(ninja -C "$root/build/$1" build.ninja)
     if [[ $(cat "$folder/configuration" 2>/dev/null) != "$(configuration_of "$1")" ]]; then
@@ -37,7 +37,7 @@ configure() {
         return
     fi
     long_step "Configuring the $1 build" "configure-$1" progress_working "${command[@]}" ||
-        fail "CMake could not configure the $1 build: mend what" \
+        fail "CMake could not configure the $1 build: fix what" \
             "$logs/configure-$1.log says, then run this again."
     configuration_of "$1" >"$folder/configuration"
 }
@@ -49,7 +49,7 @@ provide_configured() {
     release_lock
 }
 
-# provide_build PRESET [TARGET...]: all, unless told.
+# provide_build PRESET [TARGET...]: builds the targets, or all.
 provide_build() {
     local preset=$1 targets=()
     shift
@@ -60,7 +60,7 @@ provide_build() {
         show_title "Building $preset"
         NINJA_STATUS='    [%f/%t, %e s] ' \
             cmake --build "$root/build/$preset" --parallel "$jobs" "${targets[@]}" >&2 ||
-            fail "The $preset build failed: mend the errors above, then run this again."
+            fail "The $preset build failed: fix the errors above, then run this again."
         end_step "done"
     fi
     release_lock
@@ -68,11 +68,11 @@ provide_build() {
 
 # --- What tests need ----------------------------------------------------------------------------
 
-# CTest's arguments, which select.
+# CTest's arguments, which select tests.
 test_arguments=()
 
-# files_of_tests PRESET: what the selected tests run, or have as arguments, of what that build makes.
-# CTest lists a program that is not built yet as one that it could not find.
+# files_of_tests PRESET: the build's files that the selected tests run or have as arguments. CTest
+# lists a program that is not built yet as one that it could not find.
 files_of_tests() {
     local folder=$root/build/$1
     ctest --test-dir "$folder" -N -V "${test_arguments[@]}" | tr '"' '\n' |
@@ -80,7 +80,7 @@ files_of_tests() {
         sort -u | grep -xFf <(ninja -C "$folder" -t targets all | sed 's/: [^:]*$//') || true
 }
 
-# provide_tests PRESET: of a build that is configured.
+# provide_tests PRESET: builds what the selected tests need; PRESET is configured already.
 provide_tests() {
     local files
     mapfile -t files < <(files_of_tests "$1")

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# What ./dev made, removed again.
+# Removes what ./dev has made.
 
 clean_build() {
     local wineserver=/usr/lib/wine/wineserver64 prefix
@@ -16,7 +16,7 @@ clean_cache() {
     local entry
     [[ -d $cache ]] || return 0
     hold_lock "$cache/lock" "packages or Qt"
-    # By name: LUMORA_CACHE may be a folder that holds other things as well.
+    # By name: the folder LUMORA_CACHE may contain other things.
     for entry in "$cache"/qt-* "$cache"/qt4-* "$cache"/peers-* "$logs" "$cache/lock"; do
         [[ -e $entry ]] || continue
         say "Removing $entry ($(du -sh "$entry" | cut -f1))"

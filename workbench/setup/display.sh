@@ -1,7 +1,6 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# What the user sees of ./dev: messages, numbered steps, long commands with their progress. Sourced
-# by ./dev, as the other *.sh files here are. Standard output belongs to the programs that are run;
-# all of this goes to standard error.
+# The display of ./dev: messages, numbered steps, progress of long commands. ./dev sources it, like the
+# other *.sh files here. It writes to standard error; standard output belongs to the programs.
 
 say() { printf '%s\n' "$*" >&2; }
 
@@ -21,7 +20,7 @@ expect_no_arguments() {
 
 duration() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
 
-# Counted by set_up: a need is one number, whether or not there is anything to do for it.
+# Counted by set_up: every need is a step, even if it is met already.
 declare -i step=0 steps=0
 step_title='' step_start=0
 
@@ -30,19 +29,19 @@ start_step() {
     step_start=$SECONDS
 }
 
-# For a step that shows its own output.
+# Starts a step that shows its own output.
 show_title() {
     start_step "$1"
     say "$step_title"
 }
 
-# A command's own step, after those that set_up took.
+# Starts a command's own step, after those of set_up.
 begin_step() {
     step+=1
     show_title "$1"
 }
 
-# show_step TEXT: how far the step is, on a terminal in place.
+# show_step TEXT: shows the step's progress, on a terminal in place.
 show_step() {
     local text="$step_title: $1"
     if [[ -t 2 ]]; then
@@ -69,16 +68,16 @@ trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
 # long_step TITLE LOG PROGRESS COMMAND...: runs the command in the background with its output in the
-# log; PROGRESS is a function that reads the log and prints how far the command is.
+# log. The function PROGRESS reads the log and prints the command's progress.
 long_step() {
     local log=$logs/$2.log progress=$3 status=0 shown
     start_step "$1"
     shift 3
     if ! mkdir -p "$logs" 2>/dev/null || [[ ! -w $logs ]]; then
-        fail "The cache $cache cannot be written: name another folder in LUMORA_CACHE."
+        fail "Cannot write to the cache $cache: set LUMORA_CACHE to another folder."
     fi
     if [[ -t 2 ]]; then show_step "working"; else say "$step_title"; fi
-    # A process group of its own, so that an interruption ends the command's children too.
+    # Its own process group, so that an interruption also ends the command's children.
     set -m
     "$@" </dev/null >"$log" 2>&1 &
     job=$!
@@ -105,12 +104,12 @@ long_step() {
 
 progress_working() { printf 'working'; }
 
-# hold_lock FILE WHAT ... release_lock: one ./dev at a time. Commands inherit the lock, so it also
-# outlives a ./dev that is killed, until what it had started has ended.
+# hold_lock FILE WHAT ... release_lock: admits one ./dev at a time. Commands inherit the lock, so after
+# a ./dev is killed it is held until they have ended.
 hold_lock() {
     if ! { mkdir -p "${1%/*}" && true >>"$1"; } 2>/dev/null; then
-        [[ $1 != "$root"/* ]] || fail "$1 cannot be written: this tree is another user's, clone it for yourself."
-        fail "$1 cannot be written: make its folder writable, or name another cache in LUMORA_CACHE."
+        [[ $1 != "$root"/* ]] || fail "Cannot write $1: this tree belongs to another user; make your own clone."
+        fail "Cannot write $1: make its folder writable, or set LUMORA_CACHE to another folder."
     fi
     exec {lock}>>"$1"
     flock -n "$lock" || {

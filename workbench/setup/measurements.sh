@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# What ./dev bench runs.
+# The measurements of ./dev bench.
 
 bench_peers() {
     local rounds=5 document=() side_by_side=$root/bench/peers/side-by-side
@@ -31,7 +31,7 @@ bench_micro() {
     if [[ $# -eq 0 ]]; then
         step=$((step + 1))
         long_step "Measuring, about a minute" bench progress_working \
-            "$program" --benchmark_out="$results" || fail "the benchmarks failed, see above."
+            "$program" --benchmark_out="$results" || fail "The benchmarks failed, see above."
         exec "$root/bench/report" "$results"
     fi
     rm -f "$results"

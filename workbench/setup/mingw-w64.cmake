@@ -13,8 +13,8 @@ foreach(tool AR RANLIB STRIP NM OBJDUMP OBJCOPY DLLTOOL ADDR2LINE READELF)
     find_program(CMAKE_${tool} ${program})
 endforeach()
 
-# Libraries come from MinGW-w64 and from where the user says (./dev names the Qt it builds), never
-# from this machine.
+# Finds libraries only in MinGW-w64 and where the user says (./dev passes the Qt that it builds), never
+# on this machine.
 set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32 ${CMAKE_PREFIX_PATH})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -1,9 +1,9 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# Debian packages. A command adds what it needs to `packages`; those that are missing are installed.
+# Debian packages. A command adds what it needs to `packages`; missing ones are installed.
 
 packages=(
     cmake ninja-build make g++ g++-mingw-w64-x86-64-posix wine64 wine64-tools googletest
-    qtbase5-dev dpkg-dev # native builds; with the latter also the Windows one of QtCore
+    qtbase5-dev dpkg-dev # native builds, and QtCore for Windows
 )
 qt6_packages=(qt6-base-dev) # native builds with Qt 6
 fuzz_packages=(clang libclang-rt-dev)
@@ -31,14 +31,14 @@ progress_packages() {
 # install_packages PACKAGE...
 install_packages() {
     "${as_root[@]}" apt-get -q update
-    # Takes up again an installation that was cut short.
+    # Resumes an interrupted installation.
     "${as_root[@]}" dpkg --configure -a
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive LC_ALL=C \
         apt-get -q -y -f --no-install-recommends -o DPkg::Lock::Timeout=300 -o Acquire::Retries=3 \
         install "$@"
 }
 
-# Asks for the password, where one is needed, while the terminal is free.
+# Asks for the password, if needed, while the terminal is free.
 may_use_sudo() {
     command -v sudo >/dev/null || return 1
     sudo -n true 2>/dev/null || { [[ -t 0 && -t 2 ]] && sudo -v; }
@@ -47,24 +47,24 @@ may_use_sudo() {
 provide_packages() {
     local missing as_root=() log=$logs/packages.log
     [[ -x $(command -v apt-get) && -x $(command -v dpkg-query) ]] ||
-        fail "apt-get and dpkg-query are not here: ./dev sets up Debian 12 or 13, use such a machine or container."
+        fail "apt-get and dpkg-query are missing: ./dev needs a machine or container with Debian 12 or 13."
     mapfile -t missing < <(missing_packages)
     [[ ${#missing[@]} -gt 0 ]] || return 0
     [[ $(dpkg --print-architecture 2>/dev/null) == amd64 ]] ||
-        fail "This machine is not a 64-bit PC (amd64): Wine runs the Windows programs only there, use one."
+        fail "This machine is not a 64-bit PC (amd64), which Wine needs to run the Windows programs."
     if [[ $EUID -ne 0 ]]; then
         as_root=(sudo)
         may_use_sudo ||
-            fail "Debian packages are missing and only root may install them: run 'apt-get install" \
+            fail "Debian packages are missing, and only root may install them: run 'apt-get install" \
                 "--no-install-recommends ${missing[*]}' as root, then run this again."
     fi
     hold_lock "$cache/lock" "packages or Qt"
     say "Missing Debian packages: ${missing[*]}"
     long_step "Installing Debian packages" packages progress_packages install_packages "${missing[@]}" || {
         ! no_network "$log" ||
-            fail "The Debian packages could not be downloaded, no package server answers:" \
+            fail "The Debian packages could not be downloaded because no package server answers:" \
                 "check the network or the proxy, then run this again (log: $log)."
-        fail "apt-get could not install ${missing[*]}: mend what $log says, then run this again."
+        fail "apt-get could not install ${missing[*]}: fix what $log says, then run this again."
     }
     release_lock
 }

@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# The libraries that ours is measured against, fetched into the cache and added to the windows build.
+# Fetches the libraries to compare with into the cache and adds them to the windows build.
 
-# Named for the recipe, which names their versions.
+# The folder is named for the recipe, which has their versions.
 locate_peers() {
     local hash
     hash=$(sha256sum <"$root/bench/peers/fetch")
@@ -22,10 +22,10 @@ provide_peers() {
         long_step "Fetching RtMidi and PortMidi" peers-fetch progress_working \
             "$root/bench/peers/fetch" "$peers_dir.partial" || {
             ! no_network "$logs/peers-fetch.log" ||
-                fail "The sources could not be downloaded, no package server answers:" \
+                fail "The sources could not be downloaded because no package server answers:" \
                     "check the network or the proxy, then run this again (log: $logs/peers-fetch.log)."
-            fail "The sources could not be had from the machine's package sources:" \
-                "mend what $logs/peers-fetch.log says, then run this again."
+            fail "The machine's package sources did not provide the sources:" \
+                "fix what $logs/peers-fetch.log says, then run this again."
         }
         mv "$peers_dir.partial" "$peers_dir"
         release_lock
@@ -34,7 +34,7 @@ provide_peers() {
         hold_lock "$root/build/lock" "the build"
         long_step "Adding them to the windows build" configure-peers progress_working \
             cmake -D LUMORA_PEERS=ON -D "LUMORA_PEERS_DIR=$peers_dir" "$root/build/windows" ||
-            fail "CMake could not configure them: mend what $logs/configure-peers.log says, then run this again."
+            fail "CMake could not configure them: fix what $logs/configure-peers.log says, then run this again."
         release_lock
     fi
 }

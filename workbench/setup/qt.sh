@@ -1,8 +1,8 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# QtCore for Windows: built once by the recipe qt-windows, or qt6-windows, and kept in the cache.
+# Builds QtCore for Windows once, by the recipe qt-windows or qt6-windows, and keeps it in the cache.
 
-# locate_qt PACKAGE RECIPE: prints a folder that is named for Qt's version, the compiler's and the
-# recipe's, so that each has its own.
+# locate_qt PACKAGE RECIPE: prints the folder for this version of Qt, of the compiler and of the
+# recipe.
 locate_qt() {
     local version hash
     version=$(dpkg-query -W -f '${source:Version}' "$1" 2>/dev/null) || version=
@@ -16,7 +16,7 @@ locate_qt() {
 
 progress_fetch() { du -sm "$qt_work" | awk '{ printf "%d MB fetched and unpacked", $1 }'; }
 
-# By make's lines, or by those of Ninja.
+# Counts the lines of make or of Ninja.
 progress_compile() {
     local ninja
     ninja=$(sed -nE 's|^\[([0-9]+)/([0-9]+)\].*|compiled \1 of \2 files|p' "$1" | tail -n 1)
@@ -40,34 +40,34 @@ provide_qt_in() {
     local folder=$1 qt="Qt $2" package=$3 recipe=$setup/$4 log=$logs/qt$2 status
     [[ ! -d $folder ]] || return 0
     [[ $cache != *[[:space:]]* ]] ||
-        fail "Qt cannot be built in '$cache', which has a space: name another folder in LUMORA_CACHE."
+        fail "Qt cannot be built in '$cache', whose path has a space: set LUMORA_CACHE to another folder."
     hold_lock "$cache/lock" "packages or Qt"
-    # It may stand there now, from the run we waited for.
+    # The run that we waited for may have built it.
     if [[ -d $folder ]]; then
         release_lock
         return
     fi
 
-    # Made in a folder that has another name until it is whole.
+    # Uses another folder name until the build is complete.
     rm -rf "$cache"/qt-*.partial
     qt_work=$folder.partial
     mkdir "$qt_work"
     long_step "Fetching $qt's source package" "qt$2-fetch" progress_fetch "$recipe" fetch "$qt_work" || {
         status=$?
         [[ $status -ne 3 ]] ||
-            fail "$qt's source package is of another version than the installed $package: bring the" \
-                "package lists and $package up to date, then run this again (log: $log-fetch.log)."
+            fail "$qt's source package and the installed $package have different versions: update the" \
+                "package lists and $package, then run this again (log: $log-fetch.log)."
         ! no_network "$log-fetch.log" ||
-            fail "$qt's source package could not be downloaded, no package server answers:" \
+            fail "$qt's source package could not be downloaded because no package server answers:" \
                 "check the network or the proxy, then run this again (log: $log-fetch.log)."
-        fail "$qt's source package could not be had from the machine's package sources:" \
-            "mend what $log-fetch.log says, then run this again."
+        fail "The machine's package sources did not provide $qt's source package:" \
+            "fix what $log-fetch.log says, then run this again."
     }
     long_step "Configuring $qt" "qt$2-configure" progress_working "$recipe" configure "$qt_work" ||
-        fail "$qt could not be configured: mend what $log-configure.log says, then run this again."
+        fail "$qt could not be configured: fix what $log-configure.log says, then run this again."
     long_step "Compiling QtCore $2 for Windows" "qt$2-compile" progress_compile \
         "$recipe" compile "$qt_work" "$jobs" ||
-        fail "QtCore $2 could not be compiled: mend what $log-compile.log says, then run this again."
+        fail "QtCore $2 could not be compiled: fix what $log-compile.log says, then run this again."
     mv "$qt_work/root/qt$2" "$folder"
     rm -rf "$qt_work"
     release_lock

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
-# The headers of Qt 4.8, which the sources are compiled with for a check. Without npm, or without a
-# network, that check is left out.
+# Fetches the headers of Qt 4.8, with which a check compiles the sources. Without npm or a network,
+# that check is skipped.
 
 provide_qt4() {
     local hash
@@ -14,7 +14,7 @@ provide_qt4() {
         "$setup/qt4-headers" "$LUMORA_QT4.partial"; then
         mv "$LUMORA_QT4.partial" "$LUMORA_QT4"
     else
-        say "Without them, ./dev does not check that Qt 4.8 compiles the sources."
+        say "Without them, ./dev does not check the sources with Qt 4.8."
     fi
     release_lock
 }
