@@ -4,8 +4,8 @@
 #include <QString>
 #include <QStringList>
 
-/// A port label, "number;name", taken apart at its ';' with empty pieces dropped. A device name
-/// that contains ';' itself is therefore cut there.
+/// A port label, "number;name", split at ';' without empty pieces. So a device name that contains
+/// ';' is cut there.
 class PortLabel
 {
 public:

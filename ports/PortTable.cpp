@@ -6,10 +6,10 @@ static const char* const kNamesKeys[2] = {"/preferences/SystemPorts/Input/portNa
 static const char* const kIdsKeys[2] = {"/preferences/SystemPorts/Input/portIds",
                                         "/preferences/SystemPorts/Output/portIds"};
 
-// How often a table that another process is writing is read, or written, until it is whole.
+// How often to read or write a table that another process is writing, until it is consistent.
 static const int kAttempts = 10;
 
-// How many entries `list` has behind those of `start`; -1 if it does not begin with them.
+// How many entries `list` has after those of `start`; -1 if it does not begin with them.
 static int continuation(const QStringList& list, const QStringList& start)
 {
     return list.mid(0, start.size()) == start ? static_cast<int>(list.size() - start.size()) : -1;
@@ -27,7 +27,7 @@ bool StoredPorts::find(const QString& label, QUuid* id) const
 
 void StoredPorts::appendNew(const TSystemMIDIMap& map)
 {
-    // Identifiers of one map differ, so those appended here cannot hide each other.
+    // A map's identifiers differ, so none of them hides another.
     for (TSystemMIDIMap::const_iterator port = map.begin(); port != map.end(); ++port) {
         const QString text = port.key().toString();
         if (ids.contains(text))
@@ -52,8 +52,8 @@ StoredPorts PortTable::readOnce(bool output) const
 
 StoredPorts PortTable::read(bool output) const
 {
-    // A process that writes in between leaves us one list of before and one of after, or, where a
-    // value grows while Qt reads it, an empty one.
+    // If another process writes meanwhile, one list may be old and the other new, or, where a value
+    // grows while Qt reads it, empty.
     StoredPorts ports = readOnce(output);
     for (int attempt = 1; attempt < kAttempts; ++attempt) {
         const StoredPorts later = readOnce(output);
@@ -69,8 +69,8 @@ void PortTable::write(bool output, const StoredPorts& ports)
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         settings.writeEntry(QLatin1String(kNamesKeys[output]), ports.names);
         settings.writeEntry(QLatin1String(kIdsKeys[output]), ports.ids);
-        // Both lists must be ours, equally continued, or both another process' own. A mixture would
-        // leave its labels beside our identifiers for good.
+        // Both lists must be ours, with equally many entries added, or both another process's. A
+        // mix would pair its labels with our identifiers for good.
         const StoredPorts now = read(output);
         if (continuation(now.names, ports.names) == continuation(now.ids, ports.ids))
             return;

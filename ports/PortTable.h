@@ -6,27 +6,27 @@
 
 #include <QStringList>
 
-/// The known ports of one direction, as stored: element k of `names` (labels) and element k of
-/// `ids` (identifiers as text) describe one port. Nothing else links the two lists.
+/// The stored ports of one direction: element k of `names` (labels) and element k of `ids`
+/// (identifiers as text) describe one port. Nothing else links the two lists.
 struct StoredPorts
 {
     QStringList names;
     QStringList ids;
 
-    /// Whether the table has an identifier for `label`, and which: the null QUuid if the stored
-    /// text is none. Of equal labels the first one counts.
+    /// Finds the identifier of `label`; the null QUuid if the stored text is invalid. Of equal
+    /// labels the first one counts. False if the table has none.
     bool find(const QString& label, QUuid* id) const;
 
-    /// Appends the ports of `map` whose identifier's text is not stored yet, in the map's order.
-    /// Nothing is ever removed, reordered or relabelled.
+    /// Appends the ports of `map` whose identifiers are not stored yet, in the map's order. Never
+    /// removes, reorders or relabels a port.
     void appendNew(const TSystemMIDIMap& map);
 };
 
 /// The table of every port ever seen, in the system-wide scope of an application's settings store.
-/// The store is open while the object lives and flushed when it ends.
+/// The store is open while the object lives; the destructor flushes it.
 ///
 /// Processes share it without a lock. Of two that write at the same moment one may lose what it
-/// appends, but a label does not come to stand beside the other's identifier.
+/// appended, but write() keeps the labels of one from being paired with the other's identifiers.
 class PortTable
 {
 public:
@@ -38,7 +38,7 @@ public:
 private:
     StoredPorts readOnce(bool output) const;
 
-    mutable Qt3Settings settings; // reading is no const member in Qt 4
+    mutable Qt3Settings settings; // Qt 4's read members are not const
 };
 
 #endif

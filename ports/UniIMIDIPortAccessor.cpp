@@ -4,8 +4,7 @@
 #include <QString>
 #include <QUuid>
 
-// The whole container behind TSystemMIDIMap is part of the library's interface. This has to stand
-// before the class that derives from it.
+// Exports all of TSystemMIDIMap's base class. Must come before the class that derives from it.
 template class LUMORA_TRANSPORT_EXPORT QMap<QUuid, QString>;
 
 #include "ports/MIDIPortAccessor.h"
@@ -24,7 +23,7 @@ static QUuid freshIdentifier()
 {
     GUID guid = {};
     CoCreateGuid(&guid);
-    // Field by field, which needs no GUID conversion of QUuid's.
+    // Field by field: QUuid converts a GUID only where Qt is built for Windows.
     return QUuid(guid.Data1, guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2],
                  guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
 }
@@ -53,7 +52,7 @@ void UniIMIDIPortAccessor::init()
             }
         }
     } catch (const std::bad_alloc&) {
-        // The ports behind this one are missing from the maps.
+        // The ports after this one are missing from the maps.
     }
 }
 
@@ -85,7 +84,7 @@ static QUuid identifierOfName(const TSystemMIDIMap& map, const QString& name)
 
 QUuid UniIMIDIPortAccessor::portIdentity(const QString& name, bool) const
 {
-    // The null identifier can be an input's real key: the outputs are searched all the same.
+    // The null identifier can be an input's real key: this still searches the outputs.
     const QUuid input = identifierOfName(plugMaps[false], name);
     return input.isNull() ? identifierOfName(plugMaps[true], name) : input;
 }
@@ -102,7 +101,7 @@ QString UniIMIDIPortAccessor::portName(const QUuid& id) const
 
 int UniIMIDIPortAccessor::numberOfPlugs(bool output) const
 {
-    // Through the virtual plugs(): a subclass that overrides it changes the count too.
+    // Through the virtual plugs(), so that a subclass that overrides it also changes the count.
     return static_cast<int>(plugs(output).size());
 }
 

@@ -5,7 +5,7 @@
 
 #include <mmsystem.h>
 
-// A driver's device name: zero-terminated, unless it fills the whole field.
+// A driver's device name: zero-terminated unless it fills the whole field.
 static QString deviceName(const WCHAR (&name)[MAXPNAMELEN])
 {
     const WCHAR* const end = std::find(name, name + MAXPNAMELEN, WCHAR(0));

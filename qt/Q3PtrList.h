@@ -7,8 +7,8 @@
 
 #include <Q3PtrList>
 
-// Qt 4's list can delete its entries, so it needs their destructor even if it is never told to. At
-// global scope, for a type whose destructor it may not call.
+// Qt 4's list calls the destructor of its entries' type, even if it never deletes one. Use this at
+// global scope for a type whose destructor is protected.
 #define LUMORA_LIST_DELETES_NO(type)                                                               \
     template <>                                                                                    \
     inline void Q3PtrList<type>::deleteItem(Q3PtrCollection::Item)                                 \
@@ -20,9 +20,8 @@
 
 #define LUMORA_LIST_DELETES_NO(type)
 
-/// What the library uses of Qt3Support's Q3PtrList, with the same meaning: a list of pointers with
-/// a current position of its own, which searching, appending and stepping move. It never deletes
-/// an entry.
+/// A part of Qt3Support's Q3PtrList, with the same meaning: a list of pointers with a current
+/// position, which searching, appending and stepping move. It never deletes an entry.
 template <class type>
 class Q3PtrList
 {
@@ -55,7 +54,7 @@ public:
     type* current() const { return position < 0 ? nullptr : items.at(position); }
     type* first() { return at(0); }
 
-    /// Steps on; past the last entry there is no current one, and null comes back.
+    /// Makes the next entry current and returns it; null, and no current entry, past the last one.
     type* next()
     {
         if (position >= 0 && ++position == static_cast<int>(items.size()))

@@ -6,20 +6,20 @@
 
 #if QT_VERSION < 0x050000
 
-// Qt 4 built with Qt3Support: QSettings itself still has the Qt 3 style members.
+// With Qt3Support, Qt 4's QSettings still has the Qt 3 style members.
 typedef QSettings Qt3Settings;
 
 #else
 
 #include <memory>
 
-/// The Qt 3 style members that QSettings had in Qt 4, over today's QSettings. A table written by
-/// either is read by the other: same keys, same values, same place in the registry.
+/// The Qt 3 style members that QSettings had in Qt 4. Each reads what the other wrote: same keys,
+/// same values, same place in the registry.
 class Qt3Settings
 {
 public:
-    /// Opens the store of `application` of `organization`, in the process's default format. Until
-    /// then nothing can be read or written.
+    /// Opens the store of `organization` and `application`, in the process's default format.
+    /// Without it nothing can be read or written.
     void setPath(const QString& organization, const QString& application,
                  QSettings::Scope scope = QSettings::SystemScope)
     {

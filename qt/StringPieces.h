@@ -4,8 +4,8 @@
 #include <QString>
 #include <QStringList>
 
-/// The pieces of `text` between occurrences of `separator` (a QChar or a QString), case-sensitive,
-/// empty pieces dropped. Qt moved the flag that says so from QString to the Qt namespace.
+/// Splits `text` at `separator` (a QChar or a QString), case-sensitively, and drops empty pieces.
+/// Qt moved the flag for that from QString to the Qt namespace.
 template <class Separator>
 QStringList nonEmptyPieces(const QString& text, const Separator& separator)
 {

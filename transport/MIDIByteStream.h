@@ -1,8 +1,8 @@
 #ifndef LUMORA_TRANSPORT_MIDIBYTESTREAM_H
 #define LUMORA_TRANSPORT_MIDIBYTESTREAM_H
 
-// The bytes of a MIDI lead, taken apart as the receiver at its far end would. Needs neither Qt nor
-// Windows.
+// Parses a stream of MIDI bytes as a receiver does, for lumora-midi and the virtual device. Needs
+// neither Qt nor Windows.
 
 #include "transport/MIDIStatus.h"
 
@@ -16,9 +16,9 @@ inline bool isMIDIStatus(unsigned char byte)
     return byte >= 0x80;
 }
 
-/// Number of bytes of the message that `status` begins: 1 to 3; 0 for what begins no message of a
-/// known length: F0, F7, the undefined F4 and F5, and data bytes. TMIDITransport::midi_msg_length
-/// is another table, and stays as it is for those who call it.
+/// The length in bytes of a message that begins with `status`: 1 to 3; 0 if it has no fixed length:
+/// F0, F7, the undefined F4 and F5, and data bytes. TMIDITransport::midi_msg_length() has other
+/// values, which hosts rely on.
 inline std::size_t midiMessageLength(unsigned char status)
 {
     if (!isMIDIStatus(status))
@@ -31,7 +31,7 @@ inline std::size_t midiMessageLength(unsigned char status)
     return systemCommon[status & 7];
 }
 
-/// What a stream consists of.
+/// A piece of a stream.
 struct MIDIPiece
 {
     enum class Kind {
@@ -48,8 +48,7 @@ struct MIDIPiece
     bool last = false;  // ends with F7
 };
 
-/// Keeps running status, and an unfinished message, from one call to the next. Not for two threads
-/// at once.
+/// Keeps running status and an unfinished message from one call to the next. One thread at a time.
 class MIDIByteStream
 {
 public:
@@ -60,7 +59,7 @@ public:
         std::size_t at = 0;
         while (at < length) {
             const unsigned char byte = data[at];
-            if (byte >= kFirstRealtime) { // may stand anywhere and changes nothing
+            if (byte >= kFirstRealtime) { // allowed anywhere, changes nothing
                 take(shortPiece(byte));
                 ++at;
             } else if (byte == kSysExStart ||
@@ -76,8 +75,8 @@ public:
         }
     }
 
-    /// One message in a double word; a first byte below 80 uses the running status. False if it is
-    /// no message.
+    /// Takes one message in a double word; a first byte below 80 uses the running status. False if
+    /// it is not a message.
     template <typename Take>
     bool shortMessage(std::uint32_t message, Take take)
     {
@@ -100,7 +99,7 @@ public:
 private:
     static MIDIPiece shortPiece(std::uint32_t message) { return {MIDIPiece::Kind::Short, message}; }
 
-    // Bytes of SysEx up to the next status byte, F7 included. Returns how many.
+    // Takes SysEx up to the next status byte, including F7. Returns the number of bytes.
     template <typename Take>
     std::size_t sysEx(const unsigned char* data, std::size_t length, Take take)
     {
@@ -121,7 +120,7 @@ private:
         return end;
     }
 
-    // Any status byte but the realtime ones puts an end to what was unfinished.
+    // Any status byte except realtime ends an unfinished message.
     template <typename Take>
     void begin(unsigned char status, Take take)
     {

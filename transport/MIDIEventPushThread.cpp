@@ -14,8 +14,8 @@ void TMIDIEventPushThread::run()
 {
     TMIDIReaderRefConInterface* const reader = transport;
     while (!stopRequested) {
-        // The result is not looked at: without an event the wait fails at once, and the input is
-        // delivered all the same, by draining in a tight loop.
+        // Ignores the result: without an event the wait fails at once, and draining in a tight loop
+        // still delivers the input.
         WaitForMultipleObjects(1, &transport->dataEvent, TRUE, INFINITE);
         reader->read(0, nullptr, true, false);
     }

@@ -6,15 +6,15 @@
 
 class TMIDITransport;
 
-/// The thread that delivers a transport's input: sleeps until the transport's event is signalled,
-/// then has the transport drain its queue. It ends after a drain that finds a stop requested.
+/// Delivers a transport's input: sleeps until the transport's event is signalled, then makes the
+/// transport drain its queue. Ends after a drain if a stop was requested.
 class TMIDIEventPushThread : public QThread
 {
 public:
     explicit TMIDIEventPushThread(TMIDITransport* transport);
     ~TMIDIEventPushThread() override;
 
-    /// Any thread. Only a signal of the event behind it makes the thread look.
+    /// Any thread. Takes effect at the next signal of the event.
     void requestStop() { stopRequested = true; }
 
 protected:

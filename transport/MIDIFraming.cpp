@@ -56,7 +56,7 @@ void TMIDIObserverBlock::assemble(int length, const void* data, bool strictStart
     append(length, data);
     if (!pendingSysEx || !endsSysEx)
         return;
-    // Shares the bytes, so that they stay put whatever an observer does to the transport.
+    // A shared copy keeps the bytes valid, whatever an observer does to the transport.
     const QByteArray message = *pendingSysEx;
     deliver(static_cast<int>(message.size()), message.constData(), strictStart, terminated);
     pendingSysEx.reset();
@@ -68,11 +68,11 @@ void TMIDIObserverBlock::append(int length, const void* data)
         if (!pendingSysEx)
             pendingSysEx = std::make_unique<QByteArray>();
         if (pendingSysEx->size() > INT_MAX - length)
-            throw std::bad_alloc(); // observers could not be told its length
+            throw std::bad_alloc(); // too long for the observers' int
         pendingSysEx->append(static_cast<const char*>(data), length);
     } catch (const std::bad_alloc&) {
-        // A message with a hole must not be delivered. Its remaining chunks start no SysEx, so they
-        // are dropped.
+        // A message with a gap must not be delivered. Its remaining chunks do not begin with F0, so
+        // they are dropped.
         pendingSysEx.reset();
     }
 }

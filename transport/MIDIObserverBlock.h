@@ -22,7 +22,8 @@ struct TMIDIObserverBlock
     int frame(int length, const void* data, bool strictStart, lumora::RecursiveMutex* lock,
               const std::atomic<bool>& terminated);
 
-    /// Calls the observers one after the other, as long as `terminated` is false.
+    /// Calls the observers in order until `terminated` is true. By index, not by the list's current
+    /// position, which an observer that registers another or delivers an event moves.
     void deliver(int length, const void* data, bool strictStart,
                  const std::atomic<bool>& terminated)
     {
@@ -33,11 +34,11 @@ struct TMIDIObserverBlock
     }
 
 private:
-    /// Takes a chunk that is no channel message: a SysEx message, or a piece of one.
+    /// Takes a chunk that is not a channel message: a SysEx message or a piece of one.
     void assemble(int length, const void* data, bool strictStart,
                   const std::atomic<bool>& terminated);
 
-    /// Adds a piece to the pending message, or discards what is pending for lack of memory.
+    /// Adds a piece to the pending message, or discards that message without memory.
     void append(int length, const void* data);
 };
 

@@ -9,8 +9,8 @@
 #include <new>
 #include <objbase.h>
 
-// Between label and identifier in the text that a port is sorted by. Longer than the label's own
-// ';', so that the two cannot be confused.
+// Separates label and identifier in a port's sort key. Longer than the label's own ';', so that the
+// two cannot be confused.
 static const char kIdSeparator[] = "<;>";
 
 static GUID toGUID(const QUuid& id)
@@ -21,8 +21,7 @@ static GUID toGUID(const QUuid& id)
     return guid;
 }
 
-// One text for each port, in ascending order of the texts: of the labels, therefore, as text, and
-// of the identifiers where labels are equal.
+// One text for each port, sorted by label as text, and by identifier where labels are equal.
 static QStringList sortedPortTexts(const TSystemMIDIMap& map)
 {
     QStringList texts;
@@ -32,7 +31,7 @@ static QStringList sortedPortTexts(const TSystemMIDIMap& map)
     return texts;
 }
 
-// Whenever it is left, also by an exception, the name is one that can be freed.
+// Leaves a name that can be freed, even when it throws.
 static void fillEntry(TMIDIPortEntry* entry, const QString& text)
 {
     entry->portName = nullptr;
@@ -69,7 +68,7 @@ void TMIDITransport::MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* l
                 fillEntry(&ports->entries[filled++], text);
         }
     } catch (const std::bad_alloc&) {
-        // As if there had been no memory for the array; its readers may have no exceptions.
+        // As without memory for the array: callers may not handle exceptions.
         while (filled > 0)
             CoTaskMemFree(ports->entries[--filled].portName);
         CoTaskMemFree(ports->entries);
@@ -88,7 +87,7 @@ QString TMIDITransport::friendlyName(const QUuid& id) const
             break;
         }
     }
-    // Markers that a stored label may carry. Nothing in this library adds them.
+    // Markers that a stored label may contain. This library adds none.
     name.remove(QLatin1String("<[Inp]>"));
     name.remove(QLatin1String("<[Out]>"));
     return name.isEmpty() ? id.toString() : name;

@@ -9,7 +9,7 @@
 #include <objbase.h>
 #include <windows.h>
 
-// How often a pusher thread that does not end is signalled again, in milliseconds.
+// How often to signal a pusher thread that does not end, in milliseconds.
 static const unsigned long kSignalInterval = 100;
 
 // Transports made so far in this process. Not locked, never counted down.
@@ -27,9 +27,8 @@ static HANDLE createDataEvent(int number)
         const QString name =
             QString::fromLatin1("lumora.framework.transport - (%1) - ").arg(number);
         const std::unique_ptr<WCHAR, TaskMemoryFree> wideName(CreateOLEString(name));
-        // Another process may have made a transport of this number. Both then share its event, and
-        // a signal wakes only one of their two threads; that condition is accepted and not looked
-        // at.
+        // Another process's transport of this number shares the event, and a signal wakes only one
+        // of their two threads. That is accepted: the error code that reports it is ignored.
         const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, wideName.get());
         static_cast<void>(GetLastError());
         return event;
@@ -82,7 +81,7 @@ void TMIDITransport::terminate()
 bool TMIDITransport::valid() const
 {
     // The reference may come from a failed allocation. This file is compiled so that the compiler
-    // does not take a member function's object for granted.
+    // does not assume a non-null `this`.
     return this != nullptr;
 }
 
@@ -106,22 +105,21 @@ void TMIDITransport::startPusherThread()
     try {
         pusher = new TMIDIEventPushThread(this);
     } catch (const std::bad_alloc&) {
-        return; // the input is queued, then, but never delivered
+        return; // input is then queued but never delivered
     }
     pusher->start(QThread::TimeCriticalPriority);
 }
 
 void TMIDITransport::stopPusherThread()
 {
-    // The event resets itself when it wakes the thread, and this first signal may be consumed by a
-    // drain that began before the request; the second one cannot.
+    // The event resets itself when it wakes the thread, so a drain that began before the request
+    // may consume this first signal, but not the second one.
     SetEvent(dataEvent);
     if (!pusher)
         return;
     pusher->requestStop();
     SetEvent(dataEvent);
-    // A process with a transport of the same number shares the event, and its pusher may have been
-    // woken in place of ours.
+    // Another process's pusher that shares the event may have been woken instead of ours.
     while (!pusher->wait(kSignalInterval))
         SetEvent(dataEvent);
     delete pusher;

@@ -7,12 +7,12 @@
 
 /// A byte ring buffer. Its whole capacity is usable.
 ///
-/// The operations take no lock. Users that share a buffer between threads hold `mutex()` around
-/// their compound operations, such as "test for room, then write a record".
+/// The operations take no lock. Threads that share a buffer hold `mutex()` around compound
+/// operations, such as "test for room, then write a record".
 class CircularBuffer
 {
 public:
-    /// Allocates `capacity` bytes; throws std::bad_alloc if there is no memory.
+    /// Allocates `capacity` bytes; throws std::bad_alloc without memory.
     explicit CircularBuffer(int capacity);
 
     /// @{
@@ -32,7 +32,7 @@ public:
         return length;
     }
 
-    /// Takes out up to `length` of the oldest bytes, as many as are held; returns how many.
+    /// Removes up to `length` of the oldest bytes, as many as are held; returns how many.
     int read(void* data, int length)
     {
         if (length <= 0 || length > held || length >= capacity - readPosition)
@@ -49,17 +49,16 @@ public:
     /// Bytes that can still be written.
     int space() const { return capacity - held; }
 
-    /// The lock of everyone who shares this buffer; the buffer's own, not recursive.
+    /// The lock for threads that share this buffer; not recursive.
     QMutex* mutex() { return &lock; }
 
 private:
-    // Everything but the usual case, which is inline so that a record's fixed length makes the copy
-    // a matter of an instruction or two: in full or in part, and round the end of the memory.
+    // Partial copies, and those across the end of the memory. The usual case is inline, so that a
+    // record's fixed length makes the copy one or two instructions.
     int writeInParts(const void* data, int length, int position);
     int readInParts(void* data, int length);
 
-    // Computed without a sum that could pass the capacity: readPosition + held may be up to twice
-    // it.
+    // Avoids readPosition + held, which may be up to twice the capacity.
     int writePosition() const
     {
         const int untilEnd = capacity - readPosition;

@@ -2,13 +2,13 @@
 #define LUMORA_UTILITIES_OLESTRING_H
 
 /// \file
-/// Text for code that knows COM's allocator but not Qt.
+/// Text for code that uses COM's allocator but not Qt.
 
 #include <QString>
 #include <windows.h>
 
-/// A zero-terminated UTF-16 copy of `text` in COM task memory; its receiver frees it with
-/// CoTaskMemFree. A null QString gives an empty copy. Null if there is no memory.
+/// A zero-terminated UTF-16 copy of `text` in COM task memory, which the caller frees with
+/// CoTaskMemFree. A null QString gives an empty copy. Null without memory.
 /// Thread-safe: yes. Blocks: no.
 WCHAR* CreateOLEString(const QString& text);
 

@@ -4,8 +4,8 @@
 
 #include <mmsystem.h>
 
-// How long a callback is waited for, in milliseconds. It does next to nothing, so only one whose
-// thread was ended from outside takes as long.
+// How long to wait for a callback, in milliseconds. It does almost nothing, so only one whose
+// thread was killed takes that long.
 static const DWORD kCallbackLimit = 1000;
 
 std::atomic<CallbackGate*> CallbackGate::first{nullptr};

@@ -6,37 +6,36 @@
 class TWinMIDI;
 struct TWinMIDIPrivate;
 
-/// What stands between WinMM's callbacks and a transport. A driver may call back after it was
-/// closed, and at any time if it refused to close. So no callback follows the pointer that it was
-/// given before it has found the gate of a transport that still lives.
+/// Admits WinMM's callbacks to a transport. A driver may call back after its port was closed, and
+/// at any time if it refused to close. So a callback uses its transport only through the gate of
+/// one that still lives.
 ///
-/// Gates are never freed, only used again, and only as gates. There are as many as there were
-/// transports at one time.
+/// Gates are reused but never freed. There are as many as there were transports at one time.
 class CallbackGate
 {
 public:
-    /// Opens a gate for a transport. `dataEvent` is the one that wakes its pusher thread. Throws
-    /// std::bad_alloc without memory.
+    /// Opens a gate for a transport whose pusher thread `dataEvent` wakes. Throws std::bad_alloc
+    /// without memory.
     static CallbackGate* open(TWinMIDI* transport, TWinMIDIPrivate* device, void* dataEvent);
 
-    /// Lets no callback in any more and waits for those that are in. False if one does not leave:
-    /// whatever it may touch must then stay, and the gate stays with it.
+    /// Admits no more callbacks and waits for those inside. False if one does not leave: what it
+    /// may access must then stay valid, and the gate is not reused.
     bool close();
 
-    /// Waits for the callbacks that are in now, but no longer than a callback can take. Its thread
-    /// may have been ended from outside.
+    /// Waits for the callbacks inside, but no longer than a callback can take: its thread may have
+    /// been killed. False if one is still inside.
     bool awaitCallbacks() const;
 
-    /// Whether a callback is in.
+    /// Whether a callback is inside.
     bool isBusy() const { return callbacks != 0; }
 
-    /// A callback in progress. It is counted first and looks second, the other way round than
-    /// close() does it: one of the two sees the other.
+    /// A callback in progress. It counts itself first and checks second, and close() does the
+    /// reverse: one of the two sees the other.
     class Call
     {
     public:
         explicit Call(CallbackGate* gate) : gate(gate) { ++gate->callbacks; }
-        ~Call() { --gate->callbacks; } // the callback's last touch
+        ~Call() { --gate->callbacks; } // the callback's last access
 
         Call(const Call&) = delete;
         Call& operator=(const Call&) = delete;
@@ -81,7 +80,7 @@ private:
 
     static std::atomic<CallbackGate*> first;
 
-    std::atomic<TWinMIDI*> transport{nullptr}; ///< null: nobody is let in
+    std::atomic<TWinMIDI*> transport{nullptr}; ///< null: closed
     std::atomic<bool> taken{true};
     std::atomic<int> callbacks{0};
     CallbackGate* next = nullptr;

@@ -5,7 +5,7 @@
 
 static const std::uintptr_t kLowLimit = std::uintptr_t(1) << 32;
 
-// The unit in which VirtualAlloc hands out addresses; the lowest one is never handed out.
+// VirtualAlloc's granularity of addresses. The first unit is never allocated.
 static const std::uintptr_t kGranularity = 0x10000;
 
 static bool liesLow(const void* block, std::size_t bytes)
@@ -14,7 +14,7 @@ static bool liesLow(const void* block, std::size_t bytes)
 }
 
 // Zero-filled pages below 4 GB, from the first free region that is large enough; null if there is
-// none. For a process whose heap lies higher, as a 64-bit one's usually does.
+// none. For a process whose heap is higher, as usual in 64 bits.
 static void* allocateLowPages(std::size_t bytes)
 {
     std::uintptr_t address = kGranularity;
@@ -28,7 +28,7 @@ static void* allocateLowPages(std::size_t bytes)
                                              MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
             if (pages)
                 return pages;
-            address += kGranularity; // another thread was quicker; look again right behind
+            address += kGranularity; // another thread was faster; continue after it
         } else {
             address = (regionEnd + kGranularity - 1) / kGranularity * kGranularity;
         }
@@ -94,7 +94,7 @@ void MIDIHeaderBlock::abandon()
 MIDIHDR* MIDIHeaderBlock::find(DWORD address) const
 {
     MIDIHDR* const first = headers;
-    // Below the first header the offset wraps round and lies far beyond the last one.
+    // An address below the first header wraps to an offset far beyond the last one.
     const std::uintptr_t offset = address - reinterpret_cast<std::uintptr_t>(first);
     if (!first || !data || offset >= size * sizeof(MIDIHDR) || offset % sizeof(MIDIHDR) != 0)
         return nullptr;

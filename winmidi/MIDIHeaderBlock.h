@@ -7,10 +7,10 @@
 
 #include <mmsystem.h>
 
-/// A fixed pool of MIDIHDRs, each with a data buffer of kBufferSize bytes out of one block. The
-/// headers lie below 4 GB, so that the low 32 bits of an address, which are all that a callback
-/// keeps, identify a header. Nothing moves between allocation and release, so WinMM may hold
-/// pointers into the pool.
+/// A fixed pool of MIDIHDRs, each with a data buffer of kBufferSize bytes from one block. The
+/// headers lie below 4 GB, so that the low 32 bits of an address, all that a callback gets,
+/// identify a header. Nothing moves between allocation and release, so WinMM may hold pointers into
+/// the pool.
 class MIDIHeaderBlock
 {
 public:
@@ -23,19 +23,19 @@ public:
     MIDIHeaderBlock(const MIDIHeaderBlock&) = delete;
     MIDIHeaderBlock& operator=(const MIDIHeaderBlock&) = delete;
 
-    /// Zero-filled headers; false if there is no memory below 4 GB.
+    /// Allocates zero-filled headers; false without memory below 4 GB.
     bool allocateHeaders();
 
-    /// The zero-filled data block, for headers that are allocated; sets their lpData and
-    /// dwBufferLength. False if there is no memory.
+    /// Allocates the zero-filled data block, after the headers, and sets their lpData and
+    /// dwBufferLength. False without memory.
     bool allocateData();
 
-    // Safe to call twice, and for what was never allocated.
+    // Safe to call twice, and without an allocation.
     void freeData();
     void freeHeaders();
 
-    /// Leaves headers and data to a driver that did not give them back, for the life of the
-    /// process, and allocates others. Without memory for those the block is empty.
+    /// Leaves headers and data to a driver that did not return them, for the life of the process,
+    /// and allocates new ones. Without memory for those the block is empty.
     void abandon();
 
     // The headers, for a range-based for loop; none before they are allocated.
@@ -44,10 +44,10 @@ public:
 
     bool hasData() const { return data != nullptr; }
 
-    /// The header at `address`; null if that is none of these. Also for a callback's thread.
+    /// The header at `address`; null if it is not one of these. Safe on a callback's thread.
     MIDIHDR* find(DWORD address) const;
 
-    /// The buffer of a header of this pool, whatever its lpData says by now.
+    /// The buffer of a header of this pool, even if a driver has changed its lpData.
     unsigned char* buffer(const MIDIHDR* header) const;
 
 private:
@@ -57,8 +57,8 @@ private:
     bool headersFromHeap = false;
 };
 
-/// A header's field that the driver's thread writes or reads while another thread looks at it. The
-/// field is a plain integer to WinMM, so the atomic must be nothing else.
+/// A header's field that the driver's thread and one of ours access at the same time. To WinMM it
+/// is a plain integer, so the atomic must have the same layout.
 template <class Field>
 std::atomic<Field>& atomicField(MIDIHDR* header, std::size_t offset)
 {

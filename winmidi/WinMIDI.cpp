@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-// What can fail while the object is set up. Caught in the constructor.
+// Failures while the object is set up. Caught in the constructor.
 enum errorCode {
     noDoneEvent = 0,
     noInputHeaders = 1,
@@ -45,7 +45,7 @@ TWinMIDI::TWinMIDI(IMIDIPortAccessor* accessor) : TMIDITransport(accessor), d(nu
         if (!d->outHeaders.allocateData())
             throw noOutputData;
     } catch (errorCode) {
-        // Deliberately silent: the object lacks what was not created.
+        // Silent: the object lacks what could not be created.
     } catch (const std::bad_alloc&) {
         // Likewise. Without its private state it opens nothing.
     }
@@ -58,7 +58,7 @@ TWinMIDI::~TWinMIDI()
     TWinMIDI::closeInput();
     TWinMIDI::closeOutput();
     if (!d->gate->close()) {
-        // A callback does not leave. Whatever it may touch stays, for the life of the process.
+        // A callback does not leave. What it may access stays for the life of the process.
         dataEvent = nullptr;
         keepModuleLoaded();
         return;

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <mutex>
 
-// How long a closing port waits for buffers that its reset did not bring back, in milliseconds.
+// How long a closing port waits for buffers that its reset did not return, in milliseconds.
 static const DWORD kLateBufferLimit = 1000;
 
-// What can fail while an input is opened. Caught in openInput().
+// Failures while an input is opened. Caught in openInput().
 enum errCode { notOpened = 0, bufferNotAdded = 1, notStarted = 2 };
 
 void* TWinMIDI::openInput(int port)
@@ -52,7 +52,7 @@ int TWinMIDI::closeInput()
     stopPusherThread();
     midiInStop(handle);
     d->hMidiIn = nullptr;
-    // A device that was pulled out refuses, and then brings nothing back.
+    // A device that was pulled out refuses and returns nothing.
     if (midiInReset(handle) == MMSYSERR_NOERROR)
         d->awaitBuffers();
     for (MIDIHDR& header : d->inHeaders)
@@ -84,7 +84,7 @@ inline bool TWinMIDIPrivate::receive(const InputRecord& record)
     return true;
 }
 
-// WinMM's thread. Does as little as it can: queues what it was given and wakes the pusher thread.
+// WinMM's thread. Does as little as it can: queues its parameters and wakes the pusher thread.
 void CALLBACK TWinMIDI::MidiInProc(HMIDIIN, UINT message, DWORD_PTR instance, DWORD param1, DWORD)
 {
     CallbackGate::enter(reinterpret_cast<TWinMIDI*>(instance), [&](const CallbackGate& gate) {
@@ -120,7 +120,7 @@ bool TWinMIDIPrivate::addBuffer(HMIDIIN handle, MIDIHDR* header)
 
 void TWinMIDIPrivate::awaitBuffers() const
 {
-    const DWORD start = timeGetTime(); // a Sleep(1) may take 15 ms
+    const DWORD start = timeGetTime(); // not by counting: a Sleep(1) may take 15 ms
     while (buffersOut.any() && timeGetTime() - start < kLateBufferLimit)
         Sleep(1);
 }
@@ -142,12 +142,12 @@ int TWinMIDIPrivate::drain(const Frame& frame)
     while (takeRecord(&record)) {
         switch (record.message) {
         case MIM_CLOSE:
-            return 1; // what is behind it stays queued for the next call
+            return 1; // later records stay queued for the next call
         case MIM_DATA:
             frame(sizeof record.param, &record.param);
             break;
         case MIM_LONGDATA:
-            // The buffer is back with the device before any observer runs.
+            // The device has the buffer again before any observer runs.
             if (MIDIHDR* const header = returnedHeader(record.param))
                 frame(takeLongData(header, copy), copy);
             break;
@@ -204,9 +204,9 @@ void TWinMIDIPrivate::recycle(MIDIHDR* header)
     const HMIDIIN handle = hMidiIn;
     MMRESULT result = midiInUnprepareHeader(handle, header, sizeof *header);
     // A closing port reclaims all its buffers itself, and must not wait here for a device that
-    // never lets go of one.
+    // never returns one.
     while (result == MIDIERR_STILLPLAYING && !closingInput) {
-        Sleep(0); // required: yields, and tries again without limit
+        Sleep(0); // required: yields and retries without limit
         result = midiInUnprepareHeader(handle, header, sizeof *header);
     }
     if (result != MMSYSERR_NOERROR)

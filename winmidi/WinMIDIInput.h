@@ -7,10 +7,10 @@
 
 #include <mmsystem.h>
 
-/// Input buffers: together 3 MB of SysEx that can arrive while nobody takes it out.
+/// Input buffers, for 3 MB of SysEx that the observers have not taken yet.
 static const unsigned int kInputHeaders = 768;
 
-/// What the input callback keeps of each call. The time stamp is not kept.
+/// What the input callback keeps of each call, without the time stamp.
 struct InputRecord
 {
     DWORD message; ///< WinMM's message code, MIM_…
@@ -23,13 +23,13 @@ static_assert(sizeof(InputRecord) == 8, "a record is two items of 4 bytes");
 /// Room for 65,536 records.
 static const int kQueueBytes = 0x80000;
 
-/// A short message is queued only while this much is free, 6,160 bytes, so that the notices that
-/// hand all the input buffers back always find room: a lost notice would be a lost buffer. The two
-/// more are for messages of other kinds.
+/// A short message is queued only while this much is free, 6,160 bytes, so that the notices of all
+/// input buffers always find room: a lost notice would be a lost buffer. Two more records are for
+/// other kinds of messages.
 static const int kShortMessageRoom = int((kInputHeaders + 2) * sizeof(InputRecord));
 
-/// Counts the input buffers that the device was given and has not returned. Some drivers return the
-/// last ones only after the reset that should have brought them back.
+/// Counts the input buffers that the device has. Some drivers return the last ones only after the
+/// reset that should have returned them.
 class BuffersOut
 {
 public:
@@ -42,12 +42,12 @@ private:
     std::atomic<int> count{0};
 };
 
-/// The thread that drains, on which observers are called: the pusher thread.
+/// The thread that drains and calls the observers: the pusher thread.
 class DrainingThread
 {
 public:
-    /// The current thread drains for as long as this lives. Marks nest, for an observer may have
-    /// the transport drain.
+    /// Marks the current thread as draining while this lives. Marks nest, since an observer may
+    /// make the transport drain.
     class Mark
     {
     public:
@@ -64,7 +64,7 @@ public:
         const Qt::HANDLE before;
     };
 
-    /// Whether an observer is calling, and not one of the host's threads.
+    /// Whether the caller is an observer, not one of the host's threads.
     bool isCurrent() const { return thread == QThread::currentThreadId(); }
 
 private:

@@ -9,23 +9,23 @@
 // Bytes sent as one long message.
 static const int kChunkBytes = MIDIHeaderBlock::kBufferSize;
 
-// Between the chunks of a message the instrument gets this long to take them in, in milliseconds.
+// The pause between the chunks of a message, in which the instrument processes them, in
+// milliseconds.
 static const DWORD kPauseBetweenChunks = 100;
 
-// The longest that a chunk takes at MIDI's wire speed, 31,250 bits/s at 10 bits a byte, in
-// milliseconds, and a little.
+// A full chunk's time at MIDI's wire speed, 31,250 bits/s at 10 bits per byte, and 40 ms more, in
+// milliseconds.
 static const DWORD kChunkTime = kChunkBytes * 1000 / 3125 + 40;
 
-// Between two looks at a chunk that no signal will announce, in milliseconds.
+// How often to check a chunk that no signal may announce, in milliseconds.
 static const DWORD kDoneInterval = 10;
 
 // How long a closing port waits for chunks that its reset did not finish, in milliseconds. Drivers
 // take up to 20 ms.
 static const DWORD kCloseLimit = 500;
 
-// The device lock, for the operations that an observer may call. On the pusher thread it is given
-// up if the input is being closed: the closing thread holds the lock and waits for this very
-// thread.
+// The device lock, for operations that an observer may call. On the pusher thread it gives up if
+// the input is being closed: the closing thread holds the lock and waits for this thread.
 class OutputLocker
 {
 public:
@@ -40,7 +40,7 @@ public:
                 held = false;
                 return;
             }
-            Sleep(1); // of time-critical priority, it would leave no one else a core
+            Sleep(1); // at time-critical priority, Sleep(0) would leave no core to others
         }
     }
     ~OutputLocker()
@@ -107,9 +107,9 @@ bool TWinMIDIPrivate::resetAndClose(HMIDIOUT handle)
     const DWORD start = timeGetTime();
     const auto elapsed = [start] { return timeGetTime() - start; };
     for (;;) {
-        // A driver that refuses the reset finishes nothing either.
+        // After a refused reset the driver finishes nothing.
         const bool wasReset = midiOutReset(handle) == MMSYSERR_NOERROR;
-        // A sender may be inside a driver that plays the chunk before it returns.
+        // A sender may be inside a driver that returns only after it has played the chunk.
         while ((senders.any() && elapsed() < kChunkTime) ||
                (wasReset && anyChunkInFlight() && elapsed() < kCloseLimit)) {
             SetEvent(doneEvent);
@@ -142,8 +142,7 @@ static void pauseBetweenChunks()
     } while (elapsed < kPauseBetweenChunks);
 }
 
-// WinMM's thread, or the sender's own. Finds the event of a waiting sender through the header
-// alone.
+// WinMM's thread or the sender's. Only the header leads to the event of a waiting sender.
 void CALLBACK TWinMIDI::MidiOutProc(HMIDIOUT, UINT message, DWORD_PTR, DWORD param1, DWORD)
 {
     if (message != MOM_DONE)
@@ -157,10 +156,9 @@ void CALLBACK TWinMIDI::MidiOutProc(HMIDIOUT, UINT message, DWORD_PTR, DWORD par
     });
 }
 
-// Ends the waits of a sender that is an observer, once another thread closes the input: that thread
-// waits for the observer, holding the lock that closing the output would need. A chunk still gets
-// the time that a working device takes; when one was lost, the rest of the messages that are
-// delivered gets none.
+// Limits the waits of an observer that sends while another thread closes the input: that thread
+// waits for the observer and holds the lock that closing the output would need. A chunk still gets
+// the time that a working device takes. After the first lost chunk, later ones get none.
 class ObserverPatience
 {
 public:
@@ -203,7 +201,7 @@ MIDIHDR* TWinMIDIPrivate::takeOutputHeader(unsigned period)
                 return &header;
             }
         }
-        Sleep(0); // required: a full pool yields, it does not wait for an event
+        Sleep(0); // required: a full pool yields rather than wait for an event
     }
     return nullptr;
 }
@@ -219,8 +217,8 @@ bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned period)
         if (result == WAIT_FAILED || (flagsOf(header) & MHDR_DONE))
             return senders.admits(period);
         // A header may be taken again before the callback of its last chunk has run, which then
-        // signals for this one. If the chunk is not done by the time that it can take, the signal
-        // was its own, from a driver that marks nothing.
+        // signals for this one. If the chunk is still not done after the longest time that it can
+        // take, the signal was its own, from a driver that sets no MHDR_DONE.
         if (signalled && timeGetTime() - signalTime >= kChunkTime)
             return true;
         if (result == WAIT_OBJECT_0 && !signalled) {
@@ -252,7 +250,7 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
     const int statusBytes = status != 0 ? 1 : 0;
     if (statusBytes)
         buffer[0] = static_cast<unsigned char>(status);
-    if (length > statusBytes) // a status alone comes without data
+    if (length > statusBytes) // a status byte alone has no data
         std::memcpy(buffer + statusBytes, data, static_cast<std::size_t>(length - statusBytes));
     header->dwBufferLength = static_cast<DWORD>(length);
     flagsOf(header) = 0;
@@ -264,8 +262,8 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
         return false;
     }
     if (midiOutLongMsg(handle, header, sizeof *header) != MMSYSERR_NOERROR) {
-        // Some drivers complete what they refuse. The signal is for no other chunk, and a header
-        // that the driver has is not free.
+        // Some drivers complete what they refuse. Their signal must not count for another chunk,
+        // and a header that the driver still has is not free.
         if (midiOutUnprepareHeader(handle, header, sizeof *header) != MIDIERR_STILLPLAYING)
             flagsOf(header) = 0;
         if (wait)
@@ -278,7 +276,7 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
 
 bool TWinMIDI::outputData(int length, const void* data)
 {
-    // The signature of the long sender is older than const; it only reads.
+    // outputLongData() only reads, although its signature has no const.
     return data &&
            outputLongData(length,
                           const_cast<unsigned char*>(static_cast<const unsigned char*>(data)), 0);
@@ -286,7 +284,7 @@ bool TWinMIDI::outputData(int length, const void* data)
 
 bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int status)
 {
-    long long total = length; // wider: the status byte may come on top of the longest int
+    long long total = length; // wider: the status byte may come on top of INT_MAX
     if (status != 0)
         ++total;
     if (total < 1 || !d)
@@ -303,7 +301,7 @@ bool TWinMIDI::outputLongData(int length, unsigned char* data, unsigned int stat
         status = 0;
         pauseBetweenChunks();
         if (!d->senders.admits(period))
-            return false; // the rest is nothing that another port could understand
+            return false; // the rest would mean nothing to another port
     }
 }
 

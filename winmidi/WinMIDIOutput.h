@@ -4,16 +4,16 @@
 #include <atomic>
 #include <windows.h>
 
-/// Output buffers: that many chunks can be queued in WinMM at once.
+/// Output buffers: the number of chunks that WinMM can have at once.
 static const unsigned int kOutputHeaders = 8;
 
-/// Keeps senders and the closing of the port apart. A sender is counted while it hands a chunk over
-/// and waits for it. A closing port turns senders away and waits until they have left.
+/// Keeps senders out while the port closes. A sender is counted while it hands a chunk over and
+/// waits for it. A closing port turns senders away and waits until they have left.
 class Senders
 {
 public:
-    /// A sender. It is counted first and asks admits() second, the other way round than turnAway()
-    /// does it: one of the two sees the other.
+    /// A sender. It counts itself first and asks admits() second, and a closing port does the
+    /// reverse: one of the two sees the other.
     class Sending
     {
     public:
@@ -27,10 +27,10 @@ public:
         std::atomic<int>& count;
     };
 
-    /// The time between two closings, as a number. A message belongs to the one it began in.
+    /// Numbers the times between closings. A message belongs to the one in which it began.
     unsigned period() const { return number; }
 
-    /// Whether what began in `period` may go on: the port has not begun to close since.
+    /// Whether a message that began in `period` may go on: the port has not begun to close since.
     bool admits(unsigned period) const { return number == period && period % 2 == 0; }
 
     bool any() const { return inside > 0; }

@@ -13,8 +13,8 @@
 /// The device state of a TWinMIDI.
 struct TWinMIDIPrivate
 {
-    /// Serialises open, close and destruction. Recursive, because a failed openInput() closes what
-    /// it opened. The callbacks, the drain and the senders never take it.
+    /// Serialises open, close and destruction. Recursive, because a failed openInput() closes the
+    /// port. The callbacks, the drain and the senders never take it.
     lumora::RecursiveMutex mutex;
 
     MIDIHeaderBlock inHeaders{kInputHeaders};
@@ -34,11 +34,11 @@ struct TWinMIDIPrivate
     /// True only while the output is being closed.
     std::atomic<bool> closingOutput{false};
 
-    /// What the input callback wrote and the drain has not read yet, under the queue's own mutex,
-    /// which is never held across a WinMM call or a delivery.
+    /// Records from the input callback to the drain, under the queue's own mutex, which is never
+    /// held across a WinMM call or a delivery.
     CircularBuffer recordQueue{kQueueBytes};
 
-    /// What lets WinMM's callbacks in; from the constructor of TWinMIDI to its destructor.
+    /// Admits WinMM's callbacks, from the constructor of TWinMIDI to its destructor.
     CallbackGate* gate = nullptr;
 
     // --- Input: WinMIDIInput.cpp ----------------------------------------------------------------
@@ -52,28 +52,28 @@ struct TWinMIDIPrivate
     /// Hands an input buffer to the device; false if the device refuses it.
     bool addBuffer(HMIDIIN handle, MIDIHDR* header);
 
-    /// Once the device is reset: waits for buffers that are still on their way back, which must not
-    /// be taken for those of the next opening. Gives up on a device that never returns them.
+    /// After the reset, waits for the buffers that the device still has, so that their notices are
+    /// not taken for those of the next opening. Gives up on a device that never returns them.
     void awaitBuffers() const;
 
-    /// Queues what the input callback was given. False if the input is being closed: then nothing
-    /// must be signalled.
+    /// Queues a record of the input callback. False if the input is being closed: then the caller
+    /// must not signal.
     bool receive(const InputRecord& record);
 
-    /// Takes the notices of returned headers out of the queue that are left from before an opening,
-    /// which gives every header to WinMM anew. Everything else stays.
+    /// Removes the notices that are left from before an opening, which gives every header to WinMM
+    /// again, from the queue. Other records stay.
     void dropNotices();
 
     /// Takes records out of the queue until it is empty, gives their buffers back to the device and
-    /// hands what they brought to `frame(length, data)`. 1 if it met a MIM_CLOSE record, which ends
-    /// it, otherwise 0.
+    /// passes their data to `frame(length, data)`. Stops at a MIM_CLOSE record and returns 1,
+    /// otherwise 0.
     template <class Frame>
     int drain(const Frame& frame);
 
-    /// Takes the oldest record out; false if there is none.
+    /// Takes the oldest record out of the queue; false if there is none.
     bool takeRecord(InputRecord* record);
 
-    /// The header that a notice names; null if it names none, or one that is with the driver. Then
+    /// The header that a notice names; null if there is none, or if the driver has it. In that case
     /// the notice is an older opening's, from a driver that closed without waiting for its thread.
     MIDIHDR* returnedHeader(DWORD address) const;
 
@@ -89,7 +89,8 @@ struct TWinMIDIPrivate
 
     Senders senders;
 
-    /// True once the closing input has given up a chunk of an observer's. The pusher thread's.
+    /// True once an observer's chunk was given up while the input closes. The pusher thread uses
+    /// it; closeInput() clears it when that thread has ended.
     bool observersSendLost = false;
 
     /// An output header that is free, after waiting for one if all are busy; null if there are no
