@@ -17,10 +17,9 @@ struct TWinMIDIPrivate;
 class LUMORA_TRANSPORT_EXPORT TWinMIDI : public TMIDITransport
 {
 public:
-    /// Allocates all buffers, about 3.6 MB, for the life of the object. Reports no failure; the
-    /// object lacks what the system refuses: without input buffers an input does not open or delivers
-    /// no SysEx, without output buffers outputData() returns false, and without its private state it
-    /// opens nothing.
+    /// Allocates all buffers, about 3.6 MB, for the life of the object. Reports no failure. Without
+    /// input buffers an input does not open or delivers no SysEx, without output buffers
+    /// outputData() returns false, and without its private state the object opens nothing.
     /// Thread-safe: no, one thread at a time makes transports. Blocks: no.
     explicit TWinMIDI(IMIDIPortAccessor* accessor);
 
