@@ -9,7 +9,7 @@ endif()
 
 find_package(Threads REQUIRED)
 
-# The project's warnings are not for other people's code.
+# Without the project's warnings.
 function(lumora_add_googletest_library name folder source)
     add_library(${name} STATIC EXCLUDE_FROM_ALL "${LUMORA_GOOGLETEST_DIR}/${folder}/src/${source}")
     add_library(GTest::${name} ALIAS ${name})
@@ -29,15 +29,14 @@ target_link_libraries(gtest_main PUBLIC gtest)
 target_link_libraries(gmock PUBLIC gtest)
 target_link_libraries(gmock_main PUBLIC gmock)
 
-# gtest_add_tests(), by its path since this file bears the same name.
+# gtest_add_tests(), by path, since this file has the same name.
 include("${CMAKE_ROOT}/Modules/GoogleTest.cmake")
 
-# lumora_add_tests(TARGET SECONDS): a CTest test for each test in the target's sources. They are known
-# before anything is built, so that ./dev test -R NAME can build what they need and no more.
+# lumora_add_tests(TARGET SECONDS): adds a CTest test for each test in the target's sources. They are
+# known before anything is built, so that ./dev test -R NAME builds only what they need.
 function(lumora_add_tests target timeout)
   gtest_add_tests(TARGET ${target} TEST_LIST tests)
-  # What may take longest begins first. A test that the sources have and the program has not must not
-  # pass.
+  # The slowest start first. A test that the program lacks must not pass.
   set_tests_properties(${tests} PROPERTIES TIMEOUT ${timeout} COST ${timeout}
       FAIL_REGULAR_EXPRESSION "Running 0 tests")
 endfunction()

@@ -1,16 +1,16 @@
-# What a host's developers get: `cmake --install`, and CPack's zip of the same tree.
+# Installs what a host's developers get, by `cmake --install` or as CPack's zip of the same tree.
 #
-#   bin/                        the DLL and lumora-midi, with the DLLs that these two need
-#   lib/                        the import library, and what find_package and pkg-config read
+#   bin/                        the DLL and lumora-midi, with the DLLs that they need
+#   lib/                        the import library, and the files of find_package and pkg-config
 #   include/lumora_transport/   the headers, included as in this tree
-#   share/lumora_transport/     README and docs, an example host, the licences of what others wrote
+#   share/lumora_transport/     README and docs, an example host, third-party licences
 #
-# The tree may be moved: nothing in it holds a path outside of itself.
+# The tree can be moved: no file in it contains a path outside it.
 
 include(CMakeDependentOption)
 include(CMakePackageConfigHelpers)
 
-# With the Qt that ./dev builds. Any other is the host's own, and Qt 4 always is.
+# Only with the Qt that ./dev builds. Any other belongs to the host, and Qt 4 always does.
 cmake_dependent_option(LUMORA_INSTALL_RUNTIME
     "Install the DLLs of Qt and of the compiler, too, with their licences" ON
     "CMAKE_CROSSCOMPILING;LUMORA_QT_DIR;NOT LUMORA_QT EQUAL 4" OFF)
@@ -20,7 +20,7 @@ set(data_dir share/lumora_transport)
 
 # --- The library and its tool -------------------------------------------------------------------
 
-# What a host links besides: Qt for the types in the headers, ole32 to free a port list.
+# What a host also links: Qt for the types in the headers, ole32 to free a port list.
 set_target_properties(lumora_transport PROPERTIES EXPORT_NAME transport)
 target_compile_features(lumora_transport INTERFACE cxx_std_17)
 target_link_libraries(lumora_transport INTERFACE
@@ -33,7 +33,7 @@ install(TARGETS lumora_transport EXPORT targets
     INCLUDES DESTINATION include/lumora_transport) # for a host's CMake before 3.23
 if(TARGET lumora-midi)
   if(CMAKE_HOST_WIN32)
-    # With the DLLs that it loads, Windows' own excepted.
+    # With the DLLs that it loads, except Windows' own.
     install(TARGETS lumora-midi RUNTIME_DEPENDENCY_SET lumora_midi_dlls RUNTIME DESTINATION bin)
     install(RUNTIME_DEPENDENCY_SET lumora_midi_dlls RUNTIME DESTINATION bin
         DIRECTORIES $<TARGET_FILE_DIR:Qt${LUMORA_QT}::Core> $<TARGET_FILE_DIR:lumora_transport>
@@ -59,7 +59,7 @@ list(JOIN lumora_qt_package " " qt_package)
 list(GET lumora_qt_package 1 lumora_qt_version)
 configure_file(cmake/lumora_transport-config.cmake.in
     ${PROJECT_BINARY_DIR}/lumora_transport-config.cmake @ONLY)
-# Until version 1.0.0 the interface may change with every minor version.
+# Before version 1.0.0 the interface may change with every minor version.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
     COMPATIBILITY SameMinorVersion)
 install(FILES
@@ -67,7 +67,7 @@ install(FILES
     ${PROJECT_BINARY_DIR}/lumora_transport-config-version.cmake
     DESTINATION ${package_dir})
 
-# LumoraQt.cmake names the version, and the libraries as Qt's own files for pkg-config do, too.
+# The version and libraries of LumoraQt.cmake, named like Qt's own files for pkg-config.
 list(TRANSFORM lumora_qt_libraries REPLACE "^Qt4::" "" OUTPUT_VARIABLE qt_modules)
 list(TRANSFORM qt_modules REPLACE "::" "")
 list(TRANSFORM qt_modules APPEND " >= ${lumora_qt_version}")
@@ -75,12 +75,12 @@ list(JOIN qt_modules ", " qt_modules)
 configure_file(cmake/lumora_transport.pc.in ${PROJECT_BINARY_DIR}/lumora_transport.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/lumora_transport.pc DESTINATION lib/pkgconfig)
 
-# As they lie to each other in the sources, so that the README's links hold.
+# In the same relative places as in the sources, so that the README's links work.
 install(DIRECTORY examples/host DESTINATION ${data_dir}/examples)
 install(FILES README.md CHANGELOG.md DESTINATION ${data_dir})
 install(DIRECTORY docs DESTINATION ${data_dir} FILES_MATCHING PATTERN *.md)
 
-# --- What others wrote --------------------------------------------------------------------------
+# --- Third-party files --------------------------------------------------------------------------
 
 if(LUMORA_INSTALL_RUNTIME)
   list(GET lumora_qt_libraries 0 qt_core)
@@ -89,7 +89,7 @@ if(LUMORA_INSTALL_RUNTIME)
     execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${dll}
         OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE)
     install(FILES ${file} DESTINATION bin)
-    # The distribution's come with debug data, ten times the size of the rest.
+    # The distribution's DLLs contain debug data, ten times the size of the rest.
     install(CODE "execute_process(
         COMMAND \"${CMAKE_STRIP}\" -p \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/bin/${dll}\"
         COMMAND_ERROR_IS_FATAL ANY)")
@@ -105,7 +105,7 @@ if(LUMORA_INSTALL_RUNTIME)
   string(REGEX MATCH "^[0-9]+" gcc_version ${CMAKE_CXX_COMPILER_VERSION})
   configure_file(cmake/licenses.md.in ${PROJECT_BINARY_DIR}/licenses.md @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/licenses.md DESTINATION ${data_dir}/licenses RENAME README.md)
-  # Qt's beside its sources' terms the recipe that it was built by; that for Qt 6 calls the other.
+  # Qt's licences, with the recipe that built it; the one for Qt 6 calls the other.
   install(DIRECTORY ${LUMORA_QT_DIR}/licenses/ DESTINATION ${data_dir}/licenses/qtcore)
   install(FILES workbench/setup/qt-windows DESTINATION ${data_dir}/licenses/qtcore)
   if(LUMORA_QT EQUAL 6)

@@ -1,6 +1,6 @@
-# lumora_ship(TARGET DESCRIPTION TYPE): what makes a target (TYPE is APP or DLL) fit to leave the
-# house: it carries its version, neither the time nor a folder of this machine is in it, and its
-# debug data lies in a file of its own. What is tested is what is shipped, byte for byte.
+# lumora_ship(TARGET DESCRIPTION TYPE): prepares a target (TYPE is APP or DLL) for release: it gets a
+# version resource, contains neither the time nor a path of this machine, and has its debug data in a
+# separate file. The tests run exactly the bytes that are shipped.
 
 if(WIN32)
   enable_language(RC)
@@ -23,7 +23,7 @@ function(lumora_ship target description type)
     set(name ${target}.dll)
     set(debug_name ${name})
     if(MSVC)
-      # Debug and release have different runtimes: their DLLs stand side by side.
+      # Debug and release have different runtimes, so both DLLs are installed side by side.
       set_target_properties(${target} PROPERTIES DEBUG_POSTFIX d)
       set(debug_name ${target}d.dll)
     endif()
@@ -33,8 +33,7 @@ function(lumora_ship target description type)
   target_sources(${target} PRIVATE ${resource})
   if(MINGW)
     target_link_options(${target} PRIVATE -Wl,--no-insert-timestamp)
-    # gdb finds the debug data by the name that the stripped file holds. With -p, objcopy leaves the
-    # time stamp alone.
+    # gdb finds the debug data by the name in the stripped file. With -p, objcopy keeps the time stamp.
     set(file $<TARGET_FILE:${target}>)
     add_custom_command(TARGET ${target} POST_BUILD
         COMMAND ${CMAKE_OBJCOPY} -p --only-keep-debug ${file} ${file}.debug

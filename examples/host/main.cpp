@@ -1,5 +1,5 @@
-// A small host: lists the MIDI ports, opens an input and an output, asks the instrument behind them
-// who it is, and prints what it answers.
+// A small host: lists the MIDI ports, opens an input and an output, asks the instrument for its
+// identity, and prints the answer.
 //
 //     host            lists the ports
 //     host IN OUT     opens input number IN and output number OUT, and asks
@@ -19,8 +19,8 @@
 
 using Message = std::vector<unsigned char>;
 
-/// Takes messages on the transport's delivery thread and hands them to the host's own. The bytes
-/// are valid during the call only, and the next message waits for its end: copy and return.
+/// Passes messages from the transport's pusher thread to the host's. The bytes are valid only
+/// during the call, and delivery waits for it: copy and return.
 class Inbox final : public TMIDIReaderRefConInterface
 {
 public:
@@ -35,7 +35,7 @@ public:
         return length;
     }
 
-    /// The oldest message; empty if none comes in time.
+    /// Takes the oldest message; empty if none arrives in time.
     Message take(std::chrono::milliseconds time)
     {
         std::unique_lock<std::mutex> guard(mutex);
@@ -52,7 +52,7 @@ private:
     std::deque<Message> messages;
 };
 
-/// Neither an accessor nor a transport is deleted: its own Release() ends it.
+/// Accessors and transports are released, never deleted.
 struct Release
 {
     template <class Object>
@@ -62,8 +62,8 @@ struct Release
     }
 };
 
-// Port numbers change when devices come and go. What an editor keeps is the identifier, and the
-// number is looked up with getInpDescriptorPort() or getOutDescriptorPort() when it opens the port.
+// Port numbers change when devices come and go. An editor stores the identifier, and gets the
+// number with getInpDescriptorPort() or getOutDescriptorPort() when it opens the port.
 static void listPorts(const TMIDITransport& midi)
 {
     for (int number = 1; number <= midi.numberOfInputs(); ++number) {
@@ -103,14 +103,14 @@ static bool askWhoIsThere(TMIDITransport& midi, Inbox& inbox, int input, int out
 
 int main(int argc, char** argv)
 {
-    // Released in the opposite order: the transport, which closes its ports, then the accessor,
-    // which stores the identifiers of new ports. The observer outlives both.
+    // Destroyed in the opposite order: the transport closes its ports, then the accessor stores the
+    // identifiers of new ones. The observer outlives both.
     Inbox inbox;
     const std::unique_ptr<IMIDIPortAccessor, Release> accessor(
         MIDIPortAccessor("My Company", "My Editor"));
     TMIDITransport& midi = MIDITransportInstance(accessor.get());
     if (!midi.valid()) {
-        std::fprintf(stderr, "There is no memory for a transport.\n");
+        std::fprintf(stderr, "Not enough memory for a transport.\n");
         return 1;
     }
     const std::unique_ptr<TMIDITransport, Release> owner(&midi);
