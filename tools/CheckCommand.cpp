@@ -20,12 +20,6 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 static const int kShortestSysEx = 4;
 static const int kLatencySamples = 100;
 
-// Qt 6 counts in 64 bits.
-static int lengthOf(const QByteArray& bytes)
-{
-    return static_cast<int>(bytes.size());
-}
-
 // F0 7D, data bytes that differ between rounds and chunks, and F7.
 static QByteArray testMessage(int bytes, int round)
 {

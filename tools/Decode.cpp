@@ -9,15 +9,9 @@ static const int kPitchBendCentre = 0x2000;
 // Bytes of a SysEx message that the text shows.
 static const int kFirstBytes = 12;
 
-static int byteAt(const QByteArray& bytes, int index)
-{
-    return static_cast<unsigned char>(bytes.at(index));
-}
-
 QByteArray trimmed(const QByteArray& message)
 {
-    const int length =
-        message.isEmpty() ? 0 : messageLength(static_cast<unsigned char>(message.at(0)));
+    const int length = message.isEmpty() ? 0 : messageLength(byteAt(message, 0));
     return length > 0 ? message.left(length) : message;
 }
 
@@ -124,9 +118,8 @@ static QString sysExText(const QByteArray& message)
 // Whole ones only: a truncated message is shown as bytes.
 static bool isChannelMessage(const QByteArray& message)
 {
-    if (message.isEmpty() || byteAt(message, 0) < 0x80 || byteAt(message, 0) >= kSysExStart)
-        return false;
-    return message.size() == messageLength(static_cast<unsigned char>(message.at(0)));
+    return !message.isEmpty() && isChannelStatus(byteAt(message, 0)) &&
+           message.size() == messageLength(byteAt(message, 0));
 }
 
 static int pitchBend(const QByteArray& message)

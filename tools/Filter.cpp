@@ -20,8 +20,7 @@ static const struct
 
 static bool isChannelMessage(const QByteArray& message)
 {
-    return !message.isEmpty() && static_cast<unsigned char>(message.at(0)) >= 0x80 &&
-           static_cast<unsigned char>(message.at(0)) < kSysExStart;
+    return !message.isEmpty() && isChannelStatus(byteAt(message, 0));
 }
 
 Kind kindOf(const QByteArray& message)
@@ -30,7 +29,7 @@ Kind kindOf(const QByteArray& message)
         return Kind::SysEx;
     if (!isChannelMessage(message))
         return Kind::Other;
-    switch (static_cast<unsigned char>(message.at(0)) & 0xF0) {
+    switch (byteAt(message, 0) & 0xF0) {
     case 0x80:
     case 0x90:
         return Kind::Note;

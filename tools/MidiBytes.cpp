@@ -4,17 +4,6 @@
 #include "tools/Text.h"
 #include "transport/MIDIByteStream.h"
 
-static unsigned char byteAt(const QByteArray& bytes, int index)
-{
-    return static_cast<unsigned char>(bytes.at(index));
-}
-
-// Qt 6's sizes have 64 bits; the messages here are shorter.
-static int lengthOf(const QByteArray& bytes)
-{
-    return static_cast<int>(bytes.size());
-}
-
 [[noreturn]] static void refuse(const QString& what, int offset)
 {
     throw Failure{ExitStatus::BadData,

@@ -8,6 +8,17 @@
 #include <QStringList>
 #include <QVector>
 
+inline unsigned char byteAt(const QByteArray& bytes, int index)
+{
+    return static_cast<unsigned char>(bytes.at(index));
+}
+
+/// As an int: Qt 6's sizes have 64 bits, but no message here is that long.
+inline int lengthOf(const QByteArray& bytes)
+{
+    return static_cast<int>(bytes.size());
+}
+
 // Checks untrusted MIDI data before any of it is used. The first three throw Failure with
 // ExitStatus::BadData and the offset of the offending byte or character, from 0.
 

@@ -40,7 +40,7 @@ static steady_clock::time_point sendRequest(TMIDITransport& transport,
     for (const QByteArray& message : request) {
         if (interrupted())
             throw Failure{ExitStatus::Failed, QStringLiteral("Interrupted.")};
-        const int size = static_cast<int>(message.size());
+        const int size = lengthOf(message);
         if (!transport.outputData(size, message.constData()))
             throw Failure{ExitStatus::Failed, QStringLiteral("The output refused the request.")};
         queue.sent(size, elapsed());

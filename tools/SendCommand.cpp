@@ -4,6 +4,7 @@
 #include "tools/Failure.h"
 #include "tools/Interruption.h"
 #include "tools/MessageSource.h"
+#include "tools/MidiBytes.h"
 #include "tools/Pacing.h"
 #include "tools/ProgressBar.h"
 #include "tools/Text.h"
@@ -64,7 +65,7 @@ private:
     // Sends a whole message, even after Ctrl-C.
     bool send(const QByteArray& message)
     {
-        const int size = static_cast<int>(message.size());
+        const int size = lengthOf(message);
         for (int done = 0; done < size;) {
             const int bytes = std::min(size - done, pacer.pieceBytes());
             if (done > 0)
@@ -191,7 +192,7 @@ void sendCommand(const QStringList& arguments)
                                                   : messagesOf(line.arguments().mid(1), line);
     QVector<int> sizes;
     for (const QByteArray& message : messages)
-        sizes.append(static_cast<int>(message.size()));
+        sizes.append(lengthOf(message));
 
     Session session(line.store());
     const Port port = session.openOutput(line.arguments().first());
