@@ -1,4 +1,4 @@
-// The contract tests' ports on Wine's WinMM with the virtual cable below it.
+// The contract tests' ports on Wine's WinMM with the virtual cable.
 
 #include "ContractPorts.h"
 
@@ -8,8 +8,8 @@ const bool refusedCloseFreesHandle = true;
 
 void connectOnePair()
 {
-    // The cable reads its description at the first call of WinMM and leaves nothing open between
-    // tests, so once is enough; a group of its own keeps processes that run beside this one out.
+    // Once is enough: the cable reads its description at the first call of WinMM and leaves nothing
+    // open between tests. Its own group keeps out other processes.
     static const bool done = [] {
         wchar_t driver[32];
         const bool isWindows11 = GetEnvironmentVariableW(L"LUMORA_CONTRACT_DRIVER", driver, 32) > 0;

@@ -1,4 +1,4 @@
-// What the contract tests ask of the environment that they run in.
+// What the contract tests need from their environment.
 #pragma once
 
 #include <windows.h>
@@ -7,13 +7,13 @@
 
 namespace contract {
 
-// Called before each test: afterwards input device 0 hears what output device 0 sends, neither is
-// open, and there is no other device. Their driver is of the Windows 11 kind if the environment has
+// Called before each test. Afterwards output device 0 feeds input device 0, both are closed, and
+// there is no other device. Their driver is of the Windows 11 kind if the environment has
 // LUMORA_CONTRACT_DRIVER; that kind breaks a few rules, whose tests must be left out.
 void connectOnePair();
 
-// True if a close that the driver refuses takes the handle away all the same, as Wine does. The
-// port can then only be opened anew; its buffers are never touched again.
+// True if a refused close still frees the handle, as on Wine. The port can then only be opened
+// again; its buffers are never accessed again.
 extern const bool refusedCloseFreesHandle;
 
 } // namespace contract

@@ -1,5 +1,5 @@
-// The binary contract of lumora_transport.dll: what editors that were compiled against an earlier
-// version, and are not compiled again, rely on. Each failure says what breaks for whom.
+// The binary contract of lumora_transport.dll, on which editors compiled against an earlier version
+// rely. Each failure says what breaks for whom.
 
 #include "ports/MIDIPortAccessor.h"
 #include "tests/contract/FrozenInterfaces.h"
@@ -392,7 +392,7 @@ TEST_F(InterfaceTest, TheFileCarriesTheVersionOfTheProject)
 
 int main(int argc, char** argv)
 {
-    // Read by the driver when the process first calls WinMM.
+    // The driver reads it when the process first calls WinMM.
     SetEnvironmentVariableW(L"LUMORA_CABLE", L"in \"One\"\nout \"One\"\nout \"Two\"\n");
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

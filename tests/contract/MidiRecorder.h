@@ -1,4 +1,4 @@
-// Clients of WinMM for tests: they record what their callbacks are told.
+// Clients of WinMM for tests, which record the parameters of their callbacks.
 #pragma once
 
 #include <windows.h>
@@ -25,9 +25,9 @@ struct Notice
     UINT message;
     DWORD parameter1;
     DWORD parameter2;
-    MIDIHDR* header = nullptr; // that came back
-    Bytes bytes;               // that the header held, of an input
-    DWORD flags = 0;           // of the header
+    MIDIHDR* header = nullptr; // the returned one
+    Bytes bytes;               // of an input: the header's data
+    DWORD flags = 0;           // the header's
     std::thread::id thread;
 };
 
@@ -39,7 +39,7 @@ public:
     // What to do in the callback besides recording; set before the port is opened.
     std::function<void(const Notice&)> also;
 
-    // Tells of a header that may come back: callbacks bring the low half of its address.
+    // Registers a header that may come back: callbacks pass the low half of its address.
     void expect(MIDIHDR* header)
     {
         const std::lock_guard<std::mutex> guard(lock_);
@@ -66,7 +66,7 @@ public:
         return all_;
     }
 
-    // Waits until so many have come, or for as long as a test has patience; returns what has come.
+    // Waits for that many, or until a time limit; returns those that have come.
     std::vector<Notice> waitFor(UINT message, std::size_t count)
     {
         waitUntil([&] { return this->count(message) >= count; });
@@ -81,7 +81,7 @@ public:
         return words;
     }
 
-    // The bytes of all MIM_LONGDATA in order, once there are so many.
+    // The bytes of all MIM_LONGDATA in order, once there are that many.
     Bytes waitForLong(std::size_t length)
     {
         waitUntil([&] { return longLength_ >= length; });
@@ -167,7 +167,7 @@ public:
     }
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
-    // The header has to stay where it is while a driver has it.
+    // A header must not move while a driver has it.
     Buffer(Buffer&&) = delete;
     Buffer& operator=(Buffer&&) = delete;
 
@@ -180,7 +180,7 @@ private:
     MIDIHDR header_ = {};
 };
 
-// An input that a test has open. Closes it in the end; the buffers given to it live as long.
+// An input that a test has open. The destructor closes it and frees its buffers.
 class Input
 {
 public:
@@ -250,7 +250,7 @@ private:
     std::vector<std::unique_ptr<Buffer>> buffers_;
 };
 
-// Likewise an output.
+// The same for an output.
 class Output
 {
 public:
@@ -279,7 +279,7 @@ public:
     MMRESULT sendShort(DWORD word) { return midiOutShortMsg(handle, word); }
     MMRESULT reset() { return midiOutReset(handle); }
 
-    // Queues a long message and does not wait for it; null if it was not taken.
+    // Queues a long message without waiting for it; null if it was refused.
     Buffer* beginLong(const Bytes& bytes)
     {
         buffers_.push_back(std::make_unique<Buffer>(bytes));
@@ -316,7 +316,7 @@ private:
     std::vector<std::unique_ptr<Buffer>> buffers_;
 };
 
-// A SysEx message of `length` bytes in all, no two stretches of it alike.
+// A SysEx message of `length` bytes without repetitions.
 inline Bytes sysEx(std::size_t length)
 {
     Bytes bytes(length);
@@ -327,7 +327,7 @@ inline Bytes sysEx(std::size_t length)
     return bytes;
 }
 
-// Long enough for what must not happen to happen.
+// Long enough for a fault to show.
 inline void waitAWhile()
 {
     Sleep(60);

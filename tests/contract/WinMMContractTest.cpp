@@ -1,5 +1,5 @@
 // The contract between WinMM and its client, as far as the library relies on it: handles, headers
-// and callbacks. Knows nothing of what stands below WinMM.
+// and callbacks. Independent of the driver under WinMM.
 
 #include "ContractPorts.h"
 #include "MidiRecorder.h"
@@ -495,7 +495,7 @@ TEST_F(WinMMInput, ABufferMayBeQueuedAgainFromTheCallback)
     });
     handle = input.handle;
     Output output;
-    // While the callback gives one buffer back the other takes the next message.
+    // While the callback returns one buffer, the other takes the next message.
     input.giveBuffers(2, 64);
     input.start();
     Bytes expected;

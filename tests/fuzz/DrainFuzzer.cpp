@@ -1,4 +1,4 @@
-// Whatever a driver may put into the record queue and into the headers that it hands back.
+// Anything that a driver may put into the record queue and into the headers that it returns.
 
 #include "tests/fuzz/Fuzz.h"
 
@@ -116,7 +116,7 @@ private:
             reinterpret_cast<std::uintptr_t>(device.inHeaders.begin() + header));
     }
 
-    /// Spoils the header that came back last: the device does not touch it before the drain.
+    /// Corrupts the header that came back last: the device does not access it before the drain.
     void scribble()
     {
         if (!returned)
@@ -129,8 +129,8 @@ private:
         allBack = false;
     }
 
-    /// The drain waits for a header that the device has still: the device hands one back, and if
-    /// that is not the one, the port begins to close.
+    /// The drain waits for a header that the device still has: the device returns one, and if it is
+    /// a different one, the port begins to close.
     void yielded()
     {
         if (++yields < 4)

@@ -1,4 +1,4 @@
-// What users hand to lumora-midi: .mid and .syx files, and messages in words.
+// Users' input to lumora-midi: .mid and .syx files, and messages in words.
 
 #include "tests/fuzz/Fuzz.h"
 #include "tools/Failure.h"
@@ -11,7 +11,7 @@
 
 using Messages = QVector<QByteArray>;
 
-// Empty if the data is refused, which must be done in one way.
+// Empty if the data is refused, for which there is only one way.
 static std::optional<Messages> taken(const std::function<Messages()>& read)
 {
     try {
@@ -55,7 +55,7 @@ static void readSyx(const QByteArray& file)
         FUZZ_CHECK(bytesIn(*lenient) + padding == file.size());
 }
 
-// Whatever the words make is what their bytes are taken for.
+// The messages of words are parsed again from their bytes.
 static void readWords(const QByteArray& text)
 {
     const std::optional<Messages> messages =

@@ -1,4 +1,4 @@
-// Sequences of chunks, whole, cut and senseless, against a model of the framing.
+// Sequences of chunks, whole, cut and meaningless, against a model of the framing.
 
 #include "tests/fuzz/Fuzz.h"
 
@@ -17,7 +17,7 @@ bool operator==(const Message& a, const Message& b)
     return a.bytes == b.bytes && a.strictStart == b.strictStart;
 }
 
-/// The rules once more: what one chunk makes an observer receive.
+/// The model: what one chunk makes an observer receive.
 class Model
 {
 public:
@@ -113,7 +113,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         expected.resize(3);
     FUZZ_CHECK(first.received == expected);
     if (terminated)
-        expected.pop_back(); // the second observer's turn did not come
+        expected.pop_back(); // the second observer was not called
     FUZZ_CHECK(second.received == expected);
     transport.Release();
     return 0;

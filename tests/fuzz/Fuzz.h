@@ -1,4 +1,4 @@
-// What the harnesses share: one LLVMFuzzerTestOneInput each, for libFuzzer or for ReplayMain.cpp.
+// Shared by the harnesses, each with one LLVMFuzzerTestOneInput for libFuzzer or ReplayMain.cpp.
 #ifndef LUMORA_TESTS_FUZZ_FUZZ_H
 #define LUMORA_TESTS_FUZZ_FUZZ_H
 
@@ -12,7 +12,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-/// Ends the process, which is what makes an input a finding.
+/// Ends the process, which makes an input a finding.
 #define FUZZ_CHECK(condition)                                                                      \
     do {                                                                                           \
         if (!(condition)) {                                                                        \
@@ -21,13 +21,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }                                                                                          \
     } while (false)
 
-/// The text of these UTF-16 units, without Qt's own look at a byte order mark.
+/// The text of these UTF-16 units, without Qt's handling of a byte order mark.
 inline QString fromUnits(const std::u16string& units)
 {
     return QString(reinterpret_cast<const QChar*>(units.data()), static_cast<int>(units.size()));
 }
 
-/// The bytes of one input, taken out as what a harness needs. Zeros follow the end.
+/// Takes the values that a harness needs from the bytes of one input. Zeros follow the end.
 class FuzzInput
 {
 public:
@@ -41,7 +41,7 @@ public:
     unsigned word() { return byte() | unsigned(byte()) << 8; }
     DWORD dword() { return word() | DWORD(word()) << 16; }
 
-    /// `count` bytes, of which those behind the end of the input are zero.
+    /// `count` bytes; those after the end of the input are zero.
     Bytes bytes(std::size_t count)
     {
         Bytes result(count);
@@ -77,7 +77,7 @@ private:
     const std::uint8_t* const end;
 };
 
-/// A fresh simulation for one input, which must leave nothing in use.
+/// A fresh simulation for one input, which must leak nothing.
 class FuzzRun
 {
 public:

@@ -101,7 +101,7 @@ void checkList(MapAccessor& accessor, bool output, unsigned failing)
         else
             FUZZ_CHECK(entry.portName && entry.portName == std::u16string(entries[i].name.c_str()));
     }
-    // With the placeholders that were replaced, which nobody can free but who counts allocations.
+    // Including the replaced placeholders, which only this count of allocations can free.
     unsigned allocated = 0;
     for (const sim::Call& call : sim::calls("CoTaskMemAlloc")) {
         ++allocated;
@@ -118,7 +118,7 @@ void checkLookups(const TMIDITransport& transport, const MapAccessor& accessor, 
         const auto port = accessor.maps[output].constFind(id);
         if (port == accessor.maps[output].constEnd())
             continue;
-        label = &port.value(); // an output goes before an input
+        label = &port.value(); // an output comes before an input
         const std::vector<std::u16string> pieces = piecesOf(label->toStdU16String(), u";");
         numbers[output] = pieces.empty() ? 0 : numberOf(pieces[0]);
     }

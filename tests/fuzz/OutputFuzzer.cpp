@@ -1,4 +1,4 @@
-// Sends of any length, status and luck: what the device gets is what the caller gave, in chunks.
+// Sends of any length and status byte, with failures: the device gets the caller's data, in chunks.
 
 #include "tests/fuzz/Fuzz.h"
 
@@ -37,10 +37,10 @@ public:
         Bytes bytes = fuzz.bytes(fuzz.flag() ? fuzz.byte() : fuzz.word() % 20'000);
         const unsigned kind = fuzz.below(6);
         const unsigned status = kind == 0 || fuzz.below(4) == 0 ? 0 : fuzz.byte();
-        // A device that finishes late can only be waited for by whoever sends one chunk.
+        // Only a sender of one chunk can wait for a device that finishes late.
         const bool late = bytes.size() < kChunk && fuzz.flag();
         sim::setCompletion(device, late ? sim::Completion::Manual : sim::Completion::Inline);
-        // It finishes its sends in order, and whoever waits must not wait for an earlier one.
+        // It finishes its sends in order, and a sender must not wait for an earlier one.
         while (!late && sim::completeOutput(device)) {
         }
 

@@ -1,5 +1,4 @@
-// Any stored table and any device names: the rules by which a run takes identifiers from the table
-// and leaves the table behind.
+// Any stored table and any device names: the rules by which a run reads and extends the table.
 
 #include "tests/fuzz/Fuzz.h"
 
@@ -167,7 +166,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         for (const bool output : {false, true}) {
             const Table& table = tables[output];
             checkMap(accessor->plugs(output), table, devices[output]);
-            // Lists of different lengths are appended to as they are, and stay so.
+            // Lists of different lengths are extended as they are.
             if (round == 1 && table.names.size() == table.ids.size())
                 FUZZ_CHECK(accessor->plugs(output) == maps[output]);
             maps[output] = accessor->plugs(output);

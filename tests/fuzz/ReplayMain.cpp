@@ -16,7 +16,7 @@ static void replay(const fs::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
     const std::vector<char> bytes{std::istreambuf_iterator<char>(stream), {}};
-    // Named first, so that a crash shows the input.
+    // Printed first, so that a crash shows the input.
     std::printf("%s, %zu bytes\n", file.filename().c_str(), bytes.size());
     std::fflush(stdout);
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());

@@ -1,5 +1,4 @@
-# Writes the blocks of a page in LANGUAGE, one after the other, to a file, so that they are compiled
-# as they are printed.
+# Writes the blocks of a page in LANGUAGE to one file, so that they are compiled as they are printed.
 set(fence "```${LANGUAGE}\n")
 string(LENGTH "${fence}" fence_length)
 file(READ "${PAGE}" text)
