@@ -28,7 +28,7 @@ struct TMIDIObserverBlock
                  const std::atomic<bool>& terminated)
     {
         for (uint i = 0; i < observers.count() && !terminated; ++i) {
-            if (TMIDIReaderRefConInterface* observer = observers.at(i))
+            if (TMIDIReaderRefConInterface* observer = observers.at(i)) // hosts may register null
                 observer->read(length, data, strictStart, false);
         }
     }

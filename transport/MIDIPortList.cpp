@@ -64,7 +64,7 @@ void TMIDITransport::MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* l
     try {
         const QStringList texts = sortedPortTexts(accessor->plugs(output));
         for (const QString& text : texts) {
-            if (ports->entries && filled < ports->count)
+            if (ports->entries && filled < ports->count) // a host's accessor may count fewer
                 fillEntry(&ports->entries[filled++], text);
         }
     } catch (const std::bad_alloc&) {

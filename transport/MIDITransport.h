@@ -121,8 +121,8 @@ public:
 
     /// Fills the TMIDIPortList at `list` with the ports of one direction of `accessor` (false:
     /// inputs, true: outputs), in plain memory that the caller frees, sorted by the labels as text:
-    /// port 10 before port 2. Changes nothing if `entries` is not null or `accessor` is. Without
-    /// memory `entries` stays null, and `count` is still the number of ports.
+    /// port 10 before port 2. Changes nothing if `entries` is not null or `accessor` is null.
+    /// Without memory `entries` stays null, and `count` is still the number of ports.
     /// Thread-safe: yes. Blocks: no.
     static void MIDIPorts(IMIDIPortAccessor* accessor, bool output, void* list);
 
@@ -155,13 +155,13 @@ public:
     /// Thread-safe: yes. Blocks: no.
     virtual int numberOfOutputs() const = 0;
 
-    /// The identifier of input number `index`, from 1; the null QUuid if there is no such input.
+    /// The identifier of input number `port`; the null QUuid if there is no such input.
     /// Thread-safe: yes. Blocks: no.
-    virtual QUuid getInpPortDescriptor(int index) const = 0;
+    virtual QUuid getInpPortDescriptor(int port) const = 0;
 
-    /// The identifier of output number `index`, from 1; the null QUuid if there is no such output.
+    /// The identifier of output number `port`; the null QUuid if there is no such output.
     /// Thread-safe: yes. Blocks: no.
-    virtual QUuid getOutPortDescriptor(int index) const = 0;
+    virtual QUuid getOutPortDescriptor(int port) const = 0;
 
     /// Opens input number `port` and starts delivery. Returns the device handle, which stays the
     /// transport's; null on failure or from an observer. A number below 1 changes nothing and

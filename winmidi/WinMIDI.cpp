@@ -63,6 +63,7 @@ TWinMIDI::~TWinMIDI()
         keepModuleLoaded();
         return;
     }
+    // The order of release is part of the contract.
     d->inHeaders.freeData();
     d->outHeaders.freeData();
     d->outHeaders.freeHeaders();

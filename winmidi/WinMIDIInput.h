@@ -24,8 +24,8 @@ static_assert(sizeof(InputRecord) == 8, "a record is two items of 4 bytes");
 static const int kQueueBytes = 0x80000;
 
 /// A short message is queued only while this much is free, 6,160 bytes, so that the notices of all
-/// input buffers always find room: a lost notice would be a lost buffer. Two more records are for
-/// other kinds of messages.
+/// input buffers find room: a lost notice would be a lost buffer. Two more records are for other
+/// kinds of messages, such as errors. Only a flood of those can use up the reserve.
 static const int kShortMessageRoom = int((kInputHeaders + 2) * sizeof(InputRecord));
 
 /// Counts the input buffers that the device has. Some drivers return the last ones only after the
