@@ -60,7 +60,7 @@ static void runProgram(const QStringList& arguments)
     if (!line.parse(arguments))
         return;
     if (line.isSet("version")) {
-        print(QStringLiteral("lumora-midi " LUMORA_VERSION "\n"));
+        print(QStringLiteral("lumora-midi %1\n").arg(QLatin1String(LUMORA_VERSION)));
         return;
     }
     if (line.arguments().isEmpty())

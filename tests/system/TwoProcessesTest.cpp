@@ -89,7 +89,9 @@ protected:
     // For the rest of the program; without onRegistryCall they change nothing.
     static void SetUpTestSuite()
     {
-        const HMODULE qt = GetModuleHandleW(L"Qt5Core.dll");
+        const HMODULE qt =
+            GetModuleHandleW(QT_VERSION_MAJOR >= 6 ? L"Qt6Core.dll" : L"Qt5Core.dll");
+        ASSERT_TRUE(qt);
         ASSERT_TRUE(replaceImport(qt, reinterpret_cast<const void*>(&RegQueryValueExW),
                                   reinterpret_cast<const void*>(&query)));
         ASSERT_TRUE(replaceImport(qt, reinterpret_cast<const void*>(&RegSetValueExW),
