@@ -131,7 +131,7 @@ TEST_F(DeliveryTest, ASysExThatFindsNoMemoryToGrowIsLostAndTheNextOneIsWhole)
     GTEST_SKIP() << "memory does not run out under ThreadSanitizer";
 #endif
 #if QT_VERSION >= 0x060000
-    GTEST_SKIP() << "Qt 6 does not come to realloc here";
+    GTEST_SKIP() << "Qt 6 grows an array by malloc, which is the sanitizer's";
 #endif
     Bytes piece(4096, 0x11);
     piece.front() = 0xF0;
@@ -139,8 +139,10 @@ TEST_F(DeliveryTest, ASysExThatFindsNoMemoryToGrowIsLostAndTheNextOneIsWhole)
     piece.front() = 0x11;
     {
         const OutOfMemory outOfMemory;
-        EXPECT_EQ(Access::frame(*transport, 4096, piece.data()), 4096);
+        for (int i = 0; i < 3; ++i) // more than the room that a growing array keeps in reserve
+            EXPECT_EQ(Access::frame(*transport, 4096, piece.data()), 4096);
     }
+    EXPECT_TRUE(OutOfMemory::met());
     Access::frame(*transport, {0x12, 0xF7}); // the rest of a message with a hole
     EXPECT_EQ(recorder.count(), 0u);
     Access::frame(*transport, {0xF0, 0x03});

@@ -95,7 +95,7 @@ extern "C" void* realloc(void* block, std::size_t size)
 {
     using Realloc = void*(void*, std::size_t);
     static auto* const original = reinterpret_cast<Realloc*>(dlsym(RTLD_NEXT, "realloc"));
-    return shortage == Shortage::always ? nullptr : original(block, size);
+    return shortage == Shortage::always && failsNow() ? nullptr : original(block, size);
 }
 
 #endif
