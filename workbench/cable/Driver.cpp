@@ -30,25 +30,17 @@ const char* direction(const PortDescription& description)
 
 // ---- Capabilities -------------------------------------------------------------------------------
 
-template <class Caps>
-Caps commonCaps(const PortDescription& description, WORD product)
+MIDIINCAPSW capsOf(const InputPlace&)
 {
-    Caps caps = {};
-    caps.wMid = kManufacturer;
-    caps.wPid = product;
-    caps.vDriverVersion = kDriverVersion;
-    std::copy(description.name.begin(), description.name.end(), caps.szPname);
+    MIDIINCAPSW caps = {};
+    caps.wPid = 1;
     return caps;
 }
 
-MIDIINCAPSW capsOf(const InputPlace& place)
+MIDIOUTCAPSW capsOf(const OutputPlace&)
 {
-    return commonCaps<MIDIINCAPSW>(place.description, 1);
-}
-
-MIDIOUTCAPSW capsOf(const OutputPlace& place)
-{
-    auto caps = commonCaps<MIDIOUTCAPSW>(place.description, 2);
+    MIDIOUTCAPSW caps = {};
+    caps.wPid = 2;
     caps.wTechnology = MOD_MIDIPORT;
     caps.wChannelMask = 0xFFFF;
     return caps;
@@ -63,7 +55,10 @@ DWORD copyCaps(const Place<OpenPort>& place, DWORD_PTR target, DWORD_PTR size)
         return MMSYSERR_NODRIVER;
     if (place.description.capsResult != MMSYSERR_NOERROR)
         return place.description.capsResult;
-    const auto caps = capsOf(place);
+    auto caps = capsOf(place);
+    caps.wMid = kManufacturer;
+    caps.vDriverVersion = kDriverVersion;
+    std::copy(place.description.name.begin(), place.description.name.end(), caps.szPname);
     std::memcpy(reinterpret_cast<void*>(target), &caps, std::min<std::size_t>(size, sizeof caps));
     return MMSYSERR_NOERROR;
 }
@@ -282,7 +277,7 @@ DWORD ownMessage(OutputPlace& place, OutputPort& port, UINT message, DWORD_PTR p
 template <class OpenPort>
 DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const Codes& codes,
              UINT device, UINT message, DWORD_PTR user, DWORD_PTR parameter1, DWORD_PTR parameter2)
-{
+try {
     if (message == DRVM_INIT || message == DRVM_EXIT || message == DRVM_ENABLE ||
         message == DRVM_DISABLE)
         return MMSYSERR_NOERROR;
@@ -321,11 +316,16 @@ DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const 
         return port->reset();
     }
     return ownMessage(place, *port, message, parameter1, parameter2);
+} catch (const std::bad_alloc&) {
+    return MMSYSERR_NOMEM;
 }
 
 template <class OpenPort>
-void controlPlace(Place<OpenPort>& place, int command)
+BOOL control(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, int command, UINT device)
 {
+    if (device >= places.size())
+        return FALSE;
+    Place<OpenPort>& place = *places[device];
     if (command == LUMORA_CABLE_UNPLUG || command == LUMORA_CABLE_PLUG_IN)
         place.present.store(command == LUMORA_CABLE_PLUG_IN);
     for (const auto& port : place.current()) {
@@ -339,14 +339,6 @@ void controlPlace(Place<OpenPort>& place, int command)
                 port->stall(command == LUMORA_CABLE_STALL);
         }
     }
-}
-
-template <class OpenPort>
-BOOL control(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, int command, UINT device)
-{
-    if (device >= places.size())
-        return FALSE;
-    controlPlace(*places[device], command);
     return TRUE;
 }
 
@@ -359,23 +351,15 @@ extern "C" {
 __declspec(dllexport) DWORD CALLBACK midMessage(UINT device, UINT message, DWORD_PTR user,
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
-    try {
-        return cable::answer(cable::PortTable::instance().inputs, cable::kInputCodes, device,
-                             message, user, parameter1, parameter2);
-    } catch (const std::bad_alloc&) {
-        return MMSYSERR_NOMEM;
-    }
+    return cable::answer(cable::PortTable::instance().inputs, cable::kInputCodes, device, message,
+                         user, parameter1, parameter2);
 }
 
 __declspec(dllexport) DWORD CALLBACK modMessage(UINT device, UINT message, DWORD_PTR user,
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
-    try {
-        return cable::answer(cable::PortTable::instance().outputs, cable::kOutputCodes, device,
-                             message, user, parameter1, parameter2);
-    } catch (const std::bad_alloc&) {
-        return MMSYSERR_NOMEM;
-    }
+    return cable::answer(cable::PortTable::instance().outputs, cable::kOutputCodes, device, message,
+                         user, parameter1, parameter2);
 }
 
 __declspec(dllexport) LRESULT CALLBACK

@@ -4,9 +4,7 @@
 #pragma once
 
 #include "transport/MIDIByteStream.h"
-
-#include <string>
-#include <windows.h>
+#include "workbench/cable/System.h"
 
 namespace cable {
 
@@ -27,12 +25,10 @@ struct PieceHeader
 // within the group that LUMORA_CABLE_GROUP names.
 inline std::wstring pipeName(unsigned inputPosition)
 {
-    wchar_t group[64];
-    const DWORD length = GetEnvironmentVariableW(L"LUMORA_CABLE_GROUP", group, 64);
-    std::wstring name = L"\\\\.\\pipe\\lumora-cable-";
-    if (length > 0 && length < 64)
-        name.append(group, length) += L'-';
-    return name + L"in-" + std::to_wstring(inputPosition);
+    std::wstring group = environment(L"LUMORA_CABLE_GROUP").value_or(L"").substr(0, 63);
+    if (!group.empty())
+        group += L'-';
+    return L"\\\\.\\pipe\\lumora-cable-" + group + L"in-" + std::to_wstring(inputPosition);
 }
 
 } // namespace cable
