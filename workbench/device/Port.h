@@ -153,7 +153,8 @@ protected:
 
 private:
     void run();
-    void callFirst(Lock& held);
+    void announce(UINT message);
+    void callBack(Lock& held, Notice notice);
     void callAll(Lock& held, Notices& source);
     void giveBack(Notice& notice);
     DWORD headersInNotices() const;
