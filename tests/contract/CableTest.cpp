@@ -217,6 +217,12 @@ Bytes dumpBytes(std::size_t length, std::size_t number)
     return bytes;
 }
 
+Bytes operator+(Bytes first, const Bytes& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 std::size_t threadsOfThisProcess()
 {
     const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
@@ -508,10 +514,7 @@ TEST(CableGenerator, SendsNumberedMessagesAndLosesNone)
     EXPECT_TRUE(input.recorder.notices(MIM_DATA).empty());
     input.start();
     EXPECT_EQ(floodWords(0, 40000), input.recorder.waitForShort(40000));
-    Bytes expected = dumpBytes(10000, 0);
-    const Bytes second = dumpBytes(10000, 1);
-    expected.insert(expected.end(), second.begin(), second.end());
-    EXPECT_TRUE(expected == input.recorder.waitForLong(20000));
+    EXPECT_TRUE(dumpBytes(10000, 0) + dumpBytes(10000, 1) == input.recorder.waitForLong(20000));
     EXPECT_EQ((std::vector<std::size_t>{4096, 4096, 1808, 4096, 4096, 1808}),
               lengths(input.recorder.notices(MIM_LONGDATA)));
     EXPECT_EQ(40000u, counters(input).deliveredShort);
@@ -776,13 +779,10 @@ TEST(CableAcrossProcesses, BulkDataIsThereBeforeItIsDone)
     input.start();
     Child sender(L"sender");
     sender.finish();
-    const Bytes all = input.recorder.waitForLong(length * messages);
-    ASSERT_EQ(length * messages, all.size());
-    const Bytes expected = sysEx(length);
-    for (std::size_t i = 0; i < messages; ++i)
-        EXPECT_TRUE(std::equal(expected.begin(), expected.end(),
-                               all.begin() + static_cast<std::ptrdiff_t>(i * length)))
-            << "message " << i;
+    Bytes expected;
+    for (int i = 0; i < messages; ++i)
+        expected = expected + sysEx(length);
+    EXPECT_TRUE(expected == input.recorder.waitForLong(length * messages));
     EXPECT_EQ(0u, counters(input).droppedBytes);
 }
 
@@ -894,15 +894,10 @@ TEST(CableAcrossProcesses, AnInputOpenInTheSameProcessIsPreferred)
 TEST(CableAcrossProcesses, SeveralSendersReachOneInput)
 {
     constexpr DWORD count = 200;
-    const auto words = [](DWORD status) {
-        std::vector<DWORD> result;
-        for (DWORD i = 0; i < count; ++i)
-            result.push_back(status | (i & 0x7F) << 8 | (i >> 7) << 16);
-        return result;
-    };
+    constexpr DWORD otherStatus = 1 << 14; // words from there on begin with 91
     if (kRole == L"first" || kRole == L"second") {
         Output output;
-        for (const DWORD word : words(kRole == L"first" ? 0x90 : 0x91)) {
+        for (const DWORD word : floodWords(kRole == L"first" ? 0 : otherStatus, count)) {
             ASSERT_EQ(MMSYSERR_NOERROR, output.sendShort(word));
             ASSERT_TRUE(output.sendLong({0xFE}));
         }
@@ -919,11 +914,11 @@ TEST(CableAcrossProcesses, SeveralSendersReachOneInput)
     second.finish();
     const std::vector<DWORD> all = input.recorder.waitForShort(4 * count);
     EXPECT_EQ(4u * count, all.size());
-    for (const DWORD status : {0x90u, 0x91u}) {
+    for (const DWORD number : {DWORD(0), otherStatus}) {
         std::vector<DWORD> heard;
         std::copy_if(all.begin(), all.end(), std::back_inserter(heard),
-                     [status](DWORD word) { return (word & 0xFF) == status; });
-        EXPECT_EQ(words(status), heard);
+                     [&](DWORD word) { return (word & 0xFF) == (floodWord(number) & 0xFF); });
+        EXPECT_EQ(floodWords(number, count), heard);
     }
 }
 

@@ -96,7 +96,7 @@ TEST_P(Ports, TheMessagesOfTwoOutputsAreNotMixedIntoOne)
     first.send({0x05, 0xF7});
     EXPECT_EQ((Bytes{0xF0, 0x01, 0x02, 0xF7, 0xF0, 0x04, 0xF7}), input.recorder.waitForLong(7));
     EXPECT_EQ((Bytes{0xF0, 0x03}), input.recorder.waitFor(MIM_LONGERROR, 1)[0].bytes);
-    EXPECT_EQ(2u, input.port->counters().droppedBytes);
+    EXPECT_EQ(2u, input.port->counters().dropped.bytes);
 }
 
 TEST_P(Ports, SplitHandsBuffersBackEarly)
@@ -120,8 +120,8 @@ TEST_P(Ports, LostLongDataIsCounted)
     input.startWith(2, 16);
     output.send(sysEx(100));
     input.recorder.waitForLong(32);
-    EXPECT_EQ(68u, input.port->counters().droppedBytes);
-    EXPECT_EQ(32u, input.port->counters().deliveredBytes);
+    EXPECT_EQ(68u, input.port->counters().dropped.bytes);
+    EXPECT_EQ(32u, input.port->counters().delivered.bytes);
     EXPECT_EQ(0u, input.port->counters().queuedBuffers);
 }
 
@@ -138,7 +138,7 @@ TEST_P(Ports, HoldLetsBytesWaitForABuffer)
     input.giveBuffers(4, 64);
     EXPECT_EQ(sysEx(200), input.recorder.waitForLong(200));
     EXPECT_EQ(1u, output.recorder.waitFor(MOM_DONE, 1).size());
-    EXPECT_EQ(0u, input.port->counters().droppedBytes);
+    EXPECT_EQ(0u, input.port->counters().dropped.bytes);
 }
 
 TEST(HeldBytes, DoNotHoldUpAResetOfTheOutput)
@@ -456,7 +456,7 @@ TEST_F(Generators, AFloodKeepsItsRateAndEnds)
     advance(1000);
     EXPECT_EQ(flood(200), input.recorder.waitForShort(200));
     waitAWhile();
-    EXPECT_EQ(200u, input.port->counters().deliveredShort);
+    EXPECT_EQ(200u, input.port->counters().delivered.shortMessages);
 }
 
 TEST_F(Generators, TakeTurnsAndBeginAnewAtEachStart)

@@ -69,8 +69,8 @@ DWORD copyCounters(device::Port& port, DWORD_PTR target)
     if (!counters || counters->size != sizeof *counters)
         return MMSYSERR_INVALPARAM;
     const device::Counters found = port.counters();
-    *counters = {sizeof *counters,     found.queuedBuffers, found.deliveredShort,
-                 found.deliveredBytes, found.droppedShort,  found.droppedBytes};
+    *counters = {sizeof *counters,      found.queuedBuffers,         found.delivered.shortMessages,
+                 found.delivered.bytes, found.dropped.shortMessages, found.dropped.bytes};
     return MMSYSERR_NOERROR;
 }
 
@@ -151,8 +151,8 @@ void logClose(const Place<OpenPort>& place, OpenPort& port)
 {
     const device::Counters last = port.counters();
     logEvent(direction(place.description), place.position, "close dropped %llu bytes %llu short",
-             static_cast<unsigned long long>(last.droppedBytes),
-             static_cast<unsigned long long>(last.droppedShort));
+             static_cast<unsigned long long>(last.dropped.bytes),
+             static_cast<unsigned long long>(last.dropped.shortMessages));
 }
 
 template <class OpenPort>

@@ -1,6 +1,6 @@
 // What travels between two processes: a frame is one message of the pipe and holds whole pieces,
-// each a PieceHeader and, for SysEx, its bytes. The receiver answers every frame with one byte once
-// the input has it.
+// each a MIDIPiece as it lies in memory and its bytes. The receiver answers every frame with one
+// byte once the input has it.
 #pragma once
 
 #include "transport/MIDIByteStream.h"
@@ -10,16 +10,6 @@ namespace cable {
 
 constexpr DWORD kLargestFrame = 32 * 1024;
 constexpr BYTE kFrameTaken = 1;
-
-struct PieceHeader
-{
-    static constexpr BYTE kFirst = 1;
-    static constexpr BYTE kLast = 2;
-
-    MIDIPiece::Kind kind;
-    DWORD flags; // of a SysEx piece
-    DWORD value; // the message, or the number of bytes that follow
-};
 
 // By position, so that every process reaches the same input whatever its description calls it, and
 // within the group that LUMORA_CABLE_GROUP names.

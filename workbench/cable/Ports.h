@@ -37,7 +37,7 @@ private:
     const device::SourceId source = device::nextSourceId();
     std::vector<std::shared_ptr<InputPort>> local; // the input, if this process has it open
     RemoteInput remote;                            // otherwise
-    Delivery delivered, dropped;                   // not yet in the counters
+    device::Delivery delivered, dropped;           // not yet in the counters
 };
 
 // Other processes reach the input while it is open.

@@ -150,7 +150,7 @@ void InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
     if (isUnplugged())
         return;
     if (arrivals.size() >= kMostPending) {
-        ++tally.droppedShort;
+        ++tally.dropped.shortMessages;
         return;
     }
     arrivals.push_back(
@@ -196,14 +196,14 @@ std::size_t InputPort::handle(SourceId source, MIDIPiece piece)
         found = awaitBuffer(held, found ? settings.windows11.bufferAtStart : 0);
         dropping = !found;
     } else if (sysExSource != source) {
-        tally.droppedBytes += piece.length;
+        tally.dropped.bytes += piece.length;
         return 0;
     }
     std::size_t taken = 0;
     while (piece.length > 0 && started.load()) {
         dropping = dropping || !awaitBuffer(held, settings.windows11.bufferWithin);
         if (dropping) {
-            tally.droppedBytes += piece.length;
+            tally.dropped.bytes += piece.length;
             break;
         }
         taken += fillFirst(held, piece);
@@ -265,7 +265,7 @@ bool InputPort::shortMessage(DWORD word)
     if (!started.load())
         return false;
     if (waitingNotices() >= kMostPending)
-        ++tally.droppedShort;
+        ++tally.dropped.shortMessages;
     else
         tell(held, {MIM_DATA, word, timeStamp()});
     return true;
@@ -309,7 +309,7 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& paus
             goOn = pause ? pause(1) : sleepAnyway(1);
             held.lock();
         } else {
-            tally.droppedBytes += piece.length;
+            tally.dropped.bytes += piece.length;
             break;
         }
     }
@@ -387,7 +387,7 @@ void InputPort::endWork()
 {
     started.store(false);
     sysExSource = 0;
-    tally.droppedShort += dropNotices(MIM_DATA);
+    tally.dropped.shortMessages += dropNotices(MIM_DATA);
 }
 
 void InputPort::discardWork()
@@ -412,7 +412,7 @@ bool InputPort::accepts(Lock& held, SourceId source, const MIDIPiece& piece)
         endSysEx(held, MIM_LONGERROR);
         sysExSource = source;
     } else if (sysExSource != source) {
-        tally.droppedBytes += piece.length;
+        tally.dropped.bytes += piece.length;
         return false;
     }
     return started.load();
@@ -530,7 +530,7 @@ DWORD InputPort::playDump(Lock& held, const Generator& dump, std::int64_t now)
     if (taken > 0)
         progress.lastPlayed = now;
     if (piece.length > 0 && now - progress.lastPlayed >= std::int64_t(settings.hold) * 1000) {
-        tally.droppedBytes += piece.length;
+        tally.dropped.bytes += piece.length;
         progress.produced += static_cast<DWORD>(piece.length);
     }
     if (progress.produced == dump.count) {

@@ -2,7 +2,6 @@
 // and the generators of its settings play.
 #pragma once
 
-#include "transport/MIDIByteStream.h"
 #include "workbench/device/Port.h"
 
 namespace device {

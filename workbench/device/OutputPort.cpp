@@ -291,7 +291,7 @@ void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::ui
         wire->flush();
     if (!keepLock)
         held.lock();
-    tally.droppedBytes += noise;
+    tally.dropped.bytes += noise;
 }
 
 // False if the item has been taken away before.
@@ -332,7 +332,7 @@ void OutputPort::endWork() {}
 void OutputPort::discardWork()
 {
     for (const Item& item : items)
-        tally.droppedShort += item.header ? 0u : 1u;
+        tally.dropped.shortMessages += item.header ? 0u : 1u;
     items.clear();
     stopPlaying();
 }

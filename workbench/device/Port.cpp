@@ -248,7 +248,7 @@ Counters Port::counters()
 {
     const Lock held(lock);
     Counters result = tally;
-    result.deliveredShort += shortsCalled.load(std::memory_order_relaxed);
+    result.delivered.shortMessages += shortsCalled.load(std::memory_order_relaxed);
     result.queuedBuffers = queuedHeaders() + headersInNotices();
     return result;
 }
@@ -404,13 +404,13 @@ void Port::giveBack(Notice& notice)
         return;
     notice.given = true;
     if (notice.message == MIM_DATA)
-        ++tally.deliveredShort;
+        ++tally.delivered.shortMessages;
     if (!notice.header)
         return;
     if (messages.open == MIM_OPEN)
         notice.header->dwBytesRecorded = notice.bytes;
     markDone(*notice.header);
-    tally.deliveredBytes += notice.bytes;
+    tally.delivered.bytes += notice.bytes;
 }
 
 } // namespace device
