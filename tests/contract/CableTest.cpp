@@ -30,7 +30,6 @@ using contract::Bytes;
 using contract::Input;
 using contract::Notice;
 using contract::Output;
-using contract::Recorder;
 using contract::sysEx;
 using contract::waitAWhile;
 
@@ -49,11 +48,8 @@ std::wstring environment(const wchar_t* name)
 
 // The role of this process in its test; empty in the one that was started first.
 const std::wstring kRole = environment(L"LUMORA_CABLE_TEST_ROLE");
-// Of the processes of a test.
-std::wstring group()
-{
-    return environment(L"LUMORA_CABLE_GROUP");
-}
+// Of the processes that a test starts.
+const std::wstring kGroup = environment(L"LUMORA_CABLE_GROUP");
 
 std::wstring temporaryFile(const std::wstring& purpose)
 {
@@ -393,7 +389,7 @@ TEST(CableDescription, ListingThePortsStartsNothing)
     EXPECT_EQ(L"a", inputName(0));
     EXPECT_EQ(L"b", outputName(0));
     EXPECT_EQ(before, threadsOfThisProcess());
-    const std::wstring pipe = L"\\\\.\\pipe\\lumora-cable-" + group() + L"-in-1";
+    const std::wstring pipe = L"\\\\.\\pipe\\lumora-cable-" + kGroup + L"-in-1";
     EXPECT_FALSE(WaitNamedPipeW(pipe.c_str(), 1));
     const Input input;
     EXPECT_LT(before, threadsOfThisProcess());
@@ -462,25 +458,20 @@ TEST(CableWire, ARefusedCloseLeavesThePortToTheNextClient)
         return;
     Output output;
     for (int i = 0; i < 3; ++i) {
-        Recorder recorder;
-        HMIDIIN handle = nullptr;
-        ASSERT_EQ(MMSYSERR_NOERROR, midiInOpen(&handle, 0, Recorder::inputCallback(),
-                                               recorder.instance(), CALLBACK_FUNCTION));
-        recorder.waitFor(MIM_OPEN, 1);
-        {
-            Buffer buffer(16);
-            midiInPrepareHeader(handle, buffer.header(), sizeof(MIDIHDR));
-            midiInAddBuffer(handle, buffer.header(), sizeof(MIDIHDR));
-            midiInStart(handle);
-            ASSERT_EQ(MIDIERR_STILLPLAYING, midiInClose(handle));
-            // The next client comes while the old buffer still exists, and does not inherit it.
-            Input next;
-            ASSERT_EQ(MMSYSERR_NOERROR, next.result);
-            next.start();
-            EXPECT_TRUE(output.sendLong(sysEx(10)));
-            EXPECT_EQ(10u, counters(next).droppedBytes);
-        }
-        EXPECT_EQ(1u, recorder.notices().size());
+        Input refused;
+        refused.giveBuffers(1, 16);
+        refused.start();
+        refused.recorder.waitFor(MIM_OPEN, 1);
+        ASSERT_EQ(MIDIERR_STILLPLAYING, midiInClose(refused.handle));
+        refused.handle = nullptr;
+        // The next client comes while the old buffer still exists, and does not inherit it.
+        Input next;
+        ASSERT_EQ(MMSYSERR_NOERROR, next.result);
+        next.start();
+        EXPECT_TRUE(output.sendLong(sysEx(10)));
+        EXPECT_EQ(10u, counters(next).droppedBytes);
+        next.close();
+        EXPECT_EQ(1u, refused.recorder.notices().size()); // the opening
     }
 }
 
@@ -572,20 +563,16 @@ TEST(CableWindows11, LosesADeviceAndGetsItBack)
 {
     if (ranWithPorts(L"in \"a\" driver=windows11\nout \"b\" driver=windows11"))
         return;
-    static Recorder recorder; // the driver keeps the header
-    static Buffer buffer(16);
-    HMIDIIN lost = nullptr;
-    ASSERT_EQ(MMSYSERR_NOERROR, midiInOpen(&lost, 0, Recorder::inputCallback(), recorder.instance(),
-                                           CALLBACK_FUNCTION));
-    midiInPrepareHeader(lost, buffer.header(), sizeof(MIDIHDR));
-    midiInAddBuffer(lost, buffer.header(), sizeof(MIDIHDR));
-    midiInStart(lost);
+    Input lost;
+    Buffer& kept = *lost.giveBuffers(1, 16).front();
+    lost.start();
     ASSERT_TRUE(control(LUMORA_CABLE_UNPLUG, TRUE));
-    EXPECT_EQ(MMSYSERR_NODRIVER, midiInStop(lost));
-    EXPECT_EQ(MMSYSERR_NODRIVER, midiInReset(lost));
-    EXPECT_EQ(MMSYSERR_NODRIVER, midiInAddBuffer(lost, buffer.header(), sizeof(MIDIHDR)));
-    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInUnprepareHeader(lost, buffer.header(), sizeof(MIDIHDR)));
-    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInClose(lost));
+    EXPECT_EQ(MMSYSERR_NODRIVER, lost.stop());
+    EXPECT_EQ(MMSYSERR_NODRIVER, lost.reset());
+    EXPECT_EQ(MMSYSERR_NODRIVER, lost.queue(kept));
+    EXPECT_EQ(MIDIERR_STILLPLAYING, lost.unprepare(kept));
+    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInClose(lost.handle));
+    lost.handle = nullptr;
     EXPECT_EQ(MMSYSERR_NODRIVER, Input().result);
 
     ASSERT_TRUE(control(LUMORA_CABLE_PLUG_IN, TRUE));
@@ -599,10 +586,10 @@ TEST(CableWindows11, LosesADeviceAndGetsItBack)
         EXPECT_EQ(std::vector<DWORD>{kNoteOn}, first.recorder.waitForShort(1));
         EXPECT_EQ(std::vector<DWORD>{kNoteOn}, second.recorder.waitForShort(1));
     }
-    EXPECT_EQ(1u, recorder.notices().size());
+    EXPECT_EQ(1u, lost.recorder.notices().size());
     ASSERT_TRUE(control(LUMORA_CABLE_UNLOAD, TRUE));
-    EXPECT_EQ(1u, recorder.notices(MIM_CLOSE).size());
-    EXPECT_NE(0u, buffer.flags() & MHDR_INQUEUE);
+    EXPECT_EQ(1u, lost.recorder.notices(MIM_CLOSE).size());
+    EXPECT_NE(0u, kept.flags() & MHDR_INQUEUE);
 }
 
 TEST(CableWindows11, MayLoseItsDeviceByTheClockAndCleanUp)
@@ -710,8 +697,8 @@ TEST(CableLog, SeveralProcessesAppendToItWithoutLosingALine)
     // Both write at the same time, or the test would show nothing.
     if (kRole == L"first" || kRole == L"second") {
         const HANDLE ready =
-            OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, (L"lumora-ready-" + group()).c_str());
-        const HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, (L"lumora-go-" + group()).c_str());
+            OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, (L"lumora-ready-" + kGroup).c_str());
+        const HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, (L"lumora-go-" + kGroup).c_str());
         Output output;
         ASSERT_TRUE(ReleaseSemaphore(ready, 1, nullptr));
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(go, 20000));
@@ -728,8 +715,8 @@ TEST(CableLog, SeveralProcessesAppendToItWithoutLosingALine)
         EXPECT_EQ(2 * (count + 3), lines.size()); // and open, reset, close of each
         return;
     }
-    const HANDLE ready = CreateSemaphoreW(nullptr, 0, 2, (L"lumora-ready-" + group()).c_str());
-    const HANDLE go = CreateEventW(nullptr, TRUE, FALSE, (L"lumora-go-" + group()).c_str());
+    const HANDLE ready = CreateSemaphoreW(nullptr, 0, 2, (L"lumora-ready-" + kGroup).c_str());
+    const HANDLE go = CreateEventW(nullptr, TRUE, FALSE, (L"lumora-go-" + kGroup).c_str());
     Child first(L"first");
     Child second(L"second");
     for (int i = 0; i < 2; ++i)

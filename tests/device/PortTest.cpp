@@ -32,21 +32,6 @@ INSTANTIATE_TEST_SUITE_P(Callbacks, Ports, testing::Bool(), [](const auto& chose
 
 // ---- Input --------------------------------------------------------------------------------------
 
-TEST_P(Ports, ABufferIsFilledAcrossPiecesUntilItIsFullOrTheMessageEnds)
-{
-    Input input(settings);
-    Output output(settings, input.port.get());
-    input.startWith(2, 64);
-    const Bytes message = sysEx(100);
-    output.send(Bytes(message.begin(), message.begin() + 30));
-    output.send(Bytes(message.begin() + 30, message.begin() + 50));
-    waitAWhile();
-    EXPECT_TRUE(input.recorder.notices(MIM_LONGDATA).empty());
-    output.send(Bytes(message.begin() + 50, message.end()));
-    EXPECT_EQ(message, input.recorder.waitForLong(100));
-    EXPECT_EQ(64u, input.recorder.notices(MIM_LONGDATA)[0].bytes.size());
-}
-
 TEST_P(Ports, AStopHandsThePartlyFilledBufferBack)
 {
     Input input(settings);

@@ -63,8 +63,8 @@ using Messages = std::vector<Bytes>;
 
 // ---- Input --------------------------------------------------------------------------------------
 
-struct Windows11Input : Windows11Kind
-{};
+using Windows11Input = Windows11Kind;
+using Windows11DeathTest = Windows11Kind;
 
 TEST_F(Windows11Input, CallsBackArrivalsOnItsWorkerAndTheRestInsideTheCalls)
 {
@@ -268,8 +268,6 @@ TEST_F(Windows11Input, LetsStopResetAndCloseWaitForTheWorker)
     }
 }
 
-using Windows11DeathTest = Windows11Input;
-
 TEST_F(Windows11DeathTest, AStopInsideTheWorkersCallbackNeverReturns)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -411,8 +409,7 @@ TEST_F(Windows11Output, HoldsUpEveryCallToAnyPortWhileAnotherCallWaitsForItsSend
 
 // ---- Unplugging ---------------------------------------------------------------------------------
 
-struct Windows11Unplugged : Windows11Output
-{};
+using Windows11Unplugged = Windows11Output;
 
 TEST_F(Windows11Unplugged, InputRefusesEveryCallAndKeepsItsBuffers)
 {

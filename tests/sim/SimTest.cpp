@@ -8,8 +8,6 @@
 #include <chrono>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <memory>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -36,8 +34,7 @@ std::uintptr_t addressOf(const void* pointer)
 
 // ---- Events -------------------------------------------------------------------------------------
 
-struct Events : SimTest
-{};
+using Events = SimTest;
 
 TEST_F(Events, AutoResetEventReleasesOneWaitPerSignal)
 {
@@ -139,8 +136,7 @@ TEST_F(Events, EverySignalOfAnAutoResetEventReleasesOneOfSeveralWaiters)
 
 // ---- Time ---------------------------------------------------------------------------------------
 
-struct Time : SimTest
-{};
+using Time = SimTest;
 
 TEST_F(Time, VirtualTimeMovesOnlyBySleep)
 {
@@ -155,14 +151,6 @@ TEST_F(Time, VirtualTimeMovesOnlyBySleep)
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
-TEST_F(Time, VirtualTimeWrapsAround)
-{
-    sim::useVirtualTime();
-    sim::setTime(0xFFFFFFFF - 9);
-    Sleep(30);
-    EXPECT_EQ(timeGetTime(), 20u);
-}
-
 TEST_F(Time, SleepErrorMakesSleepReturnEarlyOrLateButNeverAtOnce)
 {
     sim::useVirtualTime(0);
@@ -174,6 +162,9 @@ TEST_F(Time, SleepErrorMakesSleepReturnEarlyOrLateButNeverAtOnce)
     sim::setSleepError(5);
     Sleep(100);
     EXPECT_EQ(timeGetTime(), 203u);
+    sim::setTime(0xFFFFFFFF - 9);
+    Sleep(25);
+    EXPECT_EQ(timeGetTime(), 20u); // it wraps around
 }
 
 TEST_F(Time, SleepHookSeesEverySleepBeforeTheTimePasses)
@@ -205,8 +196,8 @@ TEST_F(Time, RealTimeAgreesWithTheClock)
 
 // ---- Memory -------------------------------------------------------------------------------------
 
-struct Memory : SimTest
-{};
+using Memory = SimTest;
+using MemoryDeathTest = SimTest;
 
 TEST_F(Memory, HeapLiesBelowFourGigabytesAndIsZeroedOnRequest)
 {
@@ -226,17 +217,6 @@ TEST_F(Memory, HeapLiesBelowFourGigabytesAndIsZeroedOnRequest)
     EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, nullptr));
     EXPECT_EQ(sim::inUse(), sim::Resources());
 }
-
-TEST_F(Memory, HeapCanLieHigh)
-{
-    sim::setHeapHigh(true);
-    void* const block = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, 86016);
-    EXPECT_GE(addressOf(block), std::uintptr_t(1) << 32);
-    EXPECT_EQ(sim::inUse().heapBlocks, 1);
-    HeapFree(GetProcessHeap(), 0, block);
-}
-
-using MemoryDeathTest = Memory;
 
 TEST_F(MemoryDeathTest, AccessPastOrBeforeOrAfterTheLifeOfAHeapBlockStopsTheProgram)
 {
@@ -280,28 +260,6 @@ TEST_F(Memory, VirtualQueryFindsWhatVirtualAllocGives)
     EXPECT_EQ(sim::inUse(), sim::Resources());
 }
 
-TEST_F(Memory, OccupiedLowRangeGivesNoLowMemory)
-{
-    sim::setLowRangeOccupied(true);
-    MEMORY_BASIC_INFORMATION region;
-    void* const place = reinterpret_cast<void*>(0x50000000);
-    ASSERT_EQ(VirtualQuery(place, &region, sizeof region), sizeof region);
-    EXPECT_NE(region.State, MEM_FREE);
-    EXPECT_EQ(addressOf(region.BaseAddress) + region.RegionSize, std::uintptr_t(1) << 32);
-    EXPECT_EQ(VirtualAlloc(place, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
-}
-
-TEST_F(Memory, TaskMemoryIsCounted)
-{
-    void* const memory = CoTaskMemAlloc(64);
-    ASSERT_TRUE(memory);
-    EXPECT_EQ(sim::inUse().taskBlocks, 1);
-    CoTaskMemFree(memory);
-    CoTaskMemFree(nullptr);
-    EXPECT_EQ(sim::inUse().taskBlocks, 0);
-}
-
 TEST_F(Memory, GuidsAreRandomVersionFour)
 {
     GUID a{};
@@ -315,8 +273,8 @@ TEST_F(Memory, GuidsAreRandomVersionFour)
 
 // ---- Failures, counters, hooks and the log ------------------------------------------------------
 
-struct Script : SimTest
-{};
+using Script = SimTest;
+using ScriptDeathTest = SimTest;
 
 TEST_F(Script, OnlyTheCallsOrderedToFailFail)
 {
@@ -328,22 +286,17 @@ TEST_F(Script, OnlyTheCallsOrderedToFailFail)
     EXPECT_TRUE(CreateEventW(nullptr, FALSE, FALSE, nullptr));
     EXPECT_FALSE(CoTaskMemAlloc(8));
     EXPECT_FALSE(CoTaskMemAlloc(8));
-    void* const memory = CoTaskMemAlloc(8);
-    EXPECT_TRUE(memory);
-    CoTaskMemFree(memory);
     EXPECT_EQ(sim::callCount("CreateEventW"), 3u);
-}
 
-TEST_F(Script, FailuresCountFromTheOrderAndCanBeEndless)
-{
-    CoTaskMemFree(CoTaskMemAlloc(8));
     sim::failCall("CoTaskMemAlloc", 2, ERROR_NOT_ENOUGH_MEMORY, sim::kAllFromThere);
     CoTaskMemFree(CoTaskMemAlloc(8));
+    EXPECT_EQ(sim::inUse().taskBlocks, 0);
     for (int i = 0; i < 10; ++i)
         EXPECT_FALSE(CoTaskMemAlloc(8));
     sim::clearFailures();
     void* const memory = CoTaskMemAlloc(8);
     EXPECT_TRUE(memory);
+    EXPECT_EQ(sim::inUse().taskBlocks, 1);
     CoTaskMemFree(memory);
 }
 
@@ -445,8 +398,6 @@ TEST_F(Script, ResetGivesTheFreshState)
     EXPECT_LT(addressOf(HeapAlloc(GetProcessHeap(), 0, 16)), std::uintptr_t(1) << 32);
 }
 
-using ScriptDeathTest = Script;
-
 TEST_F(ScriptDeathTest, MistakesOfATestStopIt)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -458,8 +409,7 @@ TEST_F(ScriptDeathTest, MistakesOfATestStopIt)
 
 // ---- Devices ------------------------------------------------------------------------------------
 
-struct Devices : SimTest
-{};
+using Devices = SimTest;
 
 TEST_F(Devices, AreCountedAndNamedWithinTheFieldOfTheName)
 {
@@ -649,59 +599,6 @@ TEST_F(InputPort, AnUnpluggedDeviceOfAnotherKindStillServesItsClient)
 
 // ---- Flood --------------------------------------------------------------------------------------
 
-// Counts and looks at nothing, so that it may outlive the close.
-void CALLBACK countingProcedure(HMIDIIN, UINT message, DWORD_PTR instance, DWORD, DWORD)
-{
-    if (message == MIM_DATA || message == MIM_LONGDATA)
-        ++*reinterpret_cast<std::atomic<std::uint64_t>*>(instance);
-}
-
-struct FloodKinds : InputPort, testing::WithParamInterface<sim::DriverKind>
-{};
-
-TEST_P(FloodKinds, BuffersComeBackInEveryCycleOfOpeningAndClosing)
-{
-    sim::logCalls(false);
-    sim::setDriverKind(GetParam());
-    constexpr unsigned kHeaders = 16;
-    char data[kHeaders][64];
-    MIDIHDR headers[kHeaders];
-    std::atomic<std::uint64_t> count{0};
-    sim::FloodOptions options;
-    options.sysExEvery = 3;
-    options.sysExLength = 100;
-    sim::startFlood(device, options);
-    for (int cycle = 0; cycle < 200; ++cycle) {
-        HMIDIIN handle = nullptr;
-        ASSERT_EQ(midiInOpen(&handle, 0, reinterpret_cast<DWORD_PTR>(&countingProcedure),
-                             reinterpret_cast<DWORD_PTR>(&count), CALLBACK_FUNCTION),
-                  MMSYSERR_NOERROR);
-        for (unsigned i = 0; i < kHeaders; ++i) {
-            headers[i] = {data[i], sizeof data[i], 0, 0, 0, nullptr, 0, 0, {}};
-            midiInPrepareHeader(handle, &headers[i], kHeaderSize);
-            midiInAddBuffer(handle, &headers[i], kHeaderSize);
-        }
-        const std::uint64_t before = count;
-        ASSERT_EQ(midiInStart(handle), MMSYSERR_NOERROR);
-        while (count < before + 10)
-            std::this_thread::yield();
-        ASSERT_EQ(midiInStop(handle), MMSYSERR_NOERROR);
-        ASSERT_EQ(midiInReset(handle), MMSYSERR_NOERROR);
-        for (unsigned i = 0; i < kHeaders; ++i)
-            ASSERT_EQ(midiInUnprepareHeader(handle, &headers[i], kHeaderSize), MMSYSERR_NOERROR);
-        ASSERT_EQ(midiInClose(handle), MMSYSERR_NOERROR);
-    }
-    EXPECT_GT(sim::stopFlood(device).shortMessages, 0u);
-    EXPECT_EQ(sim::inUse().inputPorts, 0);
-    EXPECT_EQ(sim::inUse().inputBuffers, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, FloodKinds,
-                         testing::Values(sim::DriverKind::WaitsInReset,
-                                         sim::DriverKind::WaitsInClose,
-                                         sim::DriverKind::WaitsInNeither,
-                                         sim::DriverKind::Windows11));
-
 TEST_F(InputPort, FloodReportsWhatThePortTook)
 {
     Input input;
@@ -721,22 +618,6 @@ TEST_F(InputPort, FloodReportsWhatThePortTook)
     EXPECT_EQ(input.recorder.waitForShort(9)[0], sim::floodShort(1));
 }
 
-TEST_F(InputPort, ShortMessagesAreCheap)
-{
-    sim::logCalls(false);
-    HMIDIIN handle = nullptr;
-    midiInOpen(&handle, 0, 0, 0, CALLBACK_NULL);
-    midiInStart(handle);
-    constexpr int kMessages = 200000;
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < kMessages; ++i)
-        sim::shortMessage(device, 0xF8);
-    const auto each = (std::chrono::steady_clock::now() - begin) / kMessages;
-    RecordProperty("nanosecondsPerMessage", static_cast<int>(each.count()));
-    // Sanitizers and busy machines included; it takes a tenth of a microsecond without them.
-    EXPECT_LT(each, std::chrono::microseconds(20));
-}
-
 // ---- Output -------------------------------------------------------------------------------------
 
 struct OutputPort : SimTest
@@ -747,15 +628,17 @@ struct OutputPort : SimTest
 TEST_F(OutputPort, AHeaderPolledForDoneIsFoundDone)
 {
     sim::setCompletion(device, sim::Completion::Thread);
-    Output output;
+    HMIDIOUT handle = nullptr;
+    midiOutOpen(&handle, 0, 0, 0, CALLBACK_NULL); // a callback would still look at the header
     Buffer buffer(sysEx(8));
     for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(output.prepare(buffer), MMSYSERR_NOERROR);
-        ASSERT_EQ(output.queue(buffer), MMSYSERR_NOERROR);
+        midiOutPrepareHeader(handle, buffer.header(), kHeaderSize);
+        ASSERT_EQ(midiOutLongMsg(handle, buffer.header(), kHeaderSize), MMSYSERR_NOERROR);
         while ((buffer.flags() & MHDR_DONE) == 0)
             Sleep(0);
-        ASSERT_EQ(output.unprepare(buffer), MMSYSERR_NOERROR);
+        midiOutUnprepareHeader(handle, buffer.header(), kHeaderSize);
     }
+    midiOutClose(handle);
 }
 
 TEST_F(OutputPort, SendsAreRecordedWithTheirTimeAndHeader)

@@ -130,21 +130,12 @@ private:
 // it.
 void keepLoaded()
 {
-    static const bool kept = [] {
-        HMODULE module = nullptr;
-        return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN |
-                                      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                                  reinterpret_cast<LPCWSTR>(&keepLoaded), &module) != FALSE;
-    }();
+    static HMODULE module = nullptr;
+    static const BOOL kept =
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                           reinterpret_cast<LPCWSTR>(&keepLoaded), &module);
     static_cast<void>(kept);
 }
-
-void listen(const std::shared_ptr<InputPort>& port)
-{
-    port->listener.start(port);
-}
-
-void listen(const std::shared_ptr<OutputPort>&) {}
 
 template <class OpenPort>
 void logClose(const Place<OpenPort>& place, OpenPort& port)
@@ -193,7 +184,8 @@ DWORD openPort(Place<OpenPort>& place, DWORD_PTR user, const MIDIOPENDESC* reque
         place.remove(port);
         return MMSYSERR_NOMEM;
     }
-    listen(port);
+    if constexpr (std::is_same_v<OpenPort, InputPort>)
+        port->listener.start(port);
     logEvent(direction(place.description), place.position, "open");
     *reinterpret_cast<DWORD_PTR*>(user) = port->id;
     if (const DWORD after = place.description.unplugAfter) {

@@ -21,12 +21,6 @@ void fill(std::vector<std::unique_ptr<AnyPlace>>& places, std::vector<PortDescri
 
 } // namespace
 
-DWORD_PTR nextPortId()
-{
-    static std::atomic<DWORD_PTR> last{0};
-    return ++last;
-}
-
 PortTable& PortTable::instance()
 {
     // Never destroyed: the ports' threads may run until the process has ended.

@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,7 +48,6 @@ struct Resources
     int outputBuffers = 0; // headers in the queues of open outputs
 };
 bool operator==(const Resources& a, const Resources& b);
-bool operator!=(const Resources& a, const Resources& b);
 std::ostream& operator<<(std::ostream& stream, const Resources& resources);
 
 Resources inUse();
@@ -62,8 +62,8 @@ constexpr unsigned kAllFromThere = UINT_MAX;
 // returns a handle, a pointer or a BOOL returns null or FALSE and leaves `result` to GetLastError.
 // Without a result: MMSYSERR_ERROR, E_FAIL, WAIT_FAILED, or ERROR_NOT_ENOUGH_MEMORY respectively.
 // Functions that cannot fail (Sleep, GetLastError, timeGetTime, ...) are refused.
-void failCall(std::string_view function, unsigned n = 1);
-void failCall(std::string_view function, unsigned n, DWORD result, unsigned count = 1);
+void failCall(std::string_view function, unsigned n = 1, std::optional<DWORD> result = {},
+              unsigned count = 1);
 void clearFailures();
 
 // Calls of one function since reset(), failed ones included.
@@ -84,8 +84,7 @@ struct Call
 };
 
 // The calls in the order in which they began; all, or those of one function.
-std::vector<Call> calls();
-std::vector<Call> calls(std::string_view function);
+std::vector<Call> calls(std::string_view function = {});
 // Only the names, in order: handy for comparing sequences.
 std::vector<std::string> callNames();
 void clearCalls();

@@ -62,9 +62,6 @@ enum class Function {
     SIM_FUNCTIONS(SIM_NAME)
 #undef SIM_NAME
 };
-#define SIM_COUNT(name, failure) +1
-constexpr std::size_t kFunctionCount = 0 SIM_FUNCTIONS(SIM_COUNT);
-#undef SIM_COUNT
 
 struct LogRecord;
 

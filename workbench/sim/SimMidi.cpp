@@ -121,49 +121,24 @@ MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
 
 using namespace sim::internal;
 
-UINT midiInGetNumDevs(void)
-{
-    return Entry(Function::midiInGetNumDevs).serve([] {
-        return directionOf<HMIDIIN>.deviceCount.load();
-    });
-}
-
-UINT midiOutGetNumDevs(void)
-{
-    return Entry(Function::midiOutGetNumDevs).serve([] {
-        return directionOf<HMIDIOUT>.deviceCount.load();
-    });
-}
-
-MMRESULT midiInGetDevCapsW(UINT_PTR device, LPMIDIINCAPSW caps, UINT size)
-{
-    return Entry(Function::midiInGetDevCapsW, nullptr, nullptr, device, size).serve([&] {
-        return capabilities<HMIDIIN>(device, caps, size);
-    });
-}
-
-MMRESULT midiOutGetDevCapsW(UINT_PTR device, LPMIDIOUTCAPSW caps, UINT size)
-{
-    return Entry(Function::midiOutGetDevCapsW, nullptr, nullptr, device, size).serve([&] {
-        return capabilities<HMIDIOUT>(device, caps, size);
-    });
-}
-
-MMRESULT midiInOpen(LPHMIDIIN handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
-                    DWORD flags)
-{
-    return Entry(Function::midiInOpen, nullptr, nullptr, device, flags).serve([&] {
-        return openPort(handle, device, callback, instance, flags);
-    });
-}
-
-MMRESULT midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
-                     DWORD flags)
-{
-    return Entry(Function::midiOutOpen, nullptr, nullptr, device, flags).serve([&] {
-        return openPort(handle, device, callback, instance, flags);
-    });
-}
+#define SIM_DEVICE_CALLS(In, Handle, Capabilities)                                                 \
+    UINT midi##In##GetNumDevs(void)                                                                \
+    {                                                                                              \
+        return Entry(Function::midi##In##GetNumDevs).serve([] {                                    \
+            return directionOf<Handle>.deviceCount.load();                                         \
+        });                                                                                        \
+    }                                                                                              \
+    MMRESULT midi##In##GetDevCapsW(UINT_PTR device, Capabilities* found, UINT size)                \
+    {                                                                                              \
+        Entry entry(Function::midi##In##GetDevCapsW, nullptr, nullptr, device, size);              \
+        return entry.serve([&] { return capabilities<Handle>(device, found, size); });             \
+    }                                                                                              \
+    MMRESULT midi##In##Open(Handle* handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,   \
+                            DWORD flags)                                                           \
+    {                                                                                              \
+        Entry entry(Function::midi##In##Open, nullptr, nullptr, device, flags);                    \
+        return entry.serve([&] { return openPort(handle, device, callback, instance, flags); });   \
+    }
 
 #define SIM_PORT_CALL(function, Handle, call)                                                      \
     MMRESULT function(Handle handle)                                                               \
@@ -179,6 +154,8 @@ MMRESULT midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_P
                         [&](Port<Handle>& port) { return port.call(header, size); });              \
     }
 
+SIM_DEVICE_CALLS(In, HMIDIIN, MIDIINCAPSW)
+SIM_DEVICE_CALLS(Out, HMIDIOUT, MIDIOUTCAPSW)
 SIM_PORT_CALL(midiInClose, HMIDIIN, close())
 SIM_PORT_CALL(midiInStart, HMIDIIN, start())
 SIM_PORT_CALL(midiInStop, HMIDIIN, stop())

@@ -45,6 +45,8 @@ constexpr FunctionInfo kFunctions[] = {
 #undef SIM_INFO
 };
 
+constexpr std::size_t kFunctionCount = std::size(kFunctions);
+
 Function functionNamed(std::string_view name)
 {
     for (std::size_t i = 0; i < kFunctionCount; ++i) {
@@ -102,17 +104,6 @@ void changeScript(Change change)
     const bool empty = script->faults.empty() && script->hooks.empty();
     scripts.push_back(std::move(script));
     currentScript.store(empty ? nullptr : scripts.back().get(), std::memory_order_release);
-}
-
-void addFault(Function function, unsigned n, DWORD result, unsigned count)
-{
-    if (!infoOf(function).failure.isPossible)
-        stopWith("this function cannot fail:", infoOf(function).name);
-    if (n < 1 || count < 1)
-        stopWith("calls are counted from 1");
-    const std::uint64_t first = countOf(function).load(std::memory_order_relaxed) + n;
-    const std::uint64_t last = count == kAllFromThere ? UINT64_MAX : first + (count - 1);
-    changeScript([&](Script& script) { script.faults.push_back({function, first, last, result}); });
 }
 
 std::atomic<std::uint64_t> threadsSeen{0};
@@ -252,11 +243,6 @@ bool operator==(const Resources& a, const Resources& b)
     return all(a) == all(b);
 }
 
-bool operator!=(const Resources& a, const Resources& b)
-{
-    return !(a == b);
-}
-
 std::ostream& operator<<(std::ostream& stream, const Resources& resources)
 {
     return stream << "{handles " << resources.handles << ", heap blocks " << resources.heapBlocks
@@ -276,15 +262,19 @@ Resources inUse()
     return resources;
 }
 
-void failCall(std::string_view function, unsigned n)
+void failCall(std::string_view name, unsigned n, std::optional<DWORD> result, unsigned count)
 {
-    const Function f = functionNamed(function);
-    addFault(f, n, infoOf(f).failure.usual, 1);
-}
-
-void failCall(std::string_view function, unsigned n, DWORD result, unsigned count)
-{
-    addFault(functionNamed(function), n, result, count);
+    const Function function = functionNamed(name);
+    const Failure& failure = infoOf(function).failure;
+    if (!failure.isPossible)
+        stopWith("this function cannot fail:", name);
+    if (n < 1 || count < 1)
+        stopWith("calls are counted from 1");
+    const std::uint64_t first = countOf(function).load(std::memory_order_relaxed) + n;
+    const std::uint64_t last = count == kAllFromThere ? UINT64_MAX : first + (count - 1);
+    changeScript([&](Script& script) {
+        script.faults.push_back({function, first, last, result.value_or(failure.usual)});
+    });
 }
 
 void clearFailures()
@@ -297,31 +287,21 @@ std::uint64_t callCount(std::string_view function)
     return countOf(functionNamed(function)).load(std::memory_order_relaxed);
 }
 
-std::vector<Call> calls()
+std::vector<Call> calls(std::string_view function)
 {
+    const char* const name = function.empty() ? nullptr : infoOf(functionNamed(function)).name;
     std::vector<Call> result;
     const std::size_t used = std::min(logUsed.load(std::memory_order_acquire), kLogCapacity);
     for (std::size_t i = logStart.load(std::memory_order_acquire); i < used; ++i) {
         const LogRecord& record = records[i];
         const int state = record.state.load(std::memory_order_acquire);
-        if (state == LogRecord::Empty)
+        if (state == LogRecord::Empty || (name && record.call.function != name))
             continue;
         Call call = record.call;
         call.returned = state == LogRecord::Returned;
         call.result = call.returned ? record.result.load(std::memory_order_relaxed) : 0;
         call.headerIndex = call.header ? positionInBlock(call.header, sizeof(MIDIHDR)) : -1;
         result.push_back(call);
-    }
-    return result;
-}
-
-std::vector<Call> calls(std::string_view function)
-{
-    const char* const name = infoOf(functionNamed(function)).name;
-    std::vector<Call> result;
-    for (const Call& call : calls()) {
-        if (call.function == name)
-            result.push_back(call);
     }
     return result;
 }
