@@ -390,9 +390,13 @@ TEST_F(WinMMInput, AMessageSentInPiecesArrivesWhole)
     input.start();
     const Bytes message = sysEx(150);
     ASSERT_TRUE(output.sendLong(Bytes(message.begin(), message.begin() + 70)));
+    EXPECT_EQ(64u, input.recorder.waitForLong(64).size());
     ASSERT_TRUE(output.sendLong(Bytes(message.begin() + 70, message.begin() + 71)));
+    waitAWhile();
+    EXPECT_EQ(1u, input.recorder.notices(MIM_LONGDATA).size()); // the second is not full
     ASSERT_TRUE(output.sendLong(Bytes(message.begin() + 71, message.end())));
     EXPECT_EQ(message, input.recorder.waitForLong(message.size()));
+    EXPECT_EQ(3u, input.recorder.notices(MIM_LONGDATA).size());
 }
 
 TEST_F(WinMMInput, WithoutABufferLongDataIsLostAndTheNextMessageArrives)

@@ -76,6 +76,13 @@ public:
         return given;
     }
 
+    std::vector<Buffer*> startWith(std::size_t count, std::size_t length)
+    {
+        const std::vector<Buffer*> given = giveBuffers(count, length);
+        EXPECT_EQ(port->start(), 0u);
+        return given;
+    }
+
     Recorder recorder;
     std::vector<std::unique_ptr<Buffer>> buffers;
     std::shared_ptr<device::InputPort> port;

@@ -32,28 +32,11 @@ INSTANTIATE_TEST_SUITE_P(Callbacks, Ports, testing::Bool(), [](const auto& chose
 
 // ---- Input --------------------------------------------------------------------------------------
 
-TEST_P(Ports, ABufferIsFilledAcrossPiecesUntilItIsFullOrTheMessageEnds)
-{
-    Input input(settings);
-    Output output(settings, input.port.get());
-    input.giveBuffers(2, 64);
-    input.port->start();
-    const Bytes message = sysEx(100);
-    output.send(Bytes(message.begin(), message.begin() + 30));
-    output.send(Bytes(message.begin() + 30, message.begin() + 50));
-    waitAWhile();
-    EXPECT_TRUE(input.recorder.notices(MIM_LONGDATA).empty());
-    output.send(Bytes(message.begin() + 50, message.end()));
-    EXPECT_EQ(message, input.recorder.waitForLong(100));
-    EXPECT_EQ(64u, input.recorder.notices(MIM_LONGDATA)[0].bytes.size());
-}
-
 TEST_P(Ports, AStopHandsThePartlyFilledBufferBack)
 {
     Input input(settings);
     Output output(settings, input.port.get());
-    input.giveBuffers(2, 64);
-    input.port->start();
+    input.startWith(2, 64);
     output.send({0xF0, 0x01, 0x02});
     ASSERT_EQ(MMSYSERR_NOERROR, input.port->stop());
     EXPECT_EQ((Bytes{0xF0, 0x01, 0x02}), input.recorder.waitForLong(3));
@@ -70,8 +53,7 @@ TEST_P(Ports, AMessageWithoutItsEndComesBackAsAnError)
 {
     Input input(settings);
     Output output(settings, input.port.get());
-    input.giveBuffers(4, 64);
-    input.port->start();
+    input.startWith(4, 64);
     output.send({0xF0, 0x01, 0x02, 0x90, 0x40, 0x64});
     output.send({0xF0, 0x03, 0xF0, 0x04, 0xF7});
     EXPECT_EQ((Bytes{0xF0, 0x04, 0xF7}), input.recorder.waitForLong(3));
@@ -87,8 +69,7 @@ TEST_P(Ports, TheMessagesOfTwoOutputsAreNotMixedIntoOne)
     Input input(settings);
     Output first(settings, input.port.get());
     Output second(settings, input.port.get());
-    input.giveBuffers(4, 64);
-    input.port->start();
+    input.startWith(4, 64);
     first.send({0xF0, 0x01});
     second.port->sendShort(kNoteOn);
     first.send({0x02, 0xF7});
@@ -100,7 +81,7 @@ TEST_P(Ports, TheMessagesOfTwoOutputsAreNotMixedIntoOne)
     first.send({0x05, 0xF7});
     EXPECT_EQ((Bytes{0xF0, 0x01, 0x02, 0xF7, 0xF0, 0x04, 0xF7}), input.recorder.waitForLong(7));
     EXPECT_EQ((Bytes{0xF0, 0x03}), input.recorder.waitFor(MIM_LONGERROR, 1)[0].bytes);
-    EXPECT_EQ(2u, input.port->counters().droppedBytes);
+    EXPECT_EQ(2u, input.port->counters().dropped.bytes);
 }
 
 TEST_P(Ports, SplitHandsBuffersBackEarly)
@@ -108,8 +89,7 @@ TEST_P(Ports, SplitHandsBuffersBackEarly)
     settings.split = 10;
     Input input(settings);
     Output output(settings, input.port.get());
-    input.giveBuffers(8, 64);
-    input.port->start();
+    input.startWith(8, 64);
     output.send(sysEx(25));
     EXPECT_EQ(sysEx(25), input.recorder.waitForLong(25));
     const std::vector<Notice> notices = input.recorder.notices(MIM_LONGDATA);
@@ -122,12 +102,11 @@ TEST_P(Ports, LostLongDataIsCounted)
 {
     Input input(settings);
     Output output(settings, input.port.get());
-    input.giveBuffers(2, 16);
-    input.port->start();
+    input.startWith(2, 16);
     output.send(sysEx(100));
     input.recorder.waitForLong(32);
-    EXPECT_EQ(68u, input.port->counters().droppedBytes);
-    EXPECT_EQ(32u, input.port->counters().deliveredBytes);
+    EXPECT_EQ(68u, input.port->counters().dropped.bytes);
+    EXPECT_EQ(32u, input.port->counters().delivered.bytes);
     EXPECT_EQ(0u, input.port->counters().queuedBuffers);
 }
 
@@ -137,15 +116,14 @@ TEST_P(Ports, HoldLetsBytesWaitForABuffer)
     settings.completion = Completion::Thread;
     Input input(settings);
     Output output(settings, input.port.get());
-    input.giveBuffers(1, 64);
-    input.port->start();
+    input.startWith(1, 64);
     Buffer* const message = output.begin(sysEx(200));
     waitAWhile();
     EXPECT_NE(0u, message->flags() & MHDR_INQUEUE);
     input.giveBuffers(4, 64);
     EXPECT_EQ(sysEx(200), input.recorder.waitForLong(200));
     EXPECT_EQ(1u, output.recorder.waitFor(MOM_DONE, 1).size());
-    EXPECT_EQ(0u, input.port->counters().droppedBytes);
+    EXPECT_EQ(0u, input.port->counters().dropped.bytes);
 }
 
 TEST(HeldBytes, DoNotHoldUpAResetOfTheOutput)
@@ -185,8 +163,7 @@ TEST_P(Ports, APreparedHeaderIsPreparedAgainWhateverItsFlagsSay)
 TEST_P(Ports, AnAbandonedPortCallsNobodyAndTouchesNoHeader)
 {
     Input input(settings);
-    const Buffer& buffer = *input.giveBuffers(1, 16).front();
-    input.port->start();
+    const Buffer& buffer = *input.startWith(1, 16).front();
     EXPECT_FALSE(input.port->wasRefused());
     EXPECT_EQ(MIDIERR_STILLPLAYING, input.port->close());
     EXPECT_TRUE(input.port->wasRefused());
@@ -208,8 +185,7 @@ TEST(OwnThread, MakesEveryCallbackOfItsPort)
     Input input(settings);
     {
         Output output(settings, input.port.get());
-        input.giveBuffers(4, 64);
-        input.port->start();
+        input.startWith(4, 64);
         output.port->sendShort(kNoteOn);
         output.send(sysEx(20));
         input.recorder.waitForLong(20);
@@ -298,8 +274,7 @@ TEST_P(Ports, ResetAndCloseInsideACallbackWaitForNothing)
             EXPECT_EQ(MMSYSERR_NOERROR, port->close());
         });
         port = input.port.get();
-        buffer = input.giveBuffers(1, 16).front();
-        input.port->start();
+        buffer = input.startWith(1, 16).front();
         EXPECT_TRUE(input.port->shortMessage(kNoteOn));
         EXPECT_EQ(1u, input.recorder.waitFor(MIM_CLOSE, 1).size());
         EXPECT_EQ(1u, input.recorder.notices(MIM_LONGDATA).size());
@@ -308,11 +283,20 @@ TEST_P(Ports, ResetAndCloseInsideACallbackWaitForNothing)
 
 // ---- Output -------------------------------------------------------------------------------------
 
-TEST(Outputs, FinishMessagesByHandInOrder)
+struct FinishedByHand : testing::Test
 {
-    Settings settings;
-    settings.completion = Completion::Manual;
-    Output output(settings, nullptr);
+    static Settings settings(Completion completion)
+    {
+        Settings result;
+        result.completion = completion;
+        return result;
+    }
+    Input input{settings(Completion::Inline)};
+    Output output{settings(Completion::Manual), input.port.get()};
+};
+
+TEST_F(FinishedByHand, MessagesAreDoneInOrder)
+{
     Buffer* const first = output.begin({0xF0, 1, 0xF7});
     Buffer* const second = output.begin({0xF0, 2, 0xF7});
     EXPECT_EQ(DWORD(MHDR_PREPARED | MHDR_INQUEUE), first->flags());
@@ -325,14 +309,9 @@ TEST(Outputs, FinishMessagesByHandInOrder)
     EXPECT_EQ(2u, output.recorder.notices(MOM_DONE).size());
 }
 
-TEST(Outputs, FinishOnceWhatAResetTakesAwayWhileItPlays)
+TEST_F(FinishedByHand, WhatAResetTakesAwayWhileItPlaysIsDoneOnce)
 {
-    Settings settings;
-    Input input(settings);
-    input.giveBuffers(2, 16);
-    input.port->start();
-    settings.completion = Completion::Manual;
-    Output output(settings, input.port.get());
+    input.startWith(2, 16);
     output.begin({0xF0, 1, 0xF7});
     Buffer* second = nullptr;
     input.recorder.also = [&](const Notice& notice) {
@@ -346,14 +325,9 @@ TEST(Outputs, FinishOnceWhatAResetTakesAwayWhileItPlays)
     EXPECT_EQ(second->header(), output.port->completeNext());
 }
 
-TEST(Outputs, LetShortMessagesPassWhatIsFinishedByHand)
+TEST_F(FinishedByHand, ShortMessagesPassLongOnes)
 {
-    Settings settings;
-    Input input(settings);
-    input.giveBuffers(1, 16);
-    input.port->start();
-    settings.completion = Completion::Manual;
-    Output output(settings, input.port.get());
+    input.startWith(1, 16);
     output.begin({0xF0, 1, 0xF7});
     EXPECT_EQ(MMSYSERR_NOERROR, output.port->sendShort(0xF8));
     EXPECT_EQ(MMSYSERR_INVALPARAM, output.port->sendShort(0xF0));
@@ -412,8 +386,7 @@ TEST_F(Pace, ResetCompletesWhatIsUnderWayAndWhatWaits)
     Input input(settings);
     settings.pace = 1000;
     Output output(settings, input.port.get());
-    input.giveBuffers(8, 64);
-    input.port->start();
+    input.startWith(8, 64);
     std::vector<MIDIHDR*> messages;
     for (int i = 0; i < 4; ++i)
         messages.push_back(output.begin(sysEx(2000))->header());
@@ -468,7 +441,7 @@ TEST_F(Generators, AFloodKeepsItsRateAndEnds)
     advance(1000);
     EXPECT_EQ(flood(200), input.recorder.waitForShort(200));
     waitAWhile();
-    EXPECT_EQ(200u, input.port->counters().deliveredShort);
+    EXPECT_EQ(200u, input.port->counters().delivered.shortMessages);
 }
 
 TEST_F(Generators, TakeTurnsAndBeginAnewAtEachStart)
@@ -503,8 +476,7 @@ TEST_F(Generators, AnEndlessOneEndsWithTheReset)
     settings.repeat = 0;
     settings.hold = 5000; // for ever, as time stands still
     Input input(settings);
-    input.giveBuffers(4, 64);
-    input.port->start();
+    input.startWith(4, 64);
     // The dump waits for buffers; those that come back are not queued again.
     EXPECT_LE(200u, input.recorder.waitForLong(200).size());
     ASSERT_EQ(MMSYSERR_NOERROR, input.port->reset());

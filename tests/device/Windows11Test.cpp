@@ -63,15 +63,14 @@ using Messages = std::vector<Bytes>;
 
 // ---- Input --------------------------------------------------------------------------------------
 
-struct Windows11Input : Windows11Kind
-{};
+using Windows11Input = Windows11Kind;
+using Windows11DeathTest = Windows11Kind;
 
 TEST_F(Windows11Input, CallsBackArrivalsOnItsWorkerAndTheRestInsideTheCalls)
 {
     settings.worker = true;
     Input input(settings);
-    input.giveBuffers(3, 16);
-    input.port->start();
+    input.startWith(3, 16);
     leave(input, kNoteOn);
     leave(input, Bytes{0xF0, 1, 0xF7});
     input.recorder.waitForShort(1);
@@ -119,8 +118,7 @@ TEST_F(Windows11Input, TakesEachHeaderThatIsLargeEnoughWhateverItsFlags)
 TEST_F(Windows11Input, ReturnsABufferWhenItIsFullOrAtF7AndForNoPause)
 {
     Input input(settings);
-    input.giveBuffers(5, 4);
-    input.port->start();
+    input.startWith(5, 4);
     arrive(input, {0xF0, 1, 2, 3, 4});
     EXPECT_EQ(heard(input, MIM_LONGDATA), (Messages{{0xF0, 1, 2, 3}}));
     arrive(input, {5, 0xF7});
@@ -134,8 +132,7 @@ TEST_F(Windows11Input, ReturnsABufferWhenItIsFullOrAtF7AndForNoPause)
 TEST_F(Windows11Input, ReturnsAPartialBufferAsAnErrorAndEmptyOnesAsData)
 {
     Input input(settings);
-    const auto buffers = input.giveBuffers(3, 16);
-    input.port->start();
+    const auto buffers = input.startWith(3, 16);
     arrive(input, {0xF0, 1});
     EXPECT_EQ(input.port->stop(), MMSYSERR_NOERROR);
     EXPECT_EQ(heard(input, MIM_LONGERROR), (Messages{{0xF0, 1}}));
@@ -148,8 +145,7 @@ TEST_F(Windows11Input, ReturnsAPartialBufferAsAnErrorAndEmptyOnesAsData)
 TEST_F(Windows11Input, ReturnsWhatAStatusByteBreaksOffAsAnError)
 {
     Input input(settings);
-    input.giveBuffers(6, 4);
-    input.port->start();
+    input.startWith(6, 4);
     for (const MIDIPiece::Kind how : {MIDIPiece::Kind::Broken, MIDIPiece::Kind::SysEx}) {
         arrive(input, {0xF0, 1});
         if (how == MIDIPiece::Kind::Broken)
@@ -170,8 +166,7 @@ TEST_F(Windows11Input, ReturnsWhatAStatusByteBreaksOffAsAnError)
 TEST_F(Windows11Input, ReturnsAnEmptyBufferForABreakWhereOneHasJustBeenReturned)
 {
     Input input(settings);
-    input.giveBuffers(2, 2);
-    input.port->start();
+    input.startWith(2, 2);
     arrive(input, {0xF0, 1});
     input.port->sysExBroken(kSource);
     EXPECT_EQ(heard(input, MIM_LONGDATA), (Messages{{0xF0, 1}, {}}));
@@ -182,8 +177,7 @@ TEST_F(Windows11Input, WaitsForABufferWithinAMessage)
 {
     settings.windows11.bufferWithin = kForEver;
     Input input(settings);
-    input.giveBuffers(1, 16);
-    input.port->start();
+    input.startWith(1, 16);
     std::thread worker([&] { EXPECT_EQ(arrive(input, sysEx(30)), 30u); });
     input.recorder.waitForLong(16);
     input.giveBuffers(1, 16);
@@ -194,8 +188,7 @@ TEST_F(Windows11Input, WaitsForABufferWithinAMessage)
 TEST_F(Windows11Input, ThrowsTheRestOfAMessageAwaySilentlyWhenNoBufferComes)
 {
     Input input(settings);
-    input.giveBuffers(1, 16);
-    input.port->start();
+    input.startWith(1, 16);
     EXPECT_EQ(arrive(input, sysEx(30)), 16u);
     // Its end is thrown away too, although there is a buffer by now.
     const Bytes message = sysEx(40);
@@ -235,8 +228,7 @@ TEST_F(Windows11Input, StampsTheBuffersOfAResetWithTheMachinesTime)
 {
     Time::set = 5'000'000;
     Input input(settings);
-    input.giveBuffers(2, 16);
-    input.port->start();
+    input.startWith(2, 16);
     arrive(input, {0xF0, 0xF7});
     input.port->reset();
     const std::vector<Notice> notices = input.recorder.notices(MIM_LONGDATA);
@@ -276,8 +268,6 @@ TEST_F(Windows11Input, LetsStopResetAndCloseWaitForTheWorker)
     }
 }
 
-using Windows11DeathTest = Windows11Input;
-
 TEST_F(Windows11DeathTest, AStopInsideTheWorkersCallbackNeverReturns)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -304,8 +294,7 @@ TEST_F(Windows11Output, HasFinishedAMessageWhenTheSendReturns)
 {
     Settings receiver;
     Input input(receiver);
-    input.giveBuffers(3, 4096);
-    input.port->start();
+    input.startWith(3, 4096);
     Output output(settings, input.port.get());
     Buffer* const message = output.prepared(sysEx(5000));
     DWORD flags = 0;
@@ -420,8 +409,7 @@ TEST_F(Windows11Output, HoldsUpEveryCallToAnyPortWhileAnotherCallWaitsForItsSend
 
 // ---- Unplugging ---------------------------------------------------------------------------------
 
-struct Windows11Unplugged : Windows11Output
-{};
+using Windows11Unplugged = Windows11Output;
 
 TEST_F(Windows11Unplugged, InputRefusesEveryCallAndKeepsItsBuffers)
 {
@@ -540,8 +528,7 @@ TEST_F(Windows11Unplugged, WithCleanUpStopAndResetWorkAndTheInputCloses)
 {
     settings.windows11.cleansUpAfterRemoval = true;
     Input input(settings);
-    const auto buffers = input.giveBuffers(2, 16);
-    input.port->start();
+    const auto buffers = input.startWith(2, 16);
     input.port->unplug();
     EXPECT_EQ(input.add(*buffers[0]), MMSYSERR_NODRIVER);
     EXPECT_EQ(input.port->stop(), MMSYSERR_NOERROR);

@@ -20,12 +20,10 @@ typedef struct LumoraCableCounters
 {
     DWORD size;               // set by the caller to sizeof(LumoraCableCounters)
     DWORD queuedBuffers;      // headers that the port still owes its client
-    ULONGLONG deliveredShort; // input: messages called back; output: handed to an open input
-    ULONGLONG
-    deliveredBytes; // input: bytes in the buffers called back; output: handed to an open input
-    ULONGLONG droppedShort; // input: more than it keeps waiting; output: no input is open
-    ULONGLONG
-    droppedBytes; // input: no buffer was queued; output: no input is open, or no MIDI message
+    ULONGLONG deliveredShort; // by an input to its client, by an output to an open input
+    ULONGLONG deliveredBytes; // of an input: in the buffers called back
+    ULONGLONG droppedShort;   // input: more than it keeps waiting; output: no input is open
+    ULONGLONG droppedBytes;   // input: no buffer was queued; output: also no MIDI message
 } LumoraCableCounters;
 
 // midiInMessage or midiOutMessage with this code and the address of a LumoraCableCounters in the

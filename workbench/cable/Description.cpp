@@ -1,9 +1,15 @@
 #include "workbench/cable/Description.h"
 
+#include "workbench/cable/System.h"
+
+#include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <iterator>
 #include <optional>
+#include <sstream>
+#include <string_view>
 #include <system_error>
 
 namespace cable {
@@ -23,67 +29,12 @@ struct BadLine
     std::string reason;
 };
 
-bool isSpace(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r';
-}
-
-// Reads one line from left to right.
-class LineReader
-{
-public:
-    explicit LineReader(std::string_view line) : text(line) {}
-
-    bool atEnd()
-    {
-        while (!text.empty() && isSpace(text.front()))
-            text.remove_prefix(1);
-        return text.empty() || text.front() == '#';
-    }
-
-    std::string_view word()
-    {
-        std::size_t length = 0;
-        while (length < text.size() && !isSpace(text[length]))
-            ++length;
-        const std::string_view result = text.substr(0, length);
-        text.remove_prefix(length);
-        return result;
-    }
-
-    // A name in double quotes; \" and \\ stand for the characters themselves.
-    std::string quoted()
-    {
-        if (atEnd() || text.front() != '"')
-            throw BadLine{"a name in double quotes must follow the direction"};
-        std::string name;
-        for (std::size_t i = 1; i < text.size(); ++i) {
-            if (text[i] == '"') {
-                text.remove_prefix(i + 1);
-                return name;
-            }
-            const bool escaped = text[i] == '\\' && i + 1 < text.size() &&
-                                 (text[i + 1] == '"' || text[i + 1] == '\\');
-            name += text[escaped ? ++i : i];
-        }
-        throw BadLine{"the name has no closing quote"};
-    }
-
-private:
-    std::string_view text;
-};
-
 std::optional<DWORD> decimal(std::string_view text)
 {
-    if (text.empty() || text.size() > 9) // nine digits fit a DWORD
-        return std::nullopt;
     DWORD value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9')
-            return std::nullopt;
-        value = value * 10 + static_cast<DWORD>(c - '0');
-    }
-    return value;
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, value);
+    return error == std::errc() && last == end ? std::optional(value) : std::nullopt;
 }
 
 // The part of an option behind its equals sign.
@@ -209,7 +160,7 @@ const Option kOptions[] = {
      [](Port p, Of v) { p.pace = v.is("wire") ? kWireBytesPerSecond : v.number(1); }},
 };
 
-void apply(PortDescription& port, std::string_view text)
+void setOption(PortDescription& port, std::string_view text)
 {
     const std::size_t equals = text.find('=');
     const std::string_view key = text.substr(0, equals);
@@ -234,61 +185,53 @@ std::wstring wideName(const std::string& utf8)
     }
 }
 
-PortDescription parseLine(LineReader line)
+// In double quotes; \" and \\ stand for the characters themselves.
+std::string quotedName(std::istream& line)
+{
+    std::string name;
+    if ((line >> std::ws).peek() != '"')
+        throw BadLine{"a name in double quotes must follow the direction"};
+    if (!(line >> std::quoted(name)))
+        throw BadLine{"the name has no closing quote"};
+    return name;
+}
+
+PortDescription parseLine(const std::string& direction, std::istream& line)
 {
     PortDescription port;
     port.completion = device::Completion::Thread;
     port.to = kToUnset;
-    const std::string_view direction = line.word();
     if (direction != "in" && direction != "out")
-        throw BadLine{"a port begins with \"in\" or \"out\", not \"" + std::string(direction) +
-                      "\""};
+        throw BadLine{"a port begins with \"in\" or \"out\", not \"" + direction + "\""};
     port.isInput = direction == "in";
-    port.name = wideName(line.quoted());
-    while (!line.atEnd())
-        apply(port, line.word());
+    port.name = wideName(quotedName(line));
+    for (std::string option; line >> option && option[0] != '#';)
+        setOption(port, option);
     const bool isWindows11 = port.kind == device::DriverKind::Windows11;
     port.ownThread = !isWindows11;
     port.worker = isWindows11 && port.isInput;
     return port;
 }
 
-std::optional<std::string> environment(const wchar_t* name)
-{
-    constexpr DWORD kLongest = 32767; // that a variable can be
-    std::wstring text(kLongest, L'\0');
-    SetLastError(ERROR_SUCCESS);
-    text.resize(GetEnvironmentVariableW(name, text.data(), kLongest));
-    if (text.empty() && GetLastError() == ERROR_ENVVAR_NOT_FOUND)
-        return std::nullopt;
-    return std::filesystem::path(text).u8string();
-}
-
-std::optional<std::string> readFile(const std::string& path)
-{
-    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
-    if (!file)
-        return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
 } // namespace
 
-Description parseDescription(std::string_view utf8)
+Description parseDescription(const std::string& utf8)
 {
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-    if (utf8.substr(0, byteOrderMark.size()) == byteOrderMark)
-        utf8.remove_prefix(byteOrderMark.size());
+    std::istringstream text(utf8);
+    if (utf8.compare(0, byteOrderMark.size(), byteOrderMark) == 0)
+        text.ignore(byteOrderMark.size());
 
     Description result;
-    for (unsigned number = 1; !utf8.empty(); ++number) {
-        const std::size_t end = utf8.find('\n');
-        LineReader line(utf8.substr(0, end));
-        utf8.remove_prefix(end == std::string_view::npos ? utf8.size() : end + 1);
-        if (line.atEnd())
+    unsigned number = 0;
+    for (std::string wholeLine; std::getline(text, wholeLine);) {
+        ++number;
+        std::istringstream line(wholeLine);
+        std::string direction;
+        if (!(line >> direction) || direction[0] == '#')
             continue;
         try {
-            PortDescription port = parseLine(line);
+            PortDescription port = parseLine(direction, line);
             (port.isInput ? result.inputs : result.outputs).push_back(std::move(port));
         } catch (const BadLine& bad) {
             result.complaints.push_back("line " + std::to_string(number) +
@@ -308,14 +251,14 @@ Description parseDescription(std::string_view utf8)
 Description readDescription()
 {
     if (const auto text = environment(L"LUMORA_CABLE"))
-        return parseDescription(*text);
-    const auto path = environment(L"LUMORA_CABLE_FILE");
-    if (!path || path->empty())
+        return parseDescription(std::filesystem::path(*text).u8string());
+    const std::filesystem::path path = environment(L"LUMORA_CABLE_FILE").value_or(L"");
+    if (path.empty())
         return parseDescription(kDefaultDescription);
-    if (const auto text = readFile(*path))
-        return parseDescription(*text);
+    if (std::ifstream file(path, std::ios::binary); file)
+        return parseDescription(std::string(std::istreambuf_iterator<char>(file), {}));
     Description none;
-    none.complaints.push_back("the description file \"" + *path +
+    none.complaints.push_back("the description file \"" + path.u8string() +
                               "\" cannot be read, so there are no ports");
     return none;
 }

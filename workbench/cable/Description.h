@@ -4,7 +4,7 @@
 #include "workbench/device/Settings.h"
 
 #include <string>
-#include <string_view>
+#include <vector>
 
 namespace cable {
 
@@ -33,7 +33,7 @@ struct Description
     std::vector<std::string> complaints; // one sentence for each line that was left out
 };
 
-Description parseDescription(std::string_view utf8);
+Description parseDescription(const std::string& utf8);
 
 // From the environment: LUMORA_CABLE, else the file that LUMORA_CABLE_FILE names, else one
 // connected pair.

@@ -30,25 +30,17 @@ const char* direction(const PortDescription& description)
 
 // ---- Capabilities -------------------------------------------------------------------------------
 
-template <class Caps>
-Caps commonCaps(const PortDescription& description, WORD product)
+MIDIINCAPSW capsOf(const InputPlace&)
 {
-    Caps caps = {};
-    caps.wMid = kManufacturer;
-    caps.wPid = product;
-    caps.vDriverVersion = kDriverVersion;
-    std::copy(description.name.begin(), description.name.end(), caps.szPname);
+    MIDIINCAPSW caps = {};
+    caps.wPid = 1;
     return caps;
 }
 
-MIDIINCAPSW capsOf(const InputPlace& place)
+MIDIOUTCAPSW capsOf(const OutputPlace&)
 {
-    return commonCaps<MIDIINCAPSW>(place.description, 1);
-}
-
-MIDIOUTCAPSW capsOf(const OutputPlace& place)
-{
-    auto caps = commonCaps<MIDIOUTCAPSW>(place.description, 2);
+    MIDIOUTCAPSW caps = {};
+    caps.wPid = 2;
     caps.wTechnology = MOD_MIDIPORT;
     caps.wChannelMask = 0xFFFF;
     return caps;
@@ -63,7 +55,10 @@ DWORD copyCaps(const Place<OpenPort>& place, DWORD_PTR target, DWORD_PTR size)
         return MMSYSERR_NODRIVER;
     if (place.description.capsResult != MMSYSERR_NOERROR)
         return place.description.capsResult;
-    const auto caps = capsOf(place);
+    auto caps = capsOf(place);
+    caps.wMid = kManufacturer;
+    caps.vDriverVersion = kDriverVersion;
+    std::copy(place.description.name.begin(), place.description.name.end(), caps.szPname);
     std::memcpy(reinterpret_cast<void*>(target), &caps, std::min<std::size_t>(size, sizeof caps));
     return MMSYSERR_NOERROR;
 }
@@ -74,8 +69,8 @@ DWORD copyCounters(device::Port& port, DWORD_PTR target)
     if (!counters || counters->size != sizeof *counters)
         return MMSYSERR_INVALPARAM;
     const device::Counters found = port.counters();
-    *counters = {sizeof *counters,     found.queuedBuffers, found.deliveredShort,
-                 found.deliveredBytes, found.droppedShort,  found.droppedBytes};
+    *counters = {sizeof *counters,      found.queuedBuffers,         found.delivered.shortMessages,
+                 found.delivered.bytes, found.dropped.shortMessages, found.dropped.bytes};
     return MMSYSERR_NOERROR;
 }
 
@@ -135,29 +130,20 @@ private:
 // it.
 void keepLoaded()
 {
-    static const bool kept = [] {
-        HMODULE module = nullptr;
-        return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN |
-                                      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                                  reinterpret_cast<LPCWSTR>(&keepLoaded), &module) != FALSE;
-    }();
+    static HMODULE module = nullptr;
+    static const BOOL kept =
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                           reinterpret_cast<LPCWSTR>(&keepLoaded), &module);
     static_cast<void>(kept);
 }
-
-void listen(const std::shared_ptr<InputPort>& port)
-{
-    port->listener.start(port);
-}
-
-void listen(const std::shared_ptr<OutputPort>&) {}
 
 template <class OpenPort>
 void logClose(const Place<OpenPort>& place, OpenPort& port)
 {
     const device::Counters last = port.counters();
     logEvent(direction(place.description), place.position, "close dropped %llu bytes %llu short",
-             static_cast<unsigned long long>(last.droppedBytes),
-             static_cast<unsigned long long>(last.droppedShort));
+             static_cast<unsigned long long>(last.dropped.bytes),
+             static_cast<unsigned long long>(last.dropped.shortMessages));
 }
 
 template <class OpenPort>
@@ -198,7 +184,8 @@ DWORD openPort(Place<OpenPort>& place, DWORD_PTR user, const MIDIOPENDESC* reque
         place.remove(port);
         return MMSYSERR_NOMEM;
     }
-    listen(port);
+    if constexpr (std::is_same_v<OpenPort, InputPort>)
+        port->listener.start(port);
     logEvent(direction(place.description), place.position, "open");
     *reinterpret_cast<DWORD_PTR*>(user) = port->id;
     if (const DWORD after = place.description.unplugAfter) {
@@ -282,7 +269,7 @@ DWORD ownMessage(OutputPlace& place, OutputPort& port, UINT message, DWORD_PTR p
 template <class OpenPort>
 DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const Codes& codes,
              UINT device, UINT message, DWORD_PTR user, DWORD_PTR parameter1, DWORD_PTR parameter2)
-{
+try {
     if (message == DRVM_INIT || message == DRVM_EXIT || message == DRVM_ENABLE ||
         message == DRVM_DISABLE)
         return MMSYSERR_NOERROR;
@@ -321,11 +308,16 @@ DWORD answer(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, const 
         return port->reset();
     }
     return ownMessage(place, *port, message, parameter1, parameter2);
+} catch (const std::bad_alloc&) {
+    return MMSYSERR_NOMEM;
 }
 
 template <class OpenPort>
-void controlPlace(Place<OpenPort>& place, int command)
+BOOL control(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, int command, UINT device)
 {
+    if (device >= places.size())
+        return FALSE;
+    Place<OpenPort>& place = *places[device];
     if (command == LUMORA_CABLE_UNPLUG || command == LUMORA_CABLE_PLUG_IN)
         place.present.store(command == LUMORA_CABLE_PLUG_IN);
     for (const auto& port : place.current()) {
@@ -339,14 +331,6 @@ void controlPlace(Place<OpenPort>& place, int command)
                 port->stall(command == LUMORA_CABLE_STALL);
         }
     }
-}
-
-template <class OpenPort>
-BOOL control(const std::vector<std::unique_ptr<Place<OpenPort>>>& places, int command, UINT device)
-{
-    if (device >= places.size())
-        return FALSE;
-    controlPlace(*places[device], command);
     return TRUE;
 }
 
@@ -359,23 +343,15 @@ extern "C" {
 __declspec(dllexport) DWORD CALLBACK midMessage(UINT device, UINT message, DWORD_PTR user,
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
-    try {
-        return cable::answer(cable::PortTable::instance().inputs, cable::kInputCodes, device,
-                             message, user, parameter1, parameter2);
-    } catch (const std::bad_alloc&) {
-        return MMSYSERR_NOMEM;
-    }
+    return cable::answer(cable::PortTable::instance().inputs, cable::kInputCodes, device, message,
+                         user, parameter1, parameter2);
 }
 
 __declspec(dllexport) DWORD CALLBACK modMessage(UINT device, UINT message, DWORD_PTR user,
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
-    try {
-        return cable::answer(cable::PortTable::instance().outputs, cable::kOutputCodes, device,
-                             message, user, parameter1, parameter2);
-    } catch (const std::bad_alloc&) {
-        return MMSYSERR_NOMEM;
-    }
+    return cable::answer(cable::PortTable::instance().outputs, cable::kOutputCodes, device, message,
+                         user, parameter1, parameter2);
 }
 
 __declspec(dllexport) LRESULT CALLBACK

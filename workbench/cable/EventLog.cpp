@@ -15,14 +15,12 @@ class EventLog
 public:
     EventLog()
     {
-        wchar_t path[MAX_PATH];
-        const DWORD length = GetEnvironmentVariableW(L"LUMORA_CABLE_LOG", path, MAX_PATH);
-        if (length == 0)
+        const std::wstring path = environment(L"LUMORA_CABLE_LOG").value_or(L"");
+        if (path.empty())
             return;
-        if (length < MAX_PATH)
-            file = Handle(CreateFileW(path, FILE_APPEND_DATA | SYNCHRONIZE,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                      nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        file = Handle(CreateFileW(path.c_str(), FILE_APPEND_DATA | SYNCHRONIZE,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
         // Wine finds the end of the file and writes there in two steps, so processes take turns.
         turn = Handle(CreateMutexW(nullptr, FALSE, L"lumora-cable-log"));
         if (!file)

@@ -1,38 +1,24 @@
 // What travels between two processes: a frame is one message of the pipe and holds whole pieces,
-// each a PieceHeader and, for SysEx, its bytes. The receiver answers every frame with one byte once
-// the input has it.
+// each a MIDIPiece as it lies in memory and its bytes. The receiver answers every frame with one
+// byte once the input has it.
 #pragma once
 
 #include "transport/MIDIByteStream.h"
-
-#include <string>
-#include <windows.h>
+#include "workbench/cable/System.h"
 
 namespace cable {
 
 constexpr DWORD kLargestFrame = 32 * 1024;
 constexpr BYTE kFrameTaken = 1;
 
-struct PieceHeader
-{
-    static constexpr BYTE kFirst = 1;
-    static constexpr BYTE kLast = 2;
-
-    MIDIPiece::Kind kind;
-    DWORD flags; // of a SysEx piece
-    DWORD value; // the message, or the number of bytes that follow
-};
-
 // By position, so that every process reaches the same input whatever its description calls it, and
 // within the group that LUMORA_CABLE_GROUP names.
 inline std::wstring pipeName(unsigned inputPosition)
 {
-    wchar_t group[64];
-    const DWORD length = GetEnvironmentVariableW(L"LUMORA_CABLE_GROUP", group, 64);
-    std::wstring name = L"\\\\.\\pipe\\lumora-cable-";
-    if (length > 0 && length < 64)
-        name.append(group, length) += L'-';
-    return name + L"in-" + std::to_wstring(inputPosition);
+    std::wstring group = environment(L"LUMORA_CABLE_GROUP").value_or(L"").substr(0, 63);
+    if (!group.empty())
+        group += L'-';
+    return L"\\\\.\\pipe\\lumora-cable-" + group + L"in-" + std::to_wstring(inputPosition);
 }
 
 } // namespace cable

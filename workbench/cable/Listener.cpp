@@ -100,22 +100,14 @@ private:
         const BYTE* at = frame.data();
         const BYTE* const end = at + length;
         while (at < end) {
-            PieceHeader header;
-            if (static_cast<std::size_t>(end - at) < sizeof header)
+            MIDIPiece piece;
+            if (static_cast<std::size_t>(end - at) < sizeof piece)
                 return false;
-            std::memcpy(&header, at, sizeof header);
-            at += sizeof header;
-            MIDIPiece piece{header.kind};
-            if (header.kind == MIDIPiece::Kind::Short) {
-                piece.word = header.value;
-            } else if (header.kind == MIDIPiece::Kind::SysEx) {
-                if (header.value == 0 || header.value > static_cast<std::size_t>(end - at))
-                    return false;
-                piece.bytes = at;
-                piece.length = header.value;
-                piece.first = (header.flags & PieceHeader::kFirst) != 0;
-                piece.last = (header.flags & PieceHeader::kLast) != 0;
-            }
+            std::memcpy(&piece, at, sizeof piece);
+            at += sizeof piece;
+            if (static_cast<std::size_t>(end - at) < piece.length)
+                return false;
+            piece.bytes = at;
             input.take(source, piece, pause);
             at += piece.length;
         }

@@ -2,6 +2,8 @@
 
 #include "workbench/cable/EventLog.h"
 
+#include <utility>
+
 namespace cable {
 
 namespace {
@@ -18,12 +20,6 @@ void fill(std::vector<std::unique_ptr<AnyPlace>>& places, std::vector<PortDescri
 }
 
 } // namespace
-
-DWORD_PTR nextPortId()
-{
-    static std::atomic<DWORD_PTR> last{0};
-    return ++last;
-}
 
 PortTable& PortTable::instance()
 {
@@ -94,16 +90,10 @@ void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
 void Lead::disconnect(device::Counters& counters)
 {
     local.clear();
-    for (Delivery* taken : {&delivered, &remote.sent}) {
-        counters.deliveredShort += taken->shortMessages;
-        counters.deliveredBytes += taken->bytes;
-        *taken = {};
-    }
-    for (Delivery* lost : {&dropped, &remote.lost}) {
-        counters.droppedShort += lost->shortMessages;
-        counters.droppedBytes += lost->bytes;
-        *lost = {};
-    }
+    for (device::Delivery* const taken : {&delivered, &remote.sent})
+        counters.delivered += std::exchange(*taken, {});
+    for (device::Delivery* const lost : {&dropped, &remote.lost})
+        counters.dropped += std::exchange(*lost, {});
 }
 
 } // namespace cable

@@ -12,10 +12,10 @@
 
 namespace cable {
 
-// Never 0, never the same twice in a process: a call through a stale handle is recognised.
-DWORD_PTR nextPortId();
-
 class InputPort;
+
+// Never the same twice: a call through a stale handle is recognised.
+using PortId = DWORD_PTR;
 
 // What an output feeds: an input of this process, else one of another, else nothing.
 class Lead : public device::Wire
@@ -37,7 +37,7 @@ private:
     const device::SourceId source = device::nextSourceId();
     std::vector<std::shared_ptr<InputPort>> local; // the input, if this process has it open
     RemoteInput remote;                            // otherwise
-    Delivery delivered, dropped;                   // not yet in the counters
+    device::Delivery delivered, dropped;           // not yet in the counters
 };
 
 // Other processes reach the input while it is open.
@@ -47,7 +47,7 @@ public:
     InputPort(const PortDescription& description, unsigned position, Callback callback);
     void released() override { listener.stop(); }
 
-    const DWORD_PTR id = nextPortId();
+    const PortId id = device::nextSourceId();
     Listener listener;
 };
 
@@ -56,7 +56,7 @@ class OutputPort : public device::OutputPort
 public:
     OutputPort(const PortDescription& description, unsigned position, Callback callback);
 
-    const DWORD_PTR id = nextPortId();
+    const PortId id = device::nextSourceId();
 };
 
 // The place of one port. The counts number the calls for the description's faults, from the
@@ -83,7 +83,7 @@ struct Place
     }
 
     // The port that the client's handle stands for; null if that has been closed.
-    std::shared_ptr<OpenPort> current(DWORD_PTR id)
+    std::shared_ptr<OpenPort> current(PortId id)
     {
         for (auto& port : current()) {
             if (port->id == id)

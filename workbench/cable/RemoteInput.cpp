@@ -1,6 +1,7 @@
 #include "workbench/cable/RemoteInput.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace cable {
 
@@ -18,10 +19,10 @@ RemoteInput::RemoteInput(unsigned inputPosition) : name(pipeName(inputPosition))
 void RemoteInput::take(MIDIPiece piece)
 {
     do {
-        if (frame.size() + sizeof(PieceHeader) >= kLargestFrame)
+        if (frame.size() + sizeof(MIDIPiece) >= kLargestFrame)
             flush();
         MIDIPiece part = piece;
-        part.length = std::min(kLargestFrame - frame.size() - sizeof(PieceHeader), piece.length);
+        part.length = std::min(kLargestFrame - frame.size() - sizeof(MIDIPiece), piece.length);
         part.last = piece.last && part.length == piece.length;
         append(part);
         piece.first = false;
@@ -42,23 +43,14 @@ void RemoteInput::flush()
             outcome = transact();
         taken = outcome == Outcome::Taken;
     }
-    Delivery& delivery = taken ? sent : lost;
-    delivery.shortMessages += inFrame.shortMessages;
-    delivery.bytes += inFrame.bytes;
-    inFrame = {};
+    (taken ? sent : lost) += std::exchange(inFrame, {});
     frame.clear();
 }
 
 void RemoteInput::append(const MIDIPiece& piece)
 {
-    const bool isShort = piece.kind == MIDIPiece::Kind::Short;
-    const PieceHeader header{piece.kind,
-                             static_cast<DWORD>((piece.first ? PieceHeader::kFirst : 0) |
-                                                (piece.last ? PieceHeader::kLast : 0)),
-                             isShort ? static_cast<DWORD>(piece.word)
-                                     : static_cast<DWORD>(piece.length)};
-    const auto* const bytes = reinterpret_cast<const BYTE*>(&header);
-    frame.insert(frame.end(), bytes, bytes + sizeof header);
+    const auto* const header = reinterpret_cast<const BYTE*>(&piece);
+    frame.insert(frame.end(), header, header + sizeof piece);
     frame.insert(frame.end(), piece.bytes, piece.bytes + piece.length);
     inFrame.count(piece);
 }

@@ -3,23 +3,11 @@
 
 #include "workbench/cable/Frame.h"
 #include "workbench/cable/System.h"
+#include "workbench/device/Port.h"
 
 #include <vector>
 
 namespace cable {
-
-// What has been handed over.
-struct Delivery
-{
-    ULONGLONG shortMessages = 0;
-    ULONGLONG bytes = 0;
-
-    void count(const MIDIPiece& piece)
-    {
-        shortMessages += piece.kind == MIDIPiece::Kind::Short ? 1 : 0;
-        bytes += piece.length;
-    }
-};
 
 // Used by the output's thread alone, except cancel() and allow().
 class RemoteInput
@@ -39,8 +27,8 @@ public:
     void allow() { ResetEvent(cancelled.get()); }
 
     // By flush(), until somebody takes them away.
-    Delivery sent;
-    Delivery lost;
+    device::Delivery sent;
+    device::Delivery lost;
 
 private:
     enum class Outcome { Taken, Closed, Failed };
@@ -54,7 +42,7 @@ private:
     const Handle done{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     const Handle cancelled{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     std::vector<BYTE> frame;
-    Delivery inFrame;
+    device::Delivery inFrame;
 };
 
 } // namespace cable

@@ -1,7 +1,9 @@
-// The little of Win32 that the cable needs in C++ clothes: an owned handle, and the time that all
-// processes share.
+// The little of Win32 that the cable needs in C++ clothes: an owned handle, the environment, and
+// the time that all processes share.
 #pragma once
 
+#include <optional>
+#include <string>
 #include <utility>
 #include <windows.h>
 
@@ -34,6 +36,18 @@ public:
 private:
     HANDLE handle = nullptr;
 };
+
+// As it is now: the C library's copy is from the beginning of the process.
+inline std::optional<std::wstring> environment(const wchar_t* name)
+{
+    constexpr DWORD longest = 32767; // that a variable can be
+    std::wstring text(longest, L'\0');
+    SetLastError(ERROR_SUCCESS);
+    text.resize(GetEnvironmentVariableW(name, text.data(), longest));
+    if (text.empty() && GetLastError() == ERROR_ENVVAR_NOT_FOUND)
+        return std::nullopt;
+    return text;
+}
 
 inline LONGLONG nanoseconds()
 {

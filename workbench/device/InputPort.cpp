@@ -58,18 +58,17 @@ InputPort::~InputPort()
 
 MMRESULT InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
 {
-    MMRESULT refusal = lookUp();
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = lookUp())
         return refusal;
     const Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
-    if (isWindows11()) // whatever the flags say
-        refusal = header && size >= kLeastHeader ? MMSYSERR_NOERROR : MMSYSERR_INVALPARAM;
-    else
-        refusal = checkHeader(header, size);
-    if (refusal != MMSYSERR_NOERROR)
+    if (isWindows11()) { // whatever the flags say
+        if (!header || size < kLeastHeader)
+            return MMSYSERR_INVALPARAM;
+    } else if (const MMRESULT refusal = checkHeader(header, size)) {
         return refusal;
+    }
     header->dwBytesRecorded = 0;
     markQueued(*header);
     buffers.push_back(header);
@@ -81,21 +80,15 @@ MMRESULT InputPort::start()
 {
     if (settings.startResult != MMSYSERR_NOERROR)
         return settings.startResult;
-    const MMRESULT refusal = lookUp();
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = lookUp())
         return refusal;
     const Lock held(lock);
     if (started.load())
         return MMSYSERR_NOERROR;
     const std::int64_t now = settings.clock();
     startedAt.store(now, std::memory_order_relaxed);
-    generator = 0;
-    round = 0;
-    produced = 0;
-    generatorSince = now;
-    lastPlayed = now;
-    floodCounter = 0;
-    dumpCounter = 0;
+    progress = {};
+    progress.since = progress.lastPlayed = now;
     started.store(true);
     wakeThread();
     return MMSYSERR_NOERROR;
@@ -103,8 +96,7 @@ MMRESULT InputPort::start()
 
 MMRESULT InputPort::stop()
 {
-    const MMRESULT refusal = stopWorker();
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = stopWorker())
         return refusal;
     Lock held(lock);
     conclude(held, stopAndTakePartial(), false);
@@ -113,8 +105,7 @@ MMRESULT InputPort::stop()
 
 MMRESULT InputPort::reset()
 {
-    const MMRESULT refusal = stopWorker();
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = stopWorker())
         return refusal;
     // Windows 11's driver holds it while it calls the client.
     std::unique_lock<std::recursive_mutex> own(portLock, std::defer_lock);
@@ -141,8 +132,7 @@ MMRESULT InputPort::stopWorker()
 {
     if (!isWindows11())
         return MMSYSERR_NOERROR;
-    const MMRESULT refusal = lookUp(settings.windows11.cleansUpAfterRemoval);
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = lookUp(settings.windows11.cleansUpAfterRemoval))
         return refusal;
     {
         const Lock held(lock);
@@ -160,7 +150,7 @@ void InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
     if (isUnplugged())
         return;
     if (arrivals.size() >= kMostPending) {
-        ++tally.droppedShort;
+        ++tally.dropped.shortMessages;
         return;
     }
     arrivals.push_back(
@@ -206,14 +196,14 @@ std::size_t InputPort::handle(SourceId source, MIDIPiece piece)
         found = awaitBuffer(held, found ? settings.windows11.bufferAtStart : 0);
         dropping = !found;
     } else if (sysExSource != source) {
-        tally.droppedBytes += piece.length;
+        tally.dropped.bytes += piece.length;
         return 0;
     }
     std::size_t taken = 0;
     while (piece.length > 0 && started.load()) {
         dropping = dropping || !awaitBuffer(held, settings.windows11.bufferWithin);
         if (dropping) {
-            tally.droppedBytes += piece.length;
+            tally.dropped.bytes += piece.length;
             break;
         }
         taken += fillFirst(held, piece);
@@ -227,15 +217,9 @@ std::size_t InputPort::handle(SourceId source, MIDIPiece piece)
 
 bool InputPort::awaitBuffer(Lock& held, DWORD milliseconds)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    while (buffers.empty() && started.load()) {
-        const auto left = end - std::chrono::steady_clock::now();
-        if (left.count() <= 0)
-            return false;
-        const auto whole = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
-        bufferAdded.wait(held, static_cast<DWORD>(whole + 1));
-    }
-    return started.load();
+    return bufferAdded.waitFor(held, milliseconds, [&] {
+        return !buffers.empty() || !started.load();
+    }) && started.load();
 }
 
 // Where a buffer has just been returned there is nothing to report; the next one comes back empty.
@@ -281,7 +265,7 @@ bool InputPort::shortMessage(DWORD word)
     if (!started.load())
         return false;
     if (waitingNotices() >= kMostPending)
-        ++tally.droppedShort;
+        ++tally.dropped.shortMessages;
     else
         tell(held, {MIM_DATA, word, timeStamp()});
     return true;
@@ -325,7 +309,7 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& paus
             goOn = pause ? pause(1) : sleepAnyway(1);
             held.lock();
         } else {
-            tally.droppedBytes += piece.length;
+            tally.dropped.bytes += piece.length;
             break;
         }
     }
@@ -403,7 +387,7 @@ void InputPort::endWork()
 {
     started.store(false);
     sysExSource = 0;
-    tally.droppedShort += dropNotices(MIM_DATA);
+    tally.dropped.shortMessages += dropNotices(MIM_DATA);
 }
 
 void InputPort::discardWork()
@@ -428,7 +412,7 @@ bool InputPort::accepts(Lock& held, SourceId source, const MIDIPiece& piece)
         endSysEx(held, MIM_LONGERROR);
         sysExSource = source;
     } else if (sysExSource != source) {
-        tally.droppedBytes += piece.length;
+        tally.dropped.bytes += piece.length;
         return false;
     }
     return started.load();
@@ -486,24 +470,24 @@ DWORD InputPort::play(Lock& held)
 {
     const InProgress inProgress(*this);
     const std::vector<Generator>& generators = settings.generators;
-    const bool over = settings.repeat != 0 && round == settings.repeat;
+    const bool over = settings.repeat != 0 && progress.round == settings.repeat;
     if (!started.load() || isUnplugged() || generators.empty() || over)
         return INFINITE;
-    const Generator& playing = generators[generator];
+    const Generator& playing = generators[progress.generator];
     const std::int64_t now = settings.clock();
-    const std::int64_t due =
-        playing.perSecond ? generatorSince + std::int64_t(produced) * 1000000 / playing.perSecond
-                          : now;
+    const std::int64_t due = playing.perSecond ? progress.since + std::int64_t(progress.produced) *
+                                                                      1000000 / playing.perSecond
+                                               : now;
     if (now < due)
         return static_cast<DWORD>((due - now + 999) / 1000);
     DWORD pause = 0;
     if (playing.kind == Generator::Kind::Flood) {
-        ++produced;
-        tell(held, {MIM_DATA, floodWord(floodCounter++), timeStamp()});
+        ++progress.produced;
+        tell(held, {MIM_DATA, floodWord(progress.floods++), timeStamp()});
     } else {
         pause = playDump(held, playing, now);
     }
-    if (produced == playing.count)
+    if (progress.produced == playing.count)
         nextGenerator();
     return pause;
 }
@@ -513,44 +497,44 @@ DWORD InputPort::play(Lock& held)
 // gets its lock.
 DWORD InputPort::playDump(Lock& held, const Generator& dump, std::int64_t now)
 {
-    const bool first = produced == 0;
+    const bool first = progress.produced == 0;
     if (first && sysExSource != 0 && sysExSource != self)
         return 1;
 
     BYTE bytes[kDumpPiece];
     const DWORD most =
         dump.perSecond ? std::clamp<DWORD>(dump.perSecond / 100, 1, kDumpPiece) : kDumpPiece;
-    const DWORD length = std::min(most, dump.count - produced);
+    const DWORD length = std::min(most, dump.count - progress.produced);
     for (DWORD i = 0; i < length; ++i)
-        bytes[i] = dumpByte(produced + i, dump.count, dumpCounter);
+        bytes[i] = dumpByte(progress.produced + i, dump.count, progress.dumps);
 
     MIDIPiece piece{MIDIPiece::Kind::SysEx, 0, bytes, length, first, false};
     if (isWindows11()) {
-        produced += length;
-        piece.last = produced == dump.count;
-        dumpCounter += piece.last ? 1 : 0;
+        progress.produced += length;
+        piece.last = progress.produced == dump.count;
+        progress.dumps += piece.last ? 1 : 0;
         held.unlock();
         const std::size_t heard = handle(self, piece);
         held.lock();
         return heard > 0 ? 0 : 1;
     }
     if (!accepts(held, self, piece)) { // another message has put an end to this one
-        produced = dump.count;
-        ++dumpCounter;
+        progress.produced = dump.count;
+        ++progress.dumps;
         return 0;
     }
     while (piece.length > 0 && fillFirst(held, piece) > 0) {
     }
     const DWORD taken = length - static_cast<DWORD>(piece.length);
-    produced += taken;
+    progress.produced += taken;
     if (taken > 0)
-        lastPlayed = now;
-    if (piece.length > 0 && now - lastPlayed >= std::int64_t(settings.hold) * 1000) {
-        tally.droppedBytes += piece.length;
-        produced += static_cast<DWORD>(piece.length);
+        progress.lastPlayed = now;
+    if (piece.length > 0 && now - progress.lastPlayed >= std::int64_t(settings.hold) * 1000) {
+        tally.dropped.bytes += piece.length;
+        progress.produced += static_cast<DWORD>(piece.length);
     }
-    if (produced == dump.count) {
-        ++dumpCounter;
+    if (progress.produced == dump.count) {
+        ++progress.dumps;
         if (sysExSource == self)
             endSysEx(held, MIM_LONGDATA);
     }
@@ -559,13 +543,12 @@ DWORD InputPort::playDump(Lock& held, const Generator& dump, std::int64_t now)
 
 void InputPort::nextGenerator()
 {
-    produced = 0;
-    generatorSince = settings.clock();
-    lastPlayed = generatorSince;
-    if (++generator == settings.generators.size()) {
-        generator = 0;
+    progress.produced = 0;
+    progress.since = progress.lastPlayed = settings.clock();
+    if (++progress.generator == settings.generators.size()) {
+        progress.generator = 0;
         if (settings.repeat != 0)
-            ++round;
+            ++progress.round;
     }
 }
 

@@ -2,7 +2,6 @@
 // and the generators of its settings play.
 #pragma once
 
-#include "transport/MIDIByteStream.h"
 #include "workbench/device/Port.h"
 
 namespace device {
@@ -95,14 +94,18 @@ private:
     bool found = true;     // a buffer, at the last F0
 
     // Where the generators are since the start.
-    SourceId self = nextSourceId();
-    std::size_t generator = 0;
-    DWORD round = 0;
-    DWORD produced = 0; // messages or bytes of the generator at work
-    std::int64_t generatorSince = 0;
-    std::int64_t lastPlayed = 0; // when a dump last found room in a buffer
-    DWORD floodCounter = 0;
-    DWORD dumpCounter = 0;
+    struct Progress
+    {
+        std::size_t generator = 0;
+        DWORD round = 0;
+        DWORD produced = 0;          // messages or bytes of the generator at work
+        std::int64_t since = 0;      // when that began
+        std::int64_t lastPlayed = 0; // when a dump last found room in a buffer
+        DWORD floods = 0;            // messages of all floods
+        DWORD dumps = 0;
+    };
+    Progress progress;
+    const SourceId self = nextSourceId();
 };
 
 // Message n of a flood: note-ons with status 90 + (n / 16384) mod 16 and the data bytes

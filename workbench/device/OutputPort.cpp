@@ -60,8 +60,7 @@ MMRESULT OutputPort::sendLong(MIDIHDR* header, DWORD_PTR size)
     Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
-    const MMRESULT refusal = checkHeader(header, size);
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = checkHeader(header, size))
         return refusal;
     wire->noteLong(*header);
     markQueued(*header);
@@ -106,8 +105,7 @@ MIDIHDR* OutputPort::completeNext()
 
 MMRESULT OutputPort::sendShortNow(DWORD word)
 {
-    const MMRESULT refusal = lookUp();
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = lookUp())
         return refusal;
     const std::lock_guard<std::recursive_mutex> own(portLock);
     Lock held(lock);
@@ -127,8 +125,7 @@ MMRESULT OutputPort::sendShortNow(DWORD word)
 
 MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
 {
-    const MMRESULT refusal = lookUp();
-    if (refusal != MMSYSERR_NOERROR)
+    if (const MMRESULT refusal = lookUp())
         return refusal;
     const std::lock_guard<std::recursive_mutex> own(portLock);
     if (!header || size < kLeastHeader || header->dwBufferLength == 0)
@@ -167,18 +164,9 @@ MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
 // moves.
 bool OutputPort::awaitService(Lock& held)
 {
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(settings.windows11.sendPiece);
-    while (stalled || isUnplugged()) {
-        const auto left = end - std::chrono::steady_clock::now();
-        timedOut = timedOut || left.count() <= 0;
-        if (timedOut)
-            return false;
-        const auto whole = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
-        serviceMoves.wait(held, static_cast<DWORD>(whole + 1));
-    }
-    timedOut = false;
-    return true;
+    timedOut = !serviceMoves.waitFor(held, timedOut ? 0 : settings.windows11.sendPiece,
+                                     [&] { return !stalled && !isUnplugged(); });
+    return !timedOut;
 }
 
 void OutputPort::stall(bool on)
@@ -303,7 +291,7 @@ void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::ui
         wire->flush();
     if (!keepLock)
         held.lock();
-    tally.droppedBytes += noise;
+    tally.dropped.bytes += noise;
 }
 
 // False if the item has been taken away before.
@@ -344,7 +332,7 @@ void OutputPort::endWork() {}
 void OutputPort::discardWork()
 {
     for (const Item& item : items)
-        tally.droppedShort += item.header ? 0u : 1u;
+        tally.dropped.shortMessages += item.header ? 0u : 1u;
     items.clear();
     stopPlaying();
 }

@@ -113,8 +113,7 @@ void Port::unload()
         wakeThread();
     }
     released();
-    const InProgress inProgress(*this, InProgress::kUnordered);
-    call(messages.close, 0, 0);
+    announce(messages.close);
 }
 
 // WinMM looks at the flags before it asks the driver; the driver leaves the rest to WinMM.
@@ -164,10 +163,7 @@ bool Port::begin(std::shared_ptr<void> owner)
     if (isWindows11())
         table.lock();
     if (!settings.ownThread) {
-        {
-            const InProgress inProgress(*this, InProgress::kUnordered);
-            call(messages.open, 0, 0);
-        }
+        announce(messages.open);
         return !settings.worker || startThread(std::move(owner));
     }
     Lock held(lock);
@@ -221,10 +217,8 @@ MMRESULT Port::close()
     }
     if (waits && thread.joinable() && !onOwnThread())
         thread.join();
-    if (!threadTells) {
-        const InProgress inProgress(*this, InProgress::kUnordered);
-        call(messages.close, 0, 0);
-    }
+    if (!threadTells)
+        announce(messages.close);
     return MMSYSERR_NOERROR;
 }
 
@@ -254,7 +248,7 @@ Counters Port::counters()
 {
     const Lock held(lock);
     Counters result = tally;
-    result.deliveredShort += shortsCalled.load(std::memory_order_relaxed);
+    result.delivered.shortMessages += shortsCalled.load(std::memory_order_relaxed);
     result.queuedBuffers = queuedHeaders() + headersInNotices();
     return result;
 }
@@ -271,6 +265,13 @@ void Port::call(UINT message, DWORD_PTR parameter1, DWORD parameter2) const
 {
     if (callback)
         callback(message, parameter1, parameter2);
+}
+
+// Inside a call of the client.
+void Port::announce(UINT message)
+{
+    const InProgress inProgress(*this, InProgress::kUnordered);
+    call(message, 0, 0);
 }
 
 bool Port::raw(UINT message, DWORD parameter1, DWORD parameter2)
@@ -295,13 +296,7 @@ void Port::tell(Lock& held, Notice notice)
         wakeThread();
         return;
     }
-    giveBack(notice);
-    held.unlock();
-    {
-        const InProgress inProgress(*this);
-        call(notice.message, notice.parameter1, notice.parameter2);
-    }
-    held.lock();
+    callBack(held, notice);
 }
 
 void Port::conclude(Lock& held, Notices due, bool isReset)
@@ -352,7 +347,11 @@ void Port::run()
     threadId.store(std::this_thread::get_id());
     for (;;) {
         if (!notices.empty()) {
-            callFirst(held);
+            const Notice first = notices.front();
+            notices.pop_front();
+            callBack(held, first);
+            ++finished;
+            idle.notifyAll();
             continue;
         }
         const DWORD pause = work(held);
@@ -368,10 +367,8 @@ void Port::run()
         call(messages.close, 0, 0);
 }
 
-void Port::callFirst(Lock& held)
+void Port::callBack(Lock& held, Notice notice)
 {
-    Notice notice = notices.front();
-    notices.pop_front();
     giveBack(notice);
     held.unlock();
     {
@@ -379,8 +376,6 @@ void Port::callFirst(Lock& held)
         call(notice.message, notice.parameter1, notice.parameter2);
     }
     held.lock();
-    ++finished;
-    idle.notifyAll();
 }
 
 // On the thread of the call that brings them about; of a driver that waits for nothing, also what
@@ -409,13 +404,13 @@ void Port::giveBack(Notice& notice)
         return;
     notice.given = true;
     if (notice.message == MIM_DATA)
-        ++tally.deliveredShort;
+        ++tally.delivered.shortMessages;
     if (!notice.header)
         return;
     if (messages.open == MIM_OPEN)
         notice.header->dwBytesRecorded = notice.bytes;
     markDone(*notice.header);
-    tally.deliveredBytes += notice.bytes;
+    tally.delivered.bytes += notice.bytes;
 }
 
 } // namespace device

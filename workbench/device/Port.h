@@ -2,6 +2,7 @@
 // waits for it, and the closing.
 #pragma once
 
+#include "transport/MIDIByteStream.h"
 #include "workbench/device/Header.h"
 
 #include <atomic>
@@ -11,14 +12,31 @@
 
 namespace device {
 
-// Counted from the opening. Bytes are those of SysEx messages, a short message counts as one.
+// Bytes are those of SysEx messages, a short message counts as one.
+struct Delivery
+{
+    void count(const MIDIPiece& piece)
+    {
+        shortMessages += piece.kind == MIDIPiece::Kind::Short ? 1 : 0;
+        bytes += piece.length;
+    }
+    Delivery& operator+=(const Delivery& other)
+    {
+        shortMessages += other.shortMessages;
+        bytes += other.bytes;
+        return *this;
+    }
+
+    std::uint64_t shortMessages = 0;
+    std::uint64_t bytes = 0;
+};
+
+// Counted from the opening.
 struct Counters
 {
     DWORD queuedBuffers = 0; // headers that the port still owes its client
-    std::uint64_t deliveredShort = 0;
-    std::uint64_t deliveredBytes = 0;
-    std::uint64_t droppedShort = 0;
-    std::uint64_t droppedBytes = 0;
+    Delivery delivered;
+    Delivery dropped;
 };
 
 class Port
@@ -153,7 +171,8 @@ protected:
 
 private:
     void run();
-    void callFirst(Lock& held);
+    void announce(UINT message);
+    void callBack(Lock& held, Notice notice);
     void callAll(Lock& held, Notices& source);
     void giveBack(Notice& notice);
     DWORD headersInNotices() const;

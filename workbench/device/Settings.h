@@ -17,7 +17,10 @@ enum class DriverKind { WaitsInReset, WaitsInClose, WaitsInNeither, Windows11 };
 // The driver that Windows 11 has below WinMM for every port since 2026. Any number of clients may
 // open a port. Data that arrives is called back by a worker thread of the port, everything else
 // inside the call that brings it about. A stop, reset or close inside a callback of the worker
-// never returns: here it ends the program.
+// never returns: here it ends the program. Sends are over when they return, and a reset of an
+// output does nothing; a call to a port that is sending waits, and holds up all ports' calls. An
+// input that lost its device keeps its buffers, and refuses to close while it has some; the driver
+// looks at them once more when it is unloaded.
 struct Windows11
 {
     // Milliseconds that the worker waits for a buffer before it throws the message away: at its F0

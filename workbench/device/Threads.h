@@ -55,6 +55,22 @@ public:
 #endif
     }
 
+    // True once `done` is, false if that takes longer.
+    template <typename Done>
+    bool waitFor(Lock& lock, DWORD milliseconds, Done done)
+    {
+        using std::chrono::steady_clock;
+        const auto end = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+        while (!done()) {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+            if (left.count() <= 0)
+                return false;
+            wait(lock, static_cast<DWORD>(left.count()));
+        }
+        return true;
+    }
+
     void notifyAll()
     {
 #ifdef _WIN32

@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,7 +48,6 @@ struct Resources
     int outputBuffers = 0; // headers in the queues of open outputs
 };
 bool operator==(const Resources& a, const Resources& b);
-bool operator!=(const Resources& a, const Resources& b);
 std::ostream& operator<<(std::ostream& stream, const Resources& resources);
 
 Resources inUse();
@@ -62,8 +62,8 @@ constexpr unsigned kAllFromThere = UINT_MAX;
 // returns a handle, a pointer or a BOOL returns null or FALSE and leaves `result` to GetLastError.
 // Without a result: MMSYSERR_ERROR, E_FAIL, WAIT_FAILED, or ERROR_NOT_ENOUGH_MEMORY respectively.
 // Functions that cannot fail (Sleep, GetLastError, timeGetTime, ...) are refused.
-void failCall(std::string_view function, unsigned n = 1);
-void failCall(std::string_view function, unsigned n, DWORD result, unsigned count = 1);
+void failCall(std::string_view function, unsigned n = 1, std::optional<DWORD> result = {},
+              unsigned count = 1);
 void clearFailures();
 
 // Calls of one function since reset(), failed ones included.
@@ -74,7 +74,7 @@ struct Call
     const char* function = nullptr;
     std::uint64_t handle = 0;        // first handle of the call, or the address freed
     std::uint64_t header = 0;        // address of the MIDIHDR, 0 if the call has none
-    int headerIndex = -1;            // its position in its memory block of 112-byte headers, or -1
+    int headerIndex = 0;             // in its memory block of 112-byte headers, or -1; no hook's
     std::uint64_t arguments[2] = {}; // further arguments in the order of the call
     DWORD headerFlags = 0;           // dwFlags as the call began
     DWORD headerLength = 0;          // dwBufferLength as the call began
@@ -84,8 +84,7 @@ struct Call
 };
 
 // The calls in the order in which they began; all, or those of one function.
-std::vector<Call> calls();
-std::vector<Call> calls(std::string_view function);
+std::vector<Call> calls(std::string_view function = {});
 // Only the names, in order: handy for comparing sequences.
 std::vector<std::string> callNames();
 void clearCalls();
@@ -103,15 +102,15 @@ void clearHooks();
 
 // ---- Time ---------------------------------------------------------------------------------------
 
-// From here on timeGetTime is a counter that only Sleep and the two functions below move; Sleep
-// returns at once (and yields). Waits with a time-out still take real time.
+// From here on timeGetTime is a counter that only Sleep and setTime() move; Sleep returns at once
+// (and yields). Waits with a time-out still take real time.
 void useVirtualTime(DWORD now = 1000);
 void setTime(DWORD now);
-void advanceTime(DWORD milliseconds);
 // Virtual time only: Sleep returns this much too late, or, when negative, too early. A Sleep of at
 // least 1 ms always takes at least 1 ms.
 void setSleepError(int milliseconds);
-// Runs `hook` at every Sleep, Sleep(0) included, before the time passes.
+// Runs `hook`, in place of an earlier one, at every Sleep, Sleep(0) included, before the time
+// passes. It goes with all hooks.
 void onSleep(std::function<void(DWORD milliseconds)> hook);
 
 // ---- Memory -------------------------------------------------------------------------------------
@@ -143,8 +142,6 @@ using device::Windows11;
 struct DeviceOptions
 {
     MMRESULT capsResult = MMSYSERR_NOERROR; // what the capability query answers
-    MMRESULT openResult = MMSYSERR_NOERROR; // what opening answers
-    unsigned maximumClients = 1;            // further opens answer MMSYSERR_ALLOCATED; at most 8
     DriverKind kind = DriverKind::WaitsInReset;
     Windows11 windows11;                        // the switches and times of that kind
     Completion completion = Completion::Inline; // outputs only
@@ -177,8 +174,8 @@ void setCompletion(int output, Completion completion);
 
 // ---- Input ------------------------------------------------------------------------------------
 // All of these act as the driver: they call the callback on the calling thread and return when it
-// has returned. An input that is not started takes no data. Inputs with several clients give every
-// client its copy. One thread at a time may inject into one input if the order matters.
+// has returned. An input that is not started takes no data. Every client of an input gets its copy.
+// One thread at a time may inject into one input if the order matters.
 
 // MIM_DATA. False if no started client took it.
 bool shortMessage(int input, DWORD packed);
@@ -197,13 +194,10 @@ std::size_t queuedBuffers(int input);
 
 struct FloodOptions
 {
-    unsigned sysExEvery = 0;           // every n-th message is a SysEx message; 0: none, 1: all
-    std::size_t sysExLength = 5000;    // with F0 and F7; at least 8
-    unsigned pauseEvery = 0;           // after so many messages ...
-    unsigned pauseMicroseconds = 1000; // ... this long a pause; 0 messages: never
-    std::uint64_t limit = UINT64_MAX;  // messages, after which the thread stops by itself
-    // Instead of those messages: called over and over on the driver's thread with 0, 1, 2, ...
-    std::function<void(std::uint64_t number)> message;
+    unsigned sysExEvery = 0;          // every n-th message is a SysEx message; 0: none, 1: all
+    std::size_t sysExLength = 5000;   // with F0 and F7; at least 8
+    unsigned pauseEvery = 0;          // a millisecond's pause after so many messages; 0: never
+    std::uint64_t limit = UINT64_MAX; // messages, after which the thread stops by itself
 };
 
 struct FloodReport

@@ -21,8 +21,8 @@ int addDevice(const std::u16string& name, const DeviceOptions& options)
 {
     auto& direction = directionOf<Handle>;
     const unsigned index = direction.deviceCount.load();
-    if (index >= kMaximumDevices || options.maximumClients > kMaximumClients)
-        stopWith("too many devices or clients");
+    if (index >= kMaximumDevices)
+        stopWith("too many devices");
     direction.devices[index].store(new Device<Handle>(name, options), std::memory_order_release);
     direction.deviceCount.store(index + 1, std::memory_order_release);
     return static_cast<int>(index);
@@ -87,7 +87,6 @@ Device<Handle>::Device(const std::u16string& deviceName, const DeviceOptions& de
     setKind(options.kind);
     settings.completion = options.completion;
     settings.capsResult = options.capsResult;
-    settings.openResult = options.openResult;
     settings.windows11 = options.windows11;
     settings.clock = microseconds;
 }

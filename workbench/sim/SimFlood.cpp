@@ -2,6 +2,7 @@
 #include "SimMidi.h"
 
 #include <algorithm>
+#include <map>
 #include <thread>
 
 namespace sim {
@@ -26,8 +27,8 @@ struct Flood
     std::thread thread;
 };
 
-std::mutex floodsLock; // guards floods
-std::vector<std::pair<int, std::unique_ptr<Flood>>> floods;
+std::mutex floodsLock;       // guards floods
+std::map<int, Flood> floods; // by input
 
 void runFlood(int input, Flood& flood)
 {
@@ -35,10 +36,8 @@ void runFlood(int input, Flood& flood)
     for (std::uint64_t n = 0; n < options.limit && !flood.stop.load(std::memory_order_relaxed);
          ++n) {
         if (options.pauseEvery > 0 && n > 0 && n % options.pauseEvery == 0)
-            std::this_thread::sleep_for(std::chrono::microseconds(options.pauseMicroseconds));
-        if (options.message) {
-            options.message(n);
-        } else if (options.sysExEvery > 0 && n % options.sysExEvery == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (options.sysExEvery > 0 && n % options.sysExEvery == 0) {
             const std::vector<unsigned char> bytes = floodSysEx(n, options.sysExLength);
             const bool fits = room(input, bytes.size()) >= bytes.size();
             if (fits && sysEx(input, bytes.data(), bytes.size()) == bytes.size())
@@ -55,36 +54,21 @@ void runFlood(int input, Flood& flood)
 
 FloodReport endFlood(int input, bool early)
 {
-    std::unique_ptr<Flood> flood;
-    {
-        const std::lock_guard<std::mutex> guard(floodsLock);
-        const auto found = std::find_if(floods.begin(), floods.end(),
-                                        [&](const auto& entry) { return entry.first == input; });
-        if (found == floods.end())
-            stopWith("no flood runs into input", std::to_string(input));
-        flood = std::move(found->second);
-        floods.erase(found);
-    }
-    if (early)
-        flood->stop.store(true, std::memory_order_relaxed);
-    flood->thread.join();
-    return flood->report;
+    const std::lock_guard<std::mutex> guard(floodsLock);
+    auto ended = floods.extract(input);
+    if (!ended)
+        stopWith("no flood runs into input", std::to_string(input));
+    ended.mapped().stop.store(early, std::memory_order_relaxed);
+    ended.mapped().thread.join();
+    return ended.mapped().report;
 }
 
 } // namespace
 
 void endFloods()
 {
-    for (;;) {
-        int input = 0;
-        {
-            const std::lock_guard<std::mutex> guard(floodsLock);
-            if (floods.empty())
-                return;
-            input = floods.back().first;
-        }
-        endFlood(input, true);
-    }
+    while (!floods.empty())
+        endFlood(floods.begin()->first, true);
 }
 
 } // namespace internal
@@ -95,12 +79,10 @@ void startFlood(int input, const FloodOptions& options)
 {
     scriptedDevice<HMIDIIN>(input);
     const std::lock_guard<std::mutex> guard(floodsLock);
-    for (const auto& entry : floods) {
-        if (entry.first == input)
-            stopWith("a flood runs already into input", std::to_string(input));
-    }
-    floods.emplace_back(input, std::make_unique<Flood>());
-    Flood& flood = *floods.back().second;
+    const auto [place, isNew] = floods.try_emplace(input);
+    if (!isNew)
+        stopWith("a flood runs already into input", std::to_string(input));
+    Flood& flood = place->second;
     flood.options = options;
     flood.thread = std::thread([input, &flood] { runFlood(input, flood); });
 }

@@ -31,7 +31,6 @@
     X(VirtualAlloc, Null)                                                                          \
     X(VirtualFree, Null)                                                                           \
     X(VirtualQuery, Null)                                                                          \
-    X(GetSystemInfo, Never)                                                                        \
     X(CoTaskMemAlloc, Null)                                                                        \
     X(CoTaskMemFree, Never)                                                                        \
     X(CoCreateGuid, Com)                                                                           \
@@ -63,14 +62,13 @@ enum class Function {
     SIM_FUNCTIONS(SIM_NAME)
 #undef SIM_NAME
 };
-#define SIM_COUNT(name, failure) +1
-constexpr std::size_t kFunctionCount = 0 SIM_FUNCTIONS(SIM_COUNT);
-#undef SIM_COUNT
 
 struct LogRecord;
 
-// Stands at the head of every simulated function: counts the call, logs it, runs the hooks and
-// looks whether the script wants it to fail.
+void setLastError(DWORD error);
+
+// Every simulated function is one: counts the call, logs it, runs the hooks and looks whether the
+// script wants it to fail.
 class Entry
 {
 public:
@@ -80,37 +78,40 @@ public:
     Entry(const Entry&) = delete;
     Entry& operator=(const Entry&) = delete;
 
-    bool fails() const { return failing; }
-    DWORD failure() const { return failureResult; }
-    // Notes the result in the log and passes it on.
-    template <typename Result>
-    Result returns(Result value)
+    // Does the call's work, unless the script wants the call to fail. Notes the result in the log.
+    template <typename Work>
+    auto serve(Work work)
     {
+        using Result = decltype(work());
+        const Result value = failing ? failed<Result>() : work();
         if constexpr (std::is_pointer_v<Result>)
             result = reinterpret_cast<std::uintptr_t>(value);
         else
             result = static_cast<std::uint64_t>(value);
         return value;
     }
-    // For functions that fail with null or FALSE and an error code.
-    template <typename Result>
-    Result fail()
-    {
-        setLastError(failureResult);
-        return returns(Result{});
-    }
 
 private:
-    static void setLastError(DWORD error);
     void consultScript(Function function, const Call& call, std::uint64_t number);
+
+    // By the result itself, or by null or FALSE and the last error.
+    template <typename Result>
+    Result failed() const
+    {
+        if constexpr (!std::is_pointer_v<Result>) {
+            if (returnsFailure)
+                return static_cast<Result>(failure);
+        }
+        setLastError(failure);
+        return Result{};
+    }
 
     LogRecord* record = nullptr;
     std::uint64_t result = 0;
-    DWORD failureResult = 0;
+    DWORD failure = 0;
     bool failing = false;
+    bool returnsFailure = false;
 };
-
-void setLastError(DWORD error);
 
 // timeGetTime without the log.
 DWORD now();

@@ -4,11 +4,12 @@
 #include "objbase.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <iterator>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <sys/mman.h>
@@ -53,17 +54,16 @@ void* pointerTo(std::uintptr_t address)
 
 struct Block
 {
-    std::uintptr_t address; // what was given out
     std::uintptr_t mapping; // where the pages begin, guard pages included
     std::size_t mapped;     // their length
     std::size_t size;       // what was asked for
-    bool fromHeap;
+    enum { Heap, Pages, Freed } state;
 };
 
-std::mutex memoryLock;                  // guards blocks and quarantine
-std::map<std::uintptr_t, Block> blocks; // by address
-std::deque<Block> quarantine;
-std::size_t quarantined = 0;
+std::mutex memoryLock;                  // guards what follows
+std::map<std::uintptr_t, Block> blocks; // by the address given out; of the freed, the latest
+std::deque<std::uintptr_t> quarantine;  // freed heap blocks, oldest first
+std::size_t quarantined = 0;            // bytes mapped for them
 
 std::atomic<int> heapBlocks{0};
 std::atomic<int> virtualBlocks{0};
@@ -75,21 +75,6 @@ void unmap(const Block& block)
 {
     ASAN_UNPOISON_MEMORY_REGION(pointerTo(block.mapping), block.mapped);
     munmap(pointerTo(block.mapping), block.mapped);
-}
-
-// The block whose memory holds the address, or blocks.end(). memoryLock is held.
-std::map<std::uintptr_t, Block>::iterator blockAround(std::uintptr_t address)
-{
-    const auto next = blocks.upper_bound(address);
-    if (next == blocks.begin())
-        return blocks.end();
-    const auto block = std::prev(next);
-    return address - block->first < block->second.size ? block : blocks.end();
-}
-
-bool isAddressBetween(std::uintptr_t address, std::uintptr_t begin, std::uintptr_t end)
-{
-    return address >= begin && address < end;
 }
 
 // The stretch of the process' address space around the address: as much of it as is mapped, or as
@@ -104,27 +89,21 @@ struct Region
 Region regionAround(std::uintptr_t address)
 {
     Region region{0, kHighestAddress + 1, true};
-    std::FILE* const maps = std::fopen("/proc/self/maps", "r");
+    std::ifstream maps("/proc/self/maps");
     if (!maps)
         stopWith("cannot read /proc/self/maps");
-    char line[512];
-    while (std::fgets(line, sizeof line, maps)) {
-        char* rest = nullptr;
-        const std::uintptr_t begin = std::strtoull(line, &rest, 16);
-        const std::uintptr_t end = *rest == '-' ? std::strtoull(rest + 1, nullptr, 16) : 0;
-        if (end <= begin)
-            continue; // the tail of an overlong line
-        if (isAddressBetween(address, begin, end)) {
-            region = {begin, end, false};
-            break;
-        }
-        if (begin > address) {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+    for (char dash; maps >> std::hex >> begin >> dash >> end;) {
+        if (address < begin) {
             region.end = std::min(region.end, begin);
             break;
         }
+        if (address < end)
+            return {begin, end, false};
         region.begin = end;
+        maps.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
     }
-    std::fclose(maps);
     return region;
 }
 
@@ -133,20 +112,12 @@ Region regionAround(std::uintptr_t address)
 int positionInBlock(std::uint64_t address, std::size_t size)
 {
     const std::lock_guard<std::mutex> guard(memoryLock);
-    std::uintptr_t begin = 0;
-    const auto live = blockAround(address);
-    if (live != blocks.end()) {
-        begin = live->first;
-    } else {
-        const auto freed =
-            std::find_if(quarantine.rbegin(), quarantine.rend(),
-                         [&](const Block& block) { return address - block.address < block.size; });
-        if (freed != quarantine.rend())
-            begin = freed->address;
-    }
-    if (begin == 0 || (address - begin) % size != 0)
+    const auto next = blocks.upper_bound(address);
+    if (next == blocks.begin())
         return -1;
-    return static_cast<int>((address - begin) / size);
+    const auto& [begin, block] = *std::prev(next);
+    const std::size_t offset = address - begin;
+    return offset < block.size && offset % size == 0 ? static_cast<int>(offset / size) : -1;
 }
 
 void countMemory(Resources& resources)
@@ -162,8 +133,6 @@ void resetMemory()
     for (const auto& block : blocks)
         unmap(block.second);
     blocks.clear();
-    for (const Block& block : quarantine)
-        unmap(block);
     quarantine.clear();
     quarantined = 0;
     heapBlocks.store(0, std::memory_order_relaxed);
@@ -189,8 +158,7 @@ void setLowRangeOccupied(bool occupied)
 
 } // namespace sim
 
-using sim::internal::Entry;
-using sim::internal::Function;
+using namespace sim::internal;
 
 // Any address will do that nothing else has and that a test recognises.
 static HANDLE processHeap()
@@ -201,19 +169,11 @@ static HANDLE processHeap()
 
 HANDLE GetProcessHeap(void)
 {
-    Entry entry(Function::GetProcessHeap);
-    return entry.fails() ? entry.fail<HANDLE>() : entry.returns(processHeap());
+    return Entry(Function::GetProcessHeap).serve([] { return processHeap(); });
 }
 
-LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
+static void* heapAlloc(DWORD flags, SIZE_T bytes)
 {
-    using namespace sim::internal;
-    Entry entry(Function::HeapAlloc, heap, nullptr, flags, bytes);
-    if (entry.fails())
-        return entry.fail<LPVOID>();
-    if (heap != processHeap())
-        stopWith("HeapAlloc: not the process heap");
-
     // [guard page] [slack, poisoned] [block] [tail below 16 bytes, poisoned] [guard page]
     const std::size_t occupied = roundUp(bytes, kHeapAlignment);
     const std::size_t accessible = roundUp(std::max<std::size_t>(occupied, 1), kPage);
@@ -223,7 +183,7 @@ LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
         mmap(nullptr, mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | place, -1, 0);
     if (mapping == MAP_FAILED) {
         setLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return entry.returns(LPVOID{});
+        return nullptr;
     }
     const std::uintptr_t begin = addressOf(mapping) + kPage;
     const std::uintptr_t end = begin + accessible;
@@ -233,181 +193,135 @@ LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
         std::memset(pointerTo(block), sim::kMemoryFill, bytes);
     ASAN_POISON_MEMORY_REGION(pointerTo(begin), block - begin);
     ASAN_POISON_MEMORY_REGION(pointerTo(block + bytes), occupied - bytes);
-    {
-        const std::lock_guard<std::mutex> guard(memoryLock);
-        blocks[block] = {block, addressOf(mapping), mapped, bytes, true};
-    }
+    const std::lock_guard<std::mutex> guard(memoryLock);
+    blocks[block] = {addressOf(mapping), mapped, bytes, Block::Heap};
     heapBlocks.fetch_add(1, std::memory_order_relaxed);
-    return entry.returns(pointerTo(block));
+    return pointerTo(block);
 }
 
-BOOL HeapFree(HANDLE heap, DWORD flags, LPVOID memory)
+LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
 {
-    using namespace sim::internal;
-    Entry entry(Function::HeapFree, memory, nullptr, flags);
-    if (entry.fails())
-        return entry.fail<BOOL>();
-    if (heap != processHeap())
-        stopWith("HeapFree: not the process heap");
-    if (!memory)
-        return entry.returns(TRUE);
+    return Entry(Function::HeapAlloc, heap, nullptr, flags, bytes).serve([&] {
+        if (heap != processHeap())
+            stopWith("HeapAlloc: not the process heap");
+        return heapAlloc(flags, bytes);
+    });
+}
 
+static void heapFree(void* memory)
+{
     const std::lock_guard<std::mutex> guard(memoryLock);
     const auto found = blocks.find(addressOf(memory));
-    if (found == blocks.end() || !found->second.fromHeap)
+    if (found == blocks.end() || found->second.state != Block::Heap)
         stopWith("HeapFree: not a live heap block");
-    const Block block = found->second;
-    blocks.erase(found);
+    Block& block = found->second;
+    block.state = Block::Freed;
     heapBlocks.fetch_sub(1, std::memory_order_relaxed);
 
     // The pages lose their contents, but keep their place for a while.
     mmap(pointerTo(block.mapping), block.mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED,
          -1, 0);
     ASAN_POISON_MEMORY_REGION(pointerTo(block.mapping), block.mapped);
-    quarantine.push_back(block);
+    quarantine.push_back(found->first);
     quarantined += block.mapped;
     while (quarantined > kQuarantineBytes) {
-        quarantined -= quarantine.front().mapped;
-        unmap(quarantine.front());
+        const auto oldest = blocks.find(quarantine.front());
         quarantine.pop_front();
+        quarantined -= oldest->second.mapped;
+        unmap(oldest->second);
+        blocks.erase(oldest);
     }
-    return entry.returns(TRUE);
 }
 
+BOOL HeapFree(HANDLE heap, DWORD flags, LPVOID memory)
+{
+    return Entry(Function::HeapFree, memory, nullptr, flags).serve([&] {
+        if (heap != processHeap())
+            stopWith("HeapFree: not the process heap");
+        if (memory)
+            heapFree(memory);
+        return TRUE;
+    });
+}
+
+// Reserves and commits in one step, at an address that the caller has found free.
 LPVOID VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protection)
 {
-    using namespace sim::internal;
-    Entry entry(Function::VirtualAlloc, address, nullptr, bytes, type);
-    if (entry.fails())
-        return entry.fail<LPVOID>();
-    // Reserving and committing in one step is all that is offered.
-    const DWORD both = MEM_RESERVE | MEM_COMMIT;
-    if (bytes == 0 || (type & both) != both || protection != PAGE_READWRITE) {
-        setLastError(ERROR_INVALID_PARAMETER);
-        return entry.returns(LPVOID{});
-    }
-    const std::uintptr_t wanted = addressOf(address) / kGranularity * kGranularity;
-    const bool low = address && wanted < kFourGigabytes;
-    if (address && (wanted < kLowestAddress || wanted > kHighestAddress ||
-                    (low && lowRangeOccupied.load(std::memory_order_relaxed)))) {
-        setLastError(ERROR_INVALID_ADDRESS);
-        return entry.returns(LPVOID{});
-    }
-    const std::size_t asked = bytes + (addressOf(address) - wanted);
-    const std::size_t mapped = roundUp(asked, kPage);
-    void* mapping = MAP_FAILED;
-    if (address) {
-        mapping = mmap(pointerTo(wanted), mapped, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    } else {
-        // An aligned piece is cut from a larger one.
-        const std::size_t spare = mapped + kGranularity;
-        void* const whole =
-            mmap(nullptr, spare, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (whole != MAP_FAILED) {
-            const std::uintptr_t aligned = roundUp(addressOf(whole), kGranularity);
-            const std::size_t front = aligned - addressOf(whole);
-            if (front > 0)
-                munmap(whole, front);
-            munmap(pointerTo(aligned + mapped), spare - front - mapped);
-            mapping = pointerTo(aligned);
+    return Entry(Function::VirtualAlloc, address, nullptr, bytes, type).serve([&]() -> LPVOID {
+        const std::uintptr_t wanted = addressOf(address);
+        if (wanted < kLowestAddress || wanted % kGranularity != 0 || bytes == 0 ||
+            type != (MEM_RESERVE | MEM_COMMIT) || protection != PAGE_READWRITE)
+            stopWith("VirtualAlloc: reserves and commits at an aligned address only");
+        const std::size_t mapped = roundUp(bytes, kPage);
+        void* mapping = MAP_FAILED;
+        if (wanted >= kFourGigabytes || !lowRangeOccupied.load(std::memory_order_relaxed))
+            mapping = mmap(address, mapped, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+        if (mapping == MAP_FAILED) {
+            setLastError(ERROR_INVALID_ADDRESS);
+            return nullptr;
         }
-    }
-    if (mapping == MAP_FAILED) {
-        setLastError(address ? ERROR_INVALID_ADDRESS : ERROR_NOT_ENOUGH_MEMORY);
-        return entry.returns(LPVOID{});
-    }
-    // The rest of the last page could be used on Windows, but nobody asked for it.
-    ASAN_POISON_MEMORY_REGION(pointerTo(addressOf(mapping) + asked), mapped - asked);
-    {
+        // The rest of the last page could be used on Windows, but nobody asked for it.
+        ASAN_POISON_MEMORY_REGION(pointerTo(wanted + bytes), mapped - bytes);
         const std::lock_guard<std::mutex> guard(memoryLock);
-        blocks[addressOf(mapping)] = {addressOf(mapping), addressOf(mapping), mapped, asked, false};
-    }
-    virtualBlocks.fetch_add(1, std::memory_order_relaxed);
-    return entry.returns(mapping);
+        blocks[wanted] = {wanted, mapped, bytes, Block::Pages};
+        virtualBlocks.fetch_add(1, std::memory_order_relaxed);
+        return mapping;
+    });
 }
 
 BOOL VirtualFree(LPVOID address, SIZE_T bytes, DWORD type)
 {
-    using namespace sim::internal;
-    Entry entry(Function::VirtualFree, address, nullptr, bytes, type);
-    if (entry.fails())
-        return entry.fail<BOOL>();
-    const std::lock_guard<std::mutex> guard(memoryLock);
-    const auto found = blocks.find(addressOf(address));
-    if (type != MEM_RELEASE || bytes != 0 || found == blocks.end() || found->second.fromHeap) {
-        setLastError(type != MEM_RELEASE || bytes != 0 ? ERROR_INVALID_PARAMETER
-                                                       : ERROR_INVALID_ADDRESS);
-        return entry.returns(FALSE);
-    }
-    unmap(found->second);
-    blocks.erase(found);
-    virtualBlocks.fetch_sub(1, std::memory_order_relaxed);
-    return entry.returns(TRUE);
+    return Entry(Function::VirtualFree, address, nullptr, bytes, type).serve([&] {
+        const std::lock_guard<std::mutex> guard(memoryLock);
+        const auto found = blocks.find(addressOf(address));
+        if (type != MEM_RELEASE || bytes != 0 || found == blocks.end() ||
+            found->second.state != Block::Pages)
+            stopWith("VirtualFree: not the release of a live block");
+        unmap(found->second);
+        blocks.erase(found);
+        virtualBlocks.fetch_sub(1, std::memory_order_relaxed);
+        return TRUE;
+    });
 }
 
+// Tells what is free and how far that goes.
 SIZE_T VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION information, SIZE_T length)
 {
-    using namespace sim::internal;
-    Entry entry(Function::VirtualQuery, address, nullptr, length);
-    if (entry.fails())
-        return entry.fail<SIZE_T>();
-    const std::uintptr_t page = addressOf(address) / kPage * kPage;
-    if (!information || length < sizeof *information || page > kHighestAddress) {
-        setLastError(ERROR_INVALID_PARAMETER);
-        return entry.returns(SIZE_T{0});
-    }
-    Region region{0, kFourGigabytes, false};
-    if (page >= kFourGigabytes || !lowRangeOccupied.load(std::memory_order_relaxed))
-        region = regionAround(page);
-    *information = {};
-    information->BaseAddress = pointerTo(page);
-    information->RegionSize = region.end - page;
-    if (region.isFree) {
-        information->State = MEM_FREE;
-        information->Protect = PAGE_NOACCESS;
-    } else {
-        information->AllocationBase = pointerTo(region.begin);
-        information->AllocationProtect = PAGE_READWRITE;
-        information->State = MEM_COMMIT;
-        information->Protect = PAGE_READWRITE;
-        information->Type = MEM_PRIVATE;
-    }
-    return entry.returns(SIZE_T{sizeof *information});
-}
-
-void GetSystemInfo(LPSYSTEM_INFO information)
-{
-    using namespace sim::internal;
-    Entry entry(Function::GetSystemInfo);
-    *information = {};
-    information->dwPageSize = kPage;
-    information->lpMinimumApplicationAddress = pointerTo(kLowestAddress);
-    information->lpMaximumApplicationAddress = pointerTo(kHighestAddress);
-    information->dwNumberOfProcessors = 1;
-    information->dwActiveProcessorMask = 1;
-    information->dwAllocationGranularity = kGranularity;
+    return Entry(Function::VirtualQuery, address, nullptr, length).serve([&]() -> SIZE_T {
+        const std::uintptr_t page = addressOf(address) / kPage * kPage;
+        if (length < sizeof *information || page > kHighestAddress) {
+            setLastError(ERROR_INVALID_PARAMETER);
+            return 0;
+        }
+        Region region{0, kFourGigabytes, false};
+        if (page >= kFourGigabytes || !lowRangeOccupied.load(std::memory_order_relaxed))
+            region = regionAround(page);
+        *information = {};
+        information->BaseAddress = pointerTo(page);
+        information->RegionSize = region.end - page;
+        information->State = region.isFree ? MEM_FREE : MEM_COMMIT;
+        information->Protect = region.isFree ? PAGE_NOACCESS : PAGE_READWRITE;
+        return sizeof *information;
+    });
 }
 
 // The C library's heap below, so that AddressSanitizer and LeakSanitizer watch task memory.
 LPVOID CoTaskMemAlloc(SIZE_T bytes)
 {
-    using namespace sim::internal;
-    Entry entry(Function::CoTaskMemAlloc, nullptr, nullptr, bytes);
-    if (entry.fails())
-        return entry.fail<LPVOID>();
-    void* const memory = bytes <= kLargestTaskBlock ? std::malloc(bytes) : nullptr;
-    if (memory) {
-        std::memset(memory, sim::kMemoryFill, bytes);
-        taskBlocks.fetch_add(1, std::memory_order_relaxed);
-    }
-    return entry.returns(memory);
+    return Entry(Function::CoTaskMemAlloc, nullptr, nullptr, bytes).serve([&] {
+        void* const memory = bytes <= kLargestTaskBlock ? std::malloc(bytes) : nullptr;
+        if (memory) {
+            std::memset(memory, sim::kMemoryFill, bytes);
+            taskBlocks.fetch_add(1, std::memory_order_relaxed);
+        }
+        return memory;
+    });
 }
 
 void CoTaskMemFree(LPVOID memory)
 {
-    using namespace sim::internal;
-    Entry entry(Function::CoTaskMemFree, memory);
+    const Entry entry(Function::CoTaskMemFree, memory);
     if (memory)
         taskBlocks.fetch_sub(1, std::memory_order_relaxed);
     std::free(memory);

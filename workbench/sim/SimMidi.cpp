@@ -44,9 +44,6 @@ MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR inst
     Device<Handle>* const device = findDevice<Handle>(index);
     if (!device)
         return MMSYSERR_BADDEVICEID;
-    if (device->settings.openResult != MMSYSERR_NOERROR)
-        return device->settings.openResult;
-
     if (!device->present.load())
         return MMSYSERR_NODRIVER;
 
@@ -55,7 +52,7 @@ MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR inst
         const std::lock_guard<std::mutex> guard(device->opening);
         const auto end = device->settings.kind == DriverKind::Windows11
                              ? device->clients.end()
-                             : device->clients.begin() + device->options.maximumClients;
+                             : device->clients.begin() + 1;
         const auto place = std::find(device->clients.begin(), end, nullptr);
         if (place == end)
             return MMSYSERR_ALLOCATED;
@@ -87,20 +84,13 @@ Port<Handle>* findPort(Handle handle)
     return port && port->isOpen() ? port : nullptr;
 }
 
-// Logs the call, then serves it unless it is to fail.
-template <typename Serve>
-MMRESULT served(Entry&& entry, Serve serve)
+// A call to an open port.
+template <typename Handle, typename Work>
+MMRESULT servedBy(Entry&& entry, Handle handle, Work work)
 {
-    return entry.returns(entry.fails() ? MMRESULT{entry.failure()} : serve());
-}
-
-// The same for a call to an open port.
-template <typename Handle, typename Serve>
-MMRESULT servedBy(Entry&& entry, Handle handle, Serve serve)
-{
-    return served(std::move(entry), [&]() -> MMRESULT {
+    return entry.serve([&]() -> MMRESULT {
         Port<Handle>* const port = findPort(handle);
-        return port ? serve(*port) : MMRESULT{MMSYSERR_INVALHANDLE};
+        return port ? work(*port) : MMRESULT{MMSYSERR_INVALHANDLE};
     });
 }
 
@@ -131,45 +121,24 @@ MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
 
 using namespace sim::internal;
 
-UINT midiInGetNumDevs(void)
-{
-    Entry entry(Function::midiInGetNumDevs);
-    return entry.fails() ? entry.fail<UINT>()
-                         : entry.returns(directionOf<HMIDIIN>.deviceCount.load());
-}
-
-UINT midiOutGetNumDevs(void)
-{
-    Entry entry(Function::midiOutGetNumDevs);
-    return entry.fails() ? entry.fail<UINT>()
-                         : entry.returns(directionOf<HMIDIOUT>.deviceCount.load());
-}
-
-MMRESULT midiInGetDevCapsW(UINT_PTR device, LPMIDIINCAPSW caps, UINT size)
-{
-    return served(Entry(Function::midiInGetDevCapsW, nullptr, nullptr, device, size),
-                  [&] { return capabilities<HMIDIIN>(device, caps, size); });
-}
-
-MMRESULT midiOutGetDevCapsW(UINT_PTR device, LPMIDIOUTCAPSW caps, UINT size)
-{
-    return served(Entry(Function::midiOutGetDevCapsW, nullptr, nullptr, device, size),
-                  [&] { return capabilities<HMIDIOUT>(device, caps, size); });
-}
-
-MMRESULT midiInOpen(LPHMIDIIN handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
-                    DWORD flags)
-{
-    return served(Entry(Function::midiInOpen, nullptr, nullptr, device, flags),
-                  [&] { return openPort(handle, device, callback, instance, flags); });
-}
-
-MMRESULT midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
-                     DWORD flags)
-{
-    return served(Entry(Function::midiOutOpen, nullptr, nullptr, device, flags),
-                  [&] { return openPort(handle, device, callback, instance, flags); });
-}
+#define SIM_DEVICE_CALLS(In, Handle, Capabilities)                                                 \
+    UINT midi##In##GetNumDevs(void)                                                                \
+    {                                                                                              \
+        return Entry(Function::midi##In##GetNumDevs).serve([] {                                    \
+            return directionOf<Handle>.deviceCount.load();                                         \
+        });                                                                                        \
+    }                                                                                              \
+    MMRESULT midi##In##GetDevCapsW(UINT_PTR device, Capabilities* found, UINT size)                \
+    {                                                                                              \
+        Entry entry(Function::midi##In##GetDevCapsW, nullptr, nullptr, device, size);              \
+        return entry.serve([&] { return capabilities<Handle>(device, found, size); });             \
+    }                                                                                              \
+    MMRESULT midi##In##Open(Handle* handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,   \
+                            DWORD flags)                                                           \
+    {                                                                                              \
+        Entry entry(Function::midi##In##Open, nullptr, nullptr, device, flags);                    \
+        return entry.serve([&] { return openPort(handle, device, callback, instance, flags); });   \
+    }
 
 #define SIM_PORT_CALL(function, Handle, call)                                                      \
     MMRESULT function(Handle handle)                                                               \
@@ -185,6 +154,8 @@ MMRESULT midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_P
                         [&](Port<Handle>& port) { return port.call(header, size); });              \
     }
 
+SIM_DEVICE_CALLS(In, HMIDIIN, MIDIINCAPSW)
+SIM_DEVICE_CALLS(Out, HMIDIOUT, MIDIOUTCAPSW)
 SIM_PORT_CALL(midiInClose, HMIDIIN, close())
 SIM_PORT_CALL(midiInStart, HMIDIIN, start())
 SIM_PORT_CALL(midiInStop, HMIDIIN, stop())

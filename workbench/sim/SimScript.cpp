@@ -11,14 +11,27 @@
 #include <memory>
 #include <mutex>
 #include <ostream>
-#include <sys/mman.h>
+#include <tuple>
 
 namespace sim {
 namespace internal {
 
 namespace {
 
-enum class Failure { Null, Wait, Com, Multimedia, Never };
+// How a function fails: with what, unless the test says otherwise, and whether it returns that or
+// leaves it to GetLastError.
+struct Failure
+{
+    DWORD usual;
+    bool isReturned;
+    bool isPossible = true;
+};
+
+constexpr Failure Null{ERROR_NOT_ENOUGH_MEMORY, false};
+constexpr Failure Wait{WAIT_FAILED, true};
+constexpr Failure Com{DWORD(E_FAIL), true};
+constexpr Failure Multimedia{MMSYSERR_ERROR, true};
+constexpr Failure Never{0, false, false};
 
 struct FunctionInfo
 {
@@ -27,10 +40,12 @@ struct FunctionInfo
 };
 
 constexpr FunctionInfo kFunctions[] = {
-#define SIM_INFO(name, failure) {#name, Failure::failure},
+#define SIM_INFO(name, failure) {#name, failure},
     SIM_FUNCTIONS(SIM_INFO)
 #undef SIM_INFO
 };
+
+constexpr std::size_t kFunctionCount = std::size(kFunctions);
 
 Function functionNamed(std::string_view name)
 {
@@ -91,33 +106,6 @@ void changeScript(Change change)
     currentScript.store(empty ? nullptr : scripts.back().get(), std::memory_order_release);
 }
 
-void addFault(Function function, unsigned n, DWORD result, unsigned count)
-{
-    if (infoOf(function).failure == Failure::Never)
-        stopWith("this function cannot fail:", infoOf(function).name);
-    if (n < 1 || count < 1)
-        stopWith("calls are counted from 1");
-    const std::uint64_t first = countOf(function).load(std::memory_order_relaxed) + n;
-    const std::uint64_t last = count == kAllFromThere ? UINT64_MAX : first + (count - 1);
-    changeScript([&](Script& script) { script.faults.push_back({function, first, last, result}); });
-}
-
-DWORD usualFailure(Function function)
-{
-    switch (infoOf(function).failure) {
-    case Failure::Multimedia:
-        return MMSYSERR_ERROR;
-    case Failure::Com:
-        return static_cast<DWORD>(E_FAIL);
-    case Failure::Wait:
-        return WAIT_FAILED;
-    case Failure::Null:
-    case Failure::Never:
-        break;
-    }
-    return ERROR_NOT_ENOUGH_MEMORY;
-}
-
 std::atomic<std::uint64_t> threadsSeen{0};
 
 } // namespace
@@ -126,8 +114,8 @@ std::atomic<std::uint64_t> threadsSeen{0};
 struct LogRecord
 {
     enum State : int { Empty, Begun, Returned };
-    std::atomic<int> state;
-    std::atomic<std::uint64_t> result;
+    std::atomic<int> state{Empty};
+    std::atomic<std::uint64_t> result{0};
     Call call;
 };
 
@@ -141,24 +129,14 @@ std::atomic<std::size_t> logUsed{0};
 // blocked will come back to its record.
 std::atomic<std::size_t> logStart{0};
 
-// Address space for the full log; the kernel backs only what is written. Zeroed pages are Empty.
-LogRecord* logRecords()
-{
-    static LogRecord* const records = [] {
-        void* const memory = mmap(nullptr, kLogCapacity * sizeof(LogRecord), PROT_READ | PROT_WRITE,
-                                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        if (memory == MAP_FAILED)
-            stopWith("no address space for the call log");
-        return static_cast<LogRecord*>(memory);
-    }();
-    return records;
-}
+// All zero, so that the kernel backs only what is written.
+LogRecord records[kLogCapacity];
 
 void emptyLog()
 {
     const std::size_t used = std::min(logUsed.load(std::memory_order_acquire), kLogCapacity);
     for (std::size_t i = 0; i < used; ++i)
-        logRecords()[i].state.store(LogRecord::Empty, std::memory_order_relaxed);
+        records[i].state.store(LogRecord::Empty, std::memory_order_relaxed);
     logUsed.store(0, std::memory_order_release);
     logStart.store(0, std::memory_order_release);
 }
@@ -189,7 +167,7 @@ Entry::Entry(Function function, const void* handle, const MIDIHDR* header, std::
         const std::size_t index = logUsed.fetch_add(1, std::memory_order_relaxed);
         if (index >= kLogCapacity)
             stopWith("the call log is full; switch it off with logCalls(false)");
-        record = &logRecords()[index];
+        record = &records[index];
         record->call = call;
         record->state.store(LogRecord::Begun, std::memory_order_release);
     }
@@ -220,15 +198,11 @@ void Entry::consultScript(Function function, const Call& call, std::uint64_t num
     for (const Fault& fault : script->faults) {
         if (fault.function == function && number >= fault.first && number <= fault.last) {
             failing = true;
-            failureResult = fault.result;
+            failure = fault.result;
+            returnsFailure = infoOf(function).failure.isReturned;
             return;
         }
     }
-}
-
-void Entry::setLastError(DWORD error)
-{
-    internal::setLastError(error);
 }
 
 void stopWith(const char* what, std::string_view detail)
@@ -258,17 +232,15 @@ void reset()
     logging.store(true, std::memory_order_relaxed);
 }
 
-bool operator==(const Resources& a, const Resources& b)
+static auto all(const Resources& r)
 {
-    return a.handles == b.handles && a.heapBlocks == b.heapBlocks && a.taskBlocks == b.taskBlocks &&
-           a.virtualBlocks == b.virtualBlocks && a.inputPorts == b.inputPorts &&
-           a.outputPorts == b.outputPorts && a.inputBuffers == b.inputBuffers &&
-           a.outputBuffers == b.outputBuffers;
+    return std::tie(r.handles, r.heapBlocks, r.taskBlocks, r.virtualBlocks, r.inputPorts,
+                    r.outputPorts, r.inputBuffers, r.outputBuffers);
 }
 
-bool operator!=(const Resources& a, const Resources& b)
+bool operator==(const Resources& a, const Resources& b)
 {
-    return !(a == b);
+    return all(a) == all(b);
 }
 
 std::ostream& operator<<(std::ostream& stream, const Resources& resources)
@@ -290,15 +262,19 @@ Resources inUse()
     return resources;
 }
 
-void failCall(std::string_view function, unsigned n)
+void failCall(std::string_view name, unsigned n, std::optional<DWORD> result, unsigned count)
 {
-    const Function f = functionNamed(function);
-    addFault(f, n, usualFailure(f), 1);
-}
-
-void failCall(std::string_view function, unsigned n, DWORD result, unsigned count)
-{
-    addFault(functionNamed(function), n, result, count);
+    const Function function = functionNamed(name);
+    const Failure& failure = infoOf(function).failure;
+    if (!failure.isPossible)
+        stopWith("this function cannot fail:", name);
+    if (n < 1 || count < 1)
+        stopWith("calls are counted from 1");
+    const std::uint64_t first = countOf(function).load(std::memory_order_relaxed) + n;
+    const std::uint64_t last = count == kAllFromThere ? UINT64_MAX : first + (count - 1);
+    changeScript([&](Script& script) {
+        script.faults.push_back({function, first, last, result.value_or(failure.usual)});
+    });
 }
 
 void clearFailures()
@@ -311,32 +287,21 @@ std::uint64_t callCount(std::string_view function)
     return countOf(functionNamed(function)).load(std::memory_order_relaxed);
 }
 
-std::vector<Call> calls()
+std::vector<Call> calls(std::string_view function)
 {
+    const char* const name = function.empty() ? nullptr : infoOf(functionNamed(function)).name;
     std::vector<Call> result;
     const std::size_t used = std::min(logUsed.load(std::memory_order_acquire), kLogCapacity);
     for (std::size_t i = logStart.load(std::memory_order_acquire); i < used; ++i) {
-        const LogRecord& record = logRecords()[i];
+        const LogRecord& record = records[i];
         const int state = record.state.load(std::memory_order_acquire);
-        if (state == LogRecord::Empty)
+        if (state == LogRecord::Empty || (name && record.call.function != name))
             continue;
         Call call = record.call;
         call.returned = state == LogRecord::Returned;
         call.result = call.returned ? record.result.load(std::memory_order_relaxed) : 0;
-        if (call.header)
-            call.headerIndex = positionInBlock(call.header, sizeof(MIDIHDR));
+        call.headerIndex = call.header ? positionInBlock(call.header, sizeof(MIDIHDR)) : -1;
         result.push_back(call);
-    }
-    return result;
-}
-
-std::vector<Call> calls(std::string_view function)
-{
-    const char* const name = infoOf(functionNamed(function)).name;
-    std::vector<Call> result;
-    for (const Call& call : calls()) {
-        if (call.function == name)
-            result.push_back(call);
     }
     return result;
 }
@@ -370,6 +335,18 @@ void onCall(std::string_view function, std::function<void(const Call&)> hook)
 {
     auto entry = std::make_shared<const Hook>(Hook{functionNamed(function), std::move(hook)});
     changeScript([&](Script& script) { script.hooks.push_back(std::move(entry)); });
+}
+
+void onSleep(std::function<void(DWORD)> hook)
+{
+    changeScript([](Script& script) {
+        auto& hooks = script.hooks;
+        hooks.erase(std::remove_if(hooks.begin(), hooks.end(),
+                                   [](const auto& h) { return h->function == Function::Sleep; }),
+                    hooks.end());
+    });
+    if (hook)
+        onCall("Sleep", [hook](const Call& call) { hook(static_cast<DWORD>(call.arguments[0])); });
 }
 
 void clearHooks()

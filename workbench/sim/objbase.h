@@ -5,12 +5,6 @@
 
 constexpr HRESULT S_OK = 0;
 constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
-constexpr HRESULT E_OUTOFMEMORY = static_cast<HRESULT>(0x8007000E);
-
-constexpr bool SUCCEEDED(HRESULT result)
-{
-    return result >= 0;
-}
 
 constexpr bool FAILED(HRESULT result)
 {

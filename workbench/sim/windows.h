@@ -15,9 +15,6 @@ typedef unsigned char BYTE;
 typedef unsigned short WORD;
 typedef unsigned int UINT;
 typedef unsigned int DWORD;
-typedef int LONG;
-typedef unsigned int ULONG;
-typedef char CHAR;
 typedef char* LPSTR;
 typedef void* LPVOID;
 typedef const void* LPCVOID;
@@ -27,11 +24,9 @@ typedef struct HINSTANCE__* HMODULE;
 // 16 bits as on Windows, and a type of its own, so that a conversion which Windows would refuse is
 // refused here as well. QString::utf16() is handed over with a reinterpret_cast on both platforms.
 typedef char16_t WCHAR;
-typedef WCHAR* LPWSTR;
 typedef const WCHAR* LPCWSTR;
 
 typedef unsigned long long DWORD_PTR;
-typedef unsigned long long ULONG_PTR;
 typedef unsigned long long UINT_PTR;
 typedef unsigned long long SIZE_T;
 typedef int HRESULT;
@@ -58,7 +53,6 @@ constexpr DWORD INFINITE = 0xFFFFFFFF;
 constexpr DWORD WAIT_OBJECT_0 = 0;
 constexpr DWORD WAIT_TIMEOUT = 258;
 constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
-constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
 
 constexpr DWORD GET_MODULE_HANDLE_EX_FLAG_PIN = 0x1;
 constexpr DWORD GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS = 0x4;
@@ -69,8 +63,6 @@ constexpr DWORD MEM_COMMIT = 0x00001000;
 constexpr DWORD MEM_RESERVE = 0x00002000;
 constexpr DWORD MEM_RELEASE = 0x00008000;
 constexpr DWORD MEM_FREE = 0x00010000;
-constexpr DWORD MEM_PRIVATE = 0x00020000;
-constexpr DWORD MEM_TOP_DOWN = 0x00100000;
 constexpr DWORD PAGE_NOACCESS = 0x01;
 constexpr DWORD PAGE_READWRITE = 0x04;
 
@@ -88,22 +80,6 @@ typedef struct _MEMORY_BASIC_INFORMATION
     DWORD Type;
 } MEMORY_BASIC_INFORMATION, *PMEMORY_BASIC_INFORMATION;
 static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 48, "as on 64-bit Windows");
-
-typedef struct _SYSTEM_INFO
-{
-    WORD wProcessorArchitecture;
-    WORD wReserved;
-    DWORD dwPageSize;
-    LPVOID lpMinimumApplicationAddress;
-    LPVOID lpMaximumApplicationAddress;
-    DWORD_PTR dwActiveProcessorMask;
-    DWORD dwNumberOfProcessors;
-    DWORD dwProcessorType;
-    DWORD dwAllocationGranularity;
-    WORD wProcessorLevel;
-    WORD wProcessorRevision;
-} SYSTEM_INFO, *LPSYSTEM_INFO;
-static_assert(sizeof(SYSTEM_INFO) == 48, "as on 64-bit Windows");
 
 extern "C" {
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState,
@@ -124,5 +100,4 @@ BOOL WINAPI HeapFree(HANDLE heap, DWORD flags, LPVOID memory);
 LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protection);
 BOOL WINAPI VirtualFree(LPVOID address, SIZE_T bytes, DWORD type);
 SIZE_T WINAPI VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION information, SIZE_T length);
-void WINAPI GetSystemInfo(LPSYSTEM_INFO information);
 }
