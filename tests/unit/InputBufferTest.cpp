@@ -99,6 +99,45 @@ TEST_F(InputBufferTest, AnErrorNoticeLeftFromBeforeTheOpeningIsNotActedUpon)
     EXPECT_EQ(sim::queuedBuffers(input), 768u);
 }
 
+TEST_F(InputBufferTest, ALateNoticeOfAnEarlierOpeningTakesNoBufferOfThisOne)
+{
+    // Should the drain ask for the header, which is with the device, it would get it.
+    sim::failCall("midiInUnprepareHeader", 1, MMSYSERR_NOERROR, sim::kAllFromThere);
+    sim::clearCalls();
+    const auto header = reinterpret_cast<std::uintptr_t>(device().inHeaders.begin());
+    for (const UINT code : {UINT(MIM_LONGDATA), UINT(MIM_LONGERROR)}) {
+        Access::midiInProc(*transport, code, static_cast<DWORD>(header));
+        EXPECT_EQ(drain(), 0);
+        EXPECT_TRUE(sim::calls("midiInUnprepareHeader").empty());
+    }
+    sim::clearFailures();
+}
+
+TEST_F(InputBufferTest, ANoticeLeftFromBeforeTheOpeningDoesNotGoBeforeTheNewOnes)
+{
+    const Bytes dump = sim::floodSysEx(1, 5000); // headers 0 and 1
+    for (const UINT code : {UINT(MIM_LONGDATA), UINT(MIM_LONGERROR)}) {
+        sim::returnBuffer(input, 0); // header 0
+        drain();
+        sim::returnBuffer(input, 0, nullptr, 0, code); // header 1
+        close();
+
+        std::atomic<bool> arrived{false};
+        sim::onCall("WaitForMultipleObjects", [&](const sim::Call&) {
+            while (!arrived) // the pusher drains nothing before
+                std::this_thread::yield();
+        });
+        ASSERT_NE(transport->openInput(1), nullptr);
+        receive(dump);
+        arrived = true;
+        EXPECT_TRUE(recorder.waitFor(code == MIM_LONGDATA ? 1 : 2)) << code;
+        close();
+        sim::clearHooks();
+        openForDraining();
+    }
+    EXPECT_EQ(delivered(), Messages({dump, dump}));
+}
+
 TEST_F(InputBufferTest, ABufferThatCameBackWithAnErrorIsNotWaitedForAtTheClose)
 {
     sim::returnBuffer(input, 0, nullptr, 0, MIM_LONGERROR);
