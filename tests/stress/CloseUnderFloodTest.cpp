@@ -122,22 +122,33 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
 
 TEST_P(CloseUnderFloodTest, AFreshTransportForEachCycleMeetsNoCallbackOfTheLast)
 {
-    const Watchdog watchdog(std::chrono::seconds(120));
+    Watchdog watchdog(std::chrono::seconds(20));
     startFlood();
+    int losses = 0;
     for (int cycle = 0; cycle < kCycles; ++cycle) {
+        watchdog.alive();
         TMIDITransport& transport = MIDITransportInstance(&accessor);
         transport.registerMIDIobserver(&checker);
         const std::uint64_t before = checker.messages();
         ASSERT_NE(transport.openInput(1), nullptr) << "cycle " << cycle;
         while (cycle % 2 == 0 && checker.messages() < before + 20)
             std::this_thread::yield();
+        const bool isLost = GetParam() == sim::DriverKind::Windows11 && cycle % 50 == 49;
+        if (isLost)
+            sim::unplugInput(input);
         if (cycle % 3 != 0) { // or the last Release closes
             ASSERT_EQ(transport.closeInput(), 0) << "cycle " << cycle;
         }
         ASSERT_EQ(transport.Release(), 0u);
+        if (isLost) {
+            ++losses;
+            sim::unloadDriver(); // which touches what it kept, and calls back
+            sim::plugInInput(input);
+        }
     }
     sim::stopFlood(input);
     EXPECT_EQ(checker.errors, 0u);
+    left.heapBlocks = 2 * losses; // headers and data, left to the driver
 }
 
 TEST_P(CloseUnderFloodTest, WithThePortOpenEveryBufferIsBackAfterTheFlood)
