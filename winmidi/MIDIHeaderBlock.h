@@ -47,6 +47,10 @@ public:
     /// The header at `address`; null if that is none of these. Also for a callback's thread.
     MIDIHDR* find(DWORD address) const;
 
+    /// Points a header of this pool at its buffer, whatever a driver made of that. Does nothing
+    /// without data.
+    void attachBuffer(MIDIHDR* header) const;
+
     /// The buffer of a header of this pool, whatever its lpData says by now.
     unsigned char* buffer(const MIDIHDR* header) const;
 

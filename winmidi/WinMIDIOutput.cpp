@@ -254,6 +254,7 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
         buffer[0] = static_cast<unsigned char>(status);
     if (length > statusBytes) // a status alone comes without data
         std::memcpy(buffer + statusBytes, data, static_cast<std::size_t>(length - statusBytes));
+    d->outHeaders.attachBuffer(header);
     header->dwBufferLength = static_cast<DWORD>(length);
     flagsOf(header) = 0;
     userOf(header) = wait ? reinterpret_cast<DWORD_PTR>(d->doneEvent) : 0;

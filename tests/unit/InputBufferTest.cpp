@@ -83,7 +83,19 @@ TEST_F(InputBufferTest, ABufferIsReadWhereItLiesWhateverADriverMadeOfItsHeader)
     header.lpData = nullptr;
     drain();
     EXPECT_EQ(delivered(), Messages({kSysEx}));
-    header.lpData = own;
+    EXPECT_EQ(header.lpData, own) << "where the device is to write next";
+}
+
+TEST_F(InputBufferTest, AHeaderThatADriverSpoiledHasItsBufferAgainAtTheNextOpening)
+{
+    MIDIHDR& header = *device().inHeaders.begin();
+    char* const own = header.lpData;
+    close();
+    header.lpData = own - 1;
+    header.dwBufferLength = 0xFFFFFFFF;
+    openForDraining();
+    EXPECT_EQ(header.lpData, own);
+    EXPECT_EQ(header.dwBufferLength, 4096u);
 }
 
 TEST_F(InputBufferTest, AnErrorNoticeLeftFromBeforeTheOpeningIsNotActedUpon)
