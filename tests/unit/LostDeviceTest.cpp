@@ -230,6 +230,7 @@ TEST_F(LateDeviceTest, ACallbackWhoseThreadWasEndedDoesNotKeepTheInputFromClosin
     // It may also have been slow only: then it must not meet anything that is gone.
     leave = true;
     driver.join();
+    EXPECT_EQ(sim::callCount("GetModuleHandleExW"), 1u) << "its code must stay";
     left.handles = 2; // the events and all buffers
     left.heapBlocks = 4;
 }
@@ -355,6 +356,34 @@ TEST_F(LateDeviceTest, ARefusedChunkThatTheDriverReportsAllTheSameEndsNoLaterWai
     EXPECT_EQ(device().outHeaders.begin()->dwFlags, 0u);
     sim::clearHooks();
     EXPECT_TRUE(transport->outputData(int(dump.size()), dump.data()));
+}
+
+TEST_F(LateDeviceTest, ASendThatWindows11GivesUpIsBorneHoweverTheDriverEndsIt)
+{
+    using Failed = sim::Windows11::FailedLong;
+    for (const Failed failed :
+         {Failed::StaysWithClient, Failed::DoneWithError, Failed::DoneWithSuccess}) {
+        SCOPED_TRACE(int(failed));
+        sim::DeviceOptions options;
+        options.kind = sim::DriverKind::Windows11;
+        options.windows11.sendPiece = 5;
+        options.windows11.failedLong = failed;
+        const int number = sim::addOutput(u"Stalled", options);
+        ASSERT_NE(transport->openOutput(number + 1), nullptr);
+        const Bytes lost(4097, 0x11);
+        const Bytes dump(4097, 0x22);
+        sim::stallOutput(number, true);
+        EXPECT_EQ(transport->outputData(int(lost.size()), lost.data()),
+                  failed == Failed::DoneWithSuccess);
+        EXPECT_FALSE(sim::isSignalled(device().doneEvent));
+        sim::stallOutput(number, false);
+        sim::clearSent(number);
+        EXPECT_TRUE(transport->outputData(int(dump.size()), dump.data()));
+        ASSERT_EQ(sim::sent(number).size(), 2u);
+        EXPECT_EQ(sim::sent(number)[0].bytes, Bytes(4096, 0x22));
+        EXPECT_GE(sim::sent(number)[1].time - sim::sent(number)[0].time, 100u);
+        EXPECT_EQ(transport->closeOutput(), 0);
+    }
 }
 
 TEST_F(LateDeviceTest, ARefusedChunkThatTheDriverKeepsIsNotUsedAgain)
