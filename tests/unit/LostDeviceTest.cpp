@@ -259,11 +259,20 @@ TEST_F(LateDeviceTest, TheObserversDumpToADeviceThatWasPulledOutDoesNotKeepTheIn
     EXPECT_EQ(refused, 10);
     while (sim::completeOutput(output)) {
     }
-    // The next opening is none of its business.
-    recorder.onRead = nullptr;
+    // To the next closing the loss means nothing.
+    bool sent = false;
+    recorder.onRead = [&] {
+        while (!device().closingInput)
+            std::this_thread::yield();
+        const Bytes dump(5000, 0x11);
+        sent = transport->outputData(int(dump.size()), dump.data());
+    };
     sim::setCompletion(output, sim::Completion::Inline);
-    const Bytes dump(5000, 0x11);
-    EXPECT_TRUE(transport->outputData(int(dump.size()), dump.data()));
+    ASSERT_NE(transport->openInput(1), nullptr);
+    sim::shortMessage(input, 0x643C90);
+    ASSERT_TRUE(recorder.waitFor(11));
+    EXPECT_EQ(transport->closeInput(), 0);
+    EXPECT_TRUE(sent);
 }
 
 TEST_F(LateDeviceTest, TheObserversSpinOnAFullPoolDoesNotKeepTheInputFromClosing)
