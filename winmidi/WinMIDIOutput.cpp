@@ -217,7 +217,7 @@ bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned period)
     while (senders.admits(period) && !patience.isOver()) {
         const DWORD result = WaitForSingleObject(doneEvent, limit);
         if (result == WAIT_FAILED || (flagsOf(header) & MHDR_DONE))
-            return senders.admits(period);
+            return true;
         // A header may be taken again before the callback of its last chunk has run, which then
         // signals for this one. If the chunk is not done by the time that it can take, the signal
         // was its own, from a driver that marks nothing.

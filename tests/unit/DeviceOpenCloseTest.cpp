@@ -453,7 +453,12 @@ TEST_F(DeviceOpenCloseTest, AClosingOutputWaitsForASenderThatHasJustLooked)
     std::atomic<bool> closing{false};
     std::atomic<bool> waits{false};
     std::atomic<bool> closed{false};
-    sim::onSleep([&](DWORD) { waits = true; });
+    std::atomic<bool> sent{false};
+    sim::onSleep([&](DWORD) {
+        waits = true;
+        while (!sent)
+            std::this_thread::yield();
+    });
     sim::onCall("midiOutUnprepareHeader", [&](const sim::Call&) {
         if (closing.exchange(true))
             return;
@@ -465,6 +470,7 @@ TEST_F(DeviceOpenCloseTest, AClosingOutputWaitsForASenderThatHasJustLooked)
             std::this_thread::yield();
     });
     EXPECT_TRUE(transport->outputData(3, note));
+    sent = true;
     host.join();
     EXPECT_EQ(sim::sent(output).size(), 2u);
     const std::vector<std::string> names = midiCalls();

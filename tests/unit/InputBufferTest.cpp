@@ -204,7 +204,11 @@ TEST_F(InputBufferTest, ACallbackThatOutlivesTheCloseOfItsPortQueuesAndSignalsNo
         driver = std::thread([&] { Access::midiInProc(*transport, MIM_DATA, 0x643C90, handle); });
         while (!device().gate->isBusy())
             std::this_thread::yield();
-        sim::onSleep([&](DWORD) { letGo(); }); // the close waits for it
+        sim::onSleep([&](DWORD) { // the close waits for it
+            letGo();
+            while (device().gate->isBusy())
+                std::this_thread::yield();
+        });
     });
     EXPECT_EQ(transport->closeInput(), 0);
     letGo();
