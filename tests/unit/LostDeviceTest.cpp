@@ -188,6 +188,9 @@ INSTANTIATE_TEST_SUITE_P(Heap, LostDeviceTest, testing::Bool(),
 class LateDeviceTest : public DeviceTest
 {
 protected:
+    /// Of the closing of an input whose observer's chunk is lost, 1.35 s, on a busy machine.
+    static constexpr std::chrono::seconds kInTime{5};
+
     const Watchdog watchdog{std::chrono::seconds(20)};
 };
 
@@ -256,7 +259,7 @@ TEST_F(LateDeviceTest, TheObserversDumpToADeviceThatWasPulledOutDoesNotKeepTheIn
         std::this_thread::yield();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(transport->closeInput(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kInTime);
     EXPECT_EQ(recorder.count(), 10u);
     EXPECT_EQ(refused, 10);
     while (sim::completeOutput(output)) {
@@ -297,32 +300,27 @@ TEST_F(LateDeviceTest, TheObserversSpinOnAFullPoolDoesNotKeepTheInputFromClosing
         std::this_thread::yield();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(transport->closeInput(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kInTime);
     EXPECT_FALSE(sent);
 }
 
 TEST_F(LateDeviceTest, AnOutputWaitsForTheChunkThatItsResetDidNotFinish)
 {
+    sim::useVirtualTime();
     sim::setCompletion(output, sim::Completion::Manual);
-    for (const int late : {0, 1, 5, 20}) {
+    sim::failCall("midiOutReset", 1, MMSYSERR_NOERROR, sim::kAllFromThere); // finishes nothing
+    for (const DWORD late : {0u, 1u, 5u, 20u, 490u}) {
         SCOPED_TRACE(late);
         ASSERT_NE(transport->openOutput(1), nullptr);
         const unsigned char note[] = {0x90, 1, 2};
         ASSERT_TRUE(transport->outputData(3, note));
         const std::uint64_t closes = sim::callCount("midiOutClose");
-        std::thread driver;
-        sim::onCall("midiOutReset", [&](const sim::Call&) {
-            if (!driver.joinable())
-                driver = std::thread([&] {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(late));
-                    sim::completeOutput(output);
-                });
+        const DWORD start = timeGetTime();
+        sim::onSleep([&](DWORD) {
+            if (timeGetTime() - start >= late)
+                sim::completeOutput(output);
         });
-        sim::failCall("midiOutReset", 1, MMSYSERR_NOERROR, sim::kAllFromThere); // finishes nothing
         EXPECT_EQ(transport->closeOutput(), 0);
-        driver.join();
-        sim::clearHooks();
-        sim::clearFailures();
         EXPECT_EQ(sim::callCount("midiOutClose"), closes + 1) << "a handle is closed only once";
         EXPECT_EQ(sim::inUse().outputPorts, 0);
     }
