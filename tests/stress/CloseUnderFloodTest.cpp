@@ -1,10 +1,11 @@
 // An input that is opened and closed over and over while its driver never stops sending.
 
+#include "tests/stress/FloodCycles.h"
 #include "tests/stress/Stress.h"
 
 namespace {
 
-constexpr int kCycles = kThreadSanitizer ? 300 : 2000;
+const int kCycles = floodCycles(kThreadSanitizer ? 300 : 500);
 constexpr std::size_t kSysExLength = 5000; // two buffers, so that a close can cut a message in two
 
 class CloseUnderFloodTest : public SimTest, public testing::WithParamInterface<sim::DriverKind>
@@ -107,7 +108,7 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
     }
     EXPECT_EQ(sim::inUse(), resources);
     EXPECT_EQ(settledThreadCount(threads), threads);
-    const std::size_t simulated = (kCycles - kWarmUp) * portBytes;
+    const std::size_t simulated = std::size_t(kCycles - kWarmUp) * portBytes;
     EXPECT_LT(allocatedBytes(), bytes + simulated + 100'000) << "bytes per port: " << portBytes;
 
     sim::stopFlood(input);

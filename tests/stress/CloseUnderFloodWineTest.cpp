@@ -1,6 +1,7 @@
 // Inputs of the cable that never stop sending, opened and closed over and over through the DLL, for
 // each kind of driver.
 
+#include "tests/stress/FloodCycles.h"
 #include "tests/stress/Watchdog.h"
 #include "transport/MIDITransport.h"
 #include "winmidi/WinMIDI.h"
@@ -25,7 +26,7 @@ struct lumora::TransportTestAccess
 
 namespace {
 
-constexpr int kCycles = 500;
+const int kCycles = floodCycles(500);
 
 const char kCableDescription[] = "in \"Reset\" flood=100 dump=5000 repeat=0 wait=reset\n"
                                  "in \"Close\" flood=100 dump=5000 repeat=0 wait=close\n"
