@@ -193,22 +193,6 @@ TEST_F(LateCallbackTest, ANoticeOfAPortThatIsClosedDoesNotTakeABufferOfTheNextOn
     EXPECT_EQ(transport->closeInput(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Driver, CloseUnderFloodTest,
-                         testing::Values(sim::DriverKind::WaitsInReset,
-                                         sim::DriverKind::WaitsInClose,
-                                         sim::DriverKind::WaitsInNeither,
-                                         sim::DriverKind::Windows11),
-                         [](const auto& driver) {
-                             switch (driver.param) {
-                             case sim::DriverKind::WaitsInReset:
-                                 return "WaitsInReset";
-                             case sim::DriverKind::WaitsInClose:
-                                 return "WaitsInClose";
-                             case sim::DriverKind::Windows11:
-                                 return "Windows11";
-                             default:
-                                 return "WaitsInNeither";
-                             }
-                         });
+INSTANTIATE_TEST_SUITE_P(Driver, CloseUnderFloodTest, kDriverKinds, driverName);
 
 } // namespace
