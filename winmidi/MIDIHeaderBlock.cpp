@@ -61,10 +61,8 @@ bool MIDIHeaderBlock::allocateData()
         HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, std::size_t(size) * kBufferSize));
     if (!data)
         return false;
-    for (MIDIHDR& header : *this) {
-        header.lpData = reinterpret_cast<LPSTR>(buffer(&header));
-        header.dwBufferLength = kBufferSize;
-    }
+    for (MIDIHDR& header : *this)
+        attachBuffer(&header);
     return true;
 }
 
@@ -99,6 +97,14 @@ MIDIHDR* MIDIHeaderBlock::find(DWORD address) const
     if (!first || !data || offset >= size * sizeof(MIDIHDR) || offset % sizeof(MIDIHDR) != 0)
         return nullptr;
     return first + offset / sizeof(MIDIHDR);
+}
+
+void MIDIHeaderBlock::attachBuffer(MIDIHDR* header) const
+{
+    if (!data)
+        return;
+    header->lpData = reinterpret_cast<LPSTR>(buffer(header));
+    header->dwBufferLength = kBufferSize;
 }
 
 unsigned char* MIDIHeaderBlock::buffer(const MIDIHDR* header) const

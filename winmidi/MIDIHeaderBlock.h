@@ -47,6 +47,9 @@ public:
     /// The header at `address`; null if it is not one of these. Safe on a callback's thread.
     MIDIHDR* find(DWORD address) const;
 
+    /// Makes a header of this pool point at its buffer again. Does nothing without data.
+    void attachBuffer(MIDIHDR* header) const;
+
     /// The buffer of a header of this pool, even if a driver has changed its lpData.
     unsigned char* buffer(const MIDIHDR* header) const;
 

@@ -97,6 +97,7 @@ bool TWinMIDIPrivate::addBuffers(HMIDIIN handle)
 {
     buffersOut.reset();
     for (MIDIHDR& header : inHeaders) {
+        inHeaders.attachBuffer(&header);
         header.dwFlags = 0;
         header.dwBytesRecorded = 0;
         header.dwUser = 0;
@@ -211,6 +212,7 @@ void TWinMIDIPrivate::recycle(MIDIHDR* header)
     }
     if (result != MMSYSERR_NOERROR)
         return;
+    inHeaders.attachBuffer(header);
     header->dwFlags = 0;
     header->dwBytesRecorded = 0;
     if (midiInPrepareHeader(handle, header, sizeof *header) == MMSYSERR_NOERROR)

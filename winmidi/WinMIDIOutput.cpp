@@ -215,7 +215,7 @@ bool TWinMIDIPrivate::awaitChunk(MIDIHDR* header, unsigned period)
     while (senders.admits(period) && !patience.isOver()) {
         const DWORD result = WaitForSingleObject(doneEvent, limit);
         if (result == WAIT_FAILED || (flagsOf(header) & MHDR_DONE))
-            return senders.admits(period);
+            return true;
         // A header may be taken again before the callback of its last chunk has run, which then
         // signals for this one. If the chunk is still not done after the longest time that it can
         // take, the signal was its own, from a driver that sets no MHDR_DONE.
@@ -252,6 +252,7 @@ bool TWinMIDI::outputLongData2(int length, const unsigned char* data, unsigned i
         buffer[0] = static_cast<unsigned char>(status);
     if (length > statusBytes) // a status byte alone has no data
         std::memcpy(buffer + statusBytes, data, static_cast<std::size_t>(length - statusBytes));
+    d->outHeaders.attachBuffer(header);
     header->dwBufferLength = static_cast<DWORD>(length);
     flagsOf(header) = 0;
     userOf(header) = wait ? reinterpret_cast<DWORD_PTR>(d->doneEvent) : 0;

@@ -9,13 +9,14 @@ namespace {
 
 constexpr std::size_t kBuffers = kInputHeaders;
 
-class OverloadTest : public DeviceTest
+class OverloadTest : public DeviceTest, public testing::WithParamInterface<sim::DriverKind>
 {
 protected:
     void SetUp() override
     {
         DeviceTest::SetUp();
         sim::logCalls(false);
+        sim::setDriverKind(GetParam());
         // The tests bring observers of their own, which do not keep everything.
         releaseTransport();
         transport = &MIDITransportInstance(&accessor);
@@ -49,7 +50,7 @@ public:
     std::atomic<std::size_t> wrong{0};
 };
 
-TEST_F(OverloadTest, OnlyShortMessagesThatWouldTouchTheReserveAreLostAndAllElseComesInOrder)
+TEST_P(OverloadTest, OnlyShortMessagesThatWouldTouchTheReserveAreLostAndAllElseComesInOrder)
 {
     const Watchdog watchdog(std::chrono::seconds(30));
     StalledObserver observer;
@@ -98,7 +99,7 @@ TEST_F(OverloadTest, OnlyShortMessagesThatWouldTouchTheReserveAreLostAndAllElseC
     EXPECT_EQ(transport->closeInput(), 0);
 }
 
-TEST_F(OverloadTest, AfterStallsThatFillTheQueueEverySysExIsByteExactAndEveryBufferBack)
+TEST_P(OverloadTest, AfterStallsThatFillTheQueueEverySysExIsByteExactAndEveryBufferBack)
 {
     constexpr std::size_t kLength = 5000;
     constexpr int kStalls = 3;
@@ -134,5 +135,9 @@ TEST_F(OverloadTest, AfterStallsThatFillTheQueueEverySysExIsByteExactAndEveryBuf
     EXPECT_EQ(checker.errors, 0u);
     EXPECT_EQ(checker.cut, 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Driver, OverloadTest,
+                         testing::Values(sim::DriverKind::WaitsInReset, sim::DriverKind::Windows11),
+                         driverName);
 
 } // namespace

@@ -24,6 +24,25 @@ constexpr bool kThreadSanitizer = true;
 constexpr bool kThreadSanitizer = false;
 #endif
 
+/// Every kind of driver, for tests that have it as their parameter.
+inline const auto kDriverKinds =
+    testing::Values(sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
+                    sim::DriverKind::WaitsInNeither, sim::DriverKind::Windows11);
+
+inline std::string driverName(const testing::TestParamInfo<sim::DriverKind>& driver)
+{
+    switch (driver.param) {
+    case sim::DriverKind::WaitsInReset:
+        return "WaitsInReset";
+    case sim::DriverKind::WaitsInClose:
+        return "WaitsInClose";
+    case sim::DriverKind::Windows11:
+        return "Windows11";
+    default:
+        return "WaitsInNeither";
+    }
+}
+
 /// The threads of this process.
 inline int threadCount()
 {

@@ -288,6 +288,62 @@ void closeInputBelowASendingObserver(const Lose& lose)
     EXPECT_EQ(other.Release(), 0u);
 }
 
+/// A note that the driver still has when output `port` is closed. Returns how long closing takes;
+/// `kept` tells whether the headers stay the driver's.
+std::chrono::milliseconds closeBehindAChunk(TMIDITransport& transport, int port, bool& kept)
+{
+    EXPECT_NE(transport.openOutput(port), nullptr);
+    const TWinMIDIPrivate& device = lumora::TransportTestAccess::device(transport);
+    const MIDIHDR* const first = device.outHeaders.begin();
+    EXPECT_TRUE(send(transport, {0x90, 1, 2}));
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(transport.closeOutput(), 0);
+    const auto closing =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    EXPECT_EQ(transport.closeOutput(), -1);
+    kept = (first->dwFlags & MHDR_INQUEUE) != 0;
+    EXPECT_EQ(device.outHeaders.begin() != first, kept) << "what the driver has is not used again";
+    return closing;
+}
+
+TEST(LostDeviceSystemTest, AnOutputWaitsForTheChunkThatItsResetDidNotFinish)
+{
+    // At one byte per second the note plays until it is reset.
+    if (ranWithCable("out \"1\" pace=1 late=1\n"
+                     "out \"5\" pace=1 late=5\n"
+                     "out \"20\" pace=1 late=20"))
+        return;
+    const Watchdog watchdog(std::chrono::seconds(30));
+    TMIDITransport& transport = MIDITransportInstance(nullptr);
+    for (int round = 0; round < 10; ++round) {
+        for (const int port : {1, 2, 3}) {
+            bool kept = true;
+            EXPECT_LT(closeBehindAChunk(transport, port, kept), kWithoutWaiting);
+            EXPECT_FALSE(kept) << "the close was refused";
+        }
+    }
+    EXPECT_EQ(transport.Release(), 0u);
+}
+
+TEST(LostDeviceSystemTest, AnOutputThatPlaysForEverIsGivenUpInTimeAndKeepsItsHeaders)
+{
+    if (ranWithCable("out \"Busy\" pace=1 late=3600000\nout \"Other\""))
+        return;
+    const Watchdog watchdog(std::chrono::seconds(30));
+    TMIDITransport& transport = MIDITransportInstance(nullptr);
+    for (int round = 0; round < 2; ++round) { // the cable lets a lost port be opened again
+        bool kept = false;
+        const std::chrono::milliseconds closing = closeBehindAChunk(transport, 1, kept);
+        EXPECT_GE(closing, std::chrono::milliseconds(450));
+        EXPECT_LT(closing, std::chrono::seconds(2));
+        EXPECT_TRUE(kept);
+    }
+    ASSERT_NE(transport.openOutput(2), nullptr);
+    EXPECT_TRUE(send(transport, Bytes(5000, 0x11)));
+    EXPECT_EQ(transport.closeOutput(), 0);
+    EXPECT_EQ(transport.Release(), 0u);
+}
+
 TEST(LostDeviceSystemTest, AnObserversDumpThatNeverEndsDoesNotKeepTheInputFromClosing)
 {
     // A chunk would take more than an hour.

@@ -443,6 +443,51 @@ TEST_F(DeviceOpenCloseTest, ASenderWhoseThreadWasEndedDoesNotKeepTheOutputFromCl
     left.heapBlocks = 2; // and still use its header
 }
 
+TEST_F(DeviceOpenCloseTest, AClosingOutputWaitsForASenderThatHasJustLooked)
+{
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    const unsigned char note[] = {0x90, 1, 2};
+    ASSERT_TRUE(transport->outputData(3, note));
+    // The next sender unprepares the header that is done by now: it has looked, and sends next.
+    std::thread host;
+    std::atomic<bool> closing{false};
+    std::atomic<bool> waits{false};
+    std::atomic<bool> closed{false};
+    std::atomic<bool> sent{false};
+    sim::onSleep([&](DWORD) {
+        waits = true;
+        while (!sent)
+            std::this_thread::yield();
+    });
+    sim::onCall("midiOutUnprepareHeader", [&](const sim::Call&) {
+        if (closing.exchange(true))
+            return;
+        host = std::thread([&] {
+            EXPECT_EQ(transport->closeOutput(), 0);
+            closed = true;
+        });
+        while (!waits && !closed)
+            std::this_thread::yield();
+    });
+    EXPECT_TRUE(transport->outputData(3, note));
+    sent = true;
+    host.join();
+    EXPECT_EQ(sim::sent(output).size(), 2u);
+    const std::vector<std::string> names = midiCalls();
+    EXPECT_EQ(names.back(), "midiOutClose") << "nothing may be sent behind it";
+}
+
+TEST_F(DeviceOpenCloseTest, AMessageThatBeginsWhileTheOutputClosesIsTurnedAway)
+{
+    ASSERT_NE(transport->openOutput(1), nullptr);
+    const unsigned char note[] = {0x90, 1, 2};
+    bool sent = true;
+    sim::onCall("midiOutReset", [&](const sim::Call&) { sent = transport->outputData(3, note); });
+    EXPECT_EQ(transport->closeOutput(), 0);
+    EXPECT_FALSE(sent);
+    EXPECT_TRUE(sim::sent(output).empty());
+}
+
 TEST_F(DeviceOpenCloseTest, ADeviceThatReturnsNoBufferAtAResetIsWaitedForASecond)
 {
     sim::useVirtualTime();

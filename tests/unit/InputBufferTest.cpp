@@ -83,7 +83,19 @@ TEST_F(InputBufferTest, ABufferIsReadWhereItLiesWhateverADriverMadeOfItsHeader)
     header.lpData = nullptr;
     drain();
     EXPECT_EQ(delivered(), Messages({kSysEx}));
-    header.lpData = own;
+    EXPECT_EQ(header.lpData, own) << "where the device is to write next";
+}
+
+TEST_F(InputBufferTest, AHeaderThatADriverSpoiledHasItsBufferAgainAtTheNextOpening)
+{
+    MIDIHDR& header = *device().inHeaders.begin();
+    char* const own = header.lpData;
+    close();
+    header.lpData = own - 1;
+    header.dwBufferLength = 0xFFFFFFFF;
+    openForDraining();
+    EXPECT_EQ(header.lpData, own);
+    EXPECT_EQ(header.dwBufferLength, 4096u);
 }
 
 TEST_F(InputBufferTest, AnErrorNoticeLeftFromBeforeTheOpeningIsNotActedUpon)
@@ -97,6 +109,45 @@ TEST_F(InputBufferTest, AnErrorNoticeLeftFromBeforeTheOpeningIsNotActedUpon)
     EXPECT_EQ(drain(), 0);
     EXPECT_TRUE(sim::calls("midiInUnprepareHeader").empty());
     EXPECT_EQ(sim::queuedBuffers(input), 768u);
+}
+
+TEST_F(InputBufferTest, ALateNoticeOfAnEarlierOpeningTakesNoBufferOfThisOne)
+{
+    // Should the drain ask for the header, which is with the device, it would get it.
+    sim::failCall("midiInUnprepareHeader", 1, MMSYSERR_NOERROR, sim::kAllFromThere);
+    sim::clearCalls();
+    const auto header = reinterpret_cast<std::uintptr_t>(device().inHeaders.begin());
+    for (const UINT code : {UINT(MIM_LONGDATA), UINT(MIM_LONGERROR)}) {
+        Access::midiInProc(*transport, code, static_cast<DWORD>(header));
+        EXPECT_EQ(drain(), 0);
+        EXPECT_TRUE(sim::calls("midiInUnprepareHeader").empty());
+    }
+    sim::clearFailures();
+}
+
+TEST_F(InputBufferTest, ANoticeLeftFromBeforeTheOpeningDoesNotGoBeforeTheNewOnes)
+{
+    const Bytes dump = sim::floodSysEx(1, 5000); // headers 0 and 1
+    for (const UINT code : {UINT(MIM_LONGDATA), UINT(MIM_LONGERROR)}) {
+        sim::returnBuffer(input, 0); // header 0
+        drain();
+        sim::returnBuffer(input, 0, nullptr, 0, code); // header 1
+        close();
+
+        std::atomic<bool> arrived{false};
+        sim::onCall("WaitForMultipleObjects", [&](const sim::Call&) {
+            while (!arrived) // the pusher drains nothing before
+                std::this_thread::yield();
+        });
+        ASSERT_NE(transport->openInput(1), nullptr);
+        receive(dump);
+        arrived = true;
+        EXPECT_TRUE(recorder.waitFor(code == MIM_LONGDATA ? 1 : 2)) << code;
+        close();
+        sim::clearHooks();
+        openForDraining();
+    }
+    EXPECT_EQ(delivered(), Messages({dump, dump}));
 }
 
 TEST_F(InputBufferTest, ABufferThatCameBackWithAnErrorIsNotWaitedForAtTheClose)
@@ -153,7 +204,11 @@ TEST_F(InputBufferTest, ACallbackThatOutlivesTheCloseOfItsPortQueuesAndSignalsNo
         driver = std::thread([&] { Access::midiInProc(*transport, MIM_DATA, 0x643C90, handle); });
         while (!device().gate->isBusy())
             std::this_thread::yield();
-        sim::onSleep([&](DWORD) { letGo(); }); // the close waits for it
+        sim::onSleep([&](DWORD) { // the close waits for it
+            letGo();
+            while (device().gate->isBusy())
+                std::this_thread::yield();
+        });
     });
     EXPECT_EQ(transport->closeInput(), 0);
     letGo();

@@ -57,6 +57,17 @@ TEST_F(OutputRefusalTest, WhateverFlagsARefusalLeavesTheHeaderIsFree)
     }
 }
 
+TEST_F(OutputRefusalTest, AHeaderThatADriverSpoiledIsSentWithItsBufferAgain)
+{
+    EXPECT_TRUE(send(kNote));
+    MIDIHDR& header = *device().outHeaders.begin();
+    char* const own = header.lpData;
+    header.lpData = nullptr;
+    EXPECT_TRUE(send(kNote));
+    EXPECT_EQ(header.lpData, own);
+    EXPECT_EQ(sim::sent(output).back().bytes, kNote);
+}
+
 TEST_F(OutputRefusalTest, AWaitThatFailsEndsTheWaitingForThatChunk)
 {
     sim::setCompletion(output, sim::Completion::Manual);

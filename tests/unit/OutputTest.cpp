@@ -294,10 +294,11 @@ TEST_F(OutputTest, ClosingThePortReleasesASenderThatWaits)
     sim::setCompletion(output, sim::Completion::Manual);
     const Bytes data = bytes(3 * 4096);
     bool result = true;
-    // The port is closed long before the pause behind a chunk ends.
+    // The port is closed long before the pause behind a chunk ends, and its closing has time enough
+    // for the sender to leave.
     std::atomic<bool> closed{false};
     sim::onSleep([&](DWORD milliseconds) {
-        while (milliseconds >= 100 && !closed)
+        while (milliseconds >= 100 ? !closed : device().senders.any())
             std::this_thread::yield();
     });
     std::thread sender([&] { result = send(data); });

@@ -158,6 +158,7 @@ protected:
     void TearDown() override
     {
         sim::clearHooks();
+        sim::onSleep(nullptr);
         sim::clearFailures();
         releaseTransport();
         SimTest::TearDown();

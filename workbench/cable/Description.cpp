@@ -155,6 +155,7 @@ const Option kOptions[] = {
     {"repeat", true, false, [](Port p, Of v) { p.repeat = v.number(0); }},
     {"log", true, false, [](Port p, Of v) { p.logHeld = v.oneOf({"held"}) == 0; }},
     {"long", false, true, [](Port p, Of v) { p.failLongAt = v.failAt(); }},
+    {"late", false, true, [](Port p, Of v) { p.resetTakes = v.number(1); }},
     {"to", false, true, [](Port p, Of v) { p.to = v.number(0); }},
     {"pace", false, true,
      [](Port p, Of v) { p.pace = v.is("wire") ? kWireBytesPerSecond : v.number(1); }},

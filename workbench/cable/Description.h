@@ -20,6 +20,7 @@ struct PortDescription : device::Settings
     DWORD failAddBufferAt = 0;
     DWORD failLongAt = 0;
 
+    DWORD resetTakes = 0;  // milliseconds until an output has finished what it was to send
     DWORD unplugAfter = 0; // milliseconds from an opening until its port loses the device
 
     bool logHeld = false; // of an input

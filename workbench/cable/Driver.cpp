@@ -209,6 +209,16 @@ DWORD closePort(Place<OpenPort>& place, const std::shared_ptr<OpenPort>& port)
     return MMSYSERR_NOERROR;
 }
 
+// As drivers do that leave it to their own thread to give the headers back.
+void resetLater(const std::shared_ptr<OutputPort>& port, DWORD milliseconds)
+{
+    std::thread([milliseconds, late = std::weak_ptr<OutputPort>(port)] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        if (const auto open = late.lock())
+            open->reset();
+    }).detach();
+}
+
 // ---- Messages -----------------------------------------------------------------------------------
 
 // Counts the call and tells whether it is the one that the description lets fail.
@@ -303,8 +313,13 @@ try {
     if (message == LUMORA_CABLE_GET_COUNTERS)
         return copyCounters(*port, parameter1);
     if (message == codes.reset) {
-        if (!place.description.isInput)
+        if constexpr (std::is_same_v<OpenPort, OutputPort>) {
             logEvent("out", place.position, "reset");
+            if (place.description.resetTakes != 0) {
+                resetLater(port, place.description.resetTakes);
+                return MMSYSERR_NOERROR;
+            }
+        }
         return port->reset();
     }
     return ownMessage(place, *port, message, parameter1, parameter2);
