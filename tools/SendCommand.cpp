@@ -194,7 +194,7 @@ void sendCommand(const QStringList& arguments)
     for (const QByteArray& message : messages)
         sizes.append(lengthOf(message));
 
-    Session session(line.store());
+    const Session session(line.store());
     const Port port = session.openOutput(line.arguments().first());
     tellPace(pace);
     QElapsedTimer clock;

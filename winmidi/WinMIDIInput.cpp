@@ -73,7 +73,7 @@ inline bool TWinMIDIPrivate::receive(const InputRecord& record)
     int room = kShortMessageRoom;
     if (record.message != MIM_DATA) {
         room = sizeof record;
-        if (record.returnsBuffer())
+        if (record.returnsBuffer() && returnedHeader(record.param))
             buffersOut.takeBack();
     }
     const std::lock_guard<QMutex> guard(*recordQueue.mutex()); // cheaper here than Qt's own

@@ -150,6 +150,25 @@ TEST_F(InputBufferTest, ANoticeLeftFromBeforeTheOpeningDoesNotGoBeforeTheNewOnes
     EXPECT_EQ(delivered(), Messages({dump, dump}));
 }
 
+TEST_F(InputBufferTest, NoticesOfBuffersThatAreNotBackDoNotShortenTheWaitForThem)
+{
+    for (const MIDIHDR& header : device().inHeaders) {
+        const auto late = static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(&header));
+        Access::midiInProc(*transport, MIM_LONGDATA, late);  // an earlier opening's
+        Access::midiInProc(*transport, MIM_LONGERROR, 0x10); // a lost device's
+    }
+    sim::failCall("midiInReset", 1, MMSYSERR_NOERROR); // the buffers come later
+    int waits = 0;
+    sim::onSleep([&](DWORD) {
+        ++waits;
+        while (sim::returnBuffer(input, 0)) {
+        }
+    });
+    close();
+    sim::clearHooks();
+    EXPECT_EQ(waits, 1);
+}
+
 TEST_F(InputBufferTest, ABufferThatCameBackWithAnErrorIsNotWaitedForAtTheClose)
 {
     sim::returnBuffer(input, 0, nullptr, 0, MIM_LONGERROR);
