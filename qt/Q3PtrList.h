@@ -57,8 +57,8 @@ public:
     /// Makes the next entry current and returns it; null, and no current entry, past the last one.
     type* next()
     {
-        if (position >= 0 && ++position == static_cast<int>(items.size()))
-            position = -1;
+        if (position >= 0)
+            position = position + 1 < static_cast<int>(items.size()) ? position + 1 : -1;
         return current();
     }
 

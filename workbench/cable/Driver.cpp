@@ -11,10 +11,10 @@
 
 #include <mmddk.h>
 
-// Exported by winmm.dll; MinGW's headers leave it out.
-extern "C" WINMMAPI BOOL WINAPI DriverCallback(DWORD_PTR callback, DWORD type, HDRVR device,
-                                               DWORD message, DWORD_PTR instance,
-                                               DWORD_PTR parameter1, DWORD_PTR parameter2);
+// Exported by winmm.dll; older headers of MinGW leave it out.
+extern "C" BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice,
+                                      DWORD dwMsg, DWORD_PTR dwUser, DWORD_PTR dwParam1,
+                                      DWORD_PTR dwParam2);
 
 namespace cable {
 

@@ -191,7 +191,7 @@ private:
     std::uint64_t posted = 0;   // notices ever posted for the thread
     std::uint64_t finished = 0; // whose callback has returned, or that were forgotten
     std::thread thread;
-    std::atomic<std::thread::id> threadId{};
+    std::atomic<std::thread::id> threadId;
     bool closing = false; // the thread ends when nothing is left to do
     bool silent = false;  // the thread ends without the closing callback
     bool refused = false;
