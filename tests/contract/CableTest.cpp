@@ -552,11 +552,9 @@ TEST(CableWait, IsWhereTheDescriptionSays)
 
 // ---- Windows 11's driver ----------------------------------------------------------------------
 
-BOOL control(int command, BOOL input)
+BOOL control(int command, bool input)
 {
-    const auto function = reinterpret_cast<LumoraCableControlFunction>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"winelumora.drv"), "LumoraCableControl")));
-    return function && function(command, input, 0);
+    return controlCable(command, input, 0);
 }
 
 TEST(CableWindows11, LosesADeviceAndGetsItBack)
@@ -566,7 +564,7 @@ TEST(CableWindows11, LosesADeviceAndGetsItBack)
     Input lost;
     Buffer& kept = *lost.giveBuffers(1, 16).front();
     lost.start();
-    ASSERT_TRUE(control(LUMORA_CABLE_UNPLUG, TRUE));
+    ASSERT_TRUE(control(LUMORA_CABLE_UNPLUG, true));
     EXPECT_EQ(MMSYSERR_NODRIVER, lost.stop());
     EXPECT_EQ(MMSYSERR_NODRIVER, lost.reset());
     EXPECT_EQ(MMSYSERR_NODRIVER, lost.queue(kept));
@@ -575,7 +573,7 @@ TEST(CableWindows11, LosesADeviceAndGetsItBack)
     lost.handle = nullptr;
     EXPECT_EQ(MMSYSERR_NODRIVER, Input().result);
 
-    ASSERT_TRUE(control(LUMORA_CABLE_PLUG_IN, TRUE));
+    ASSERT_TRUE(control(LUMORA_CABLE_PLUG_IN, true));
     Output output;
     {
         Input first;
@@ -587,7 +585,7 @@ TEST(CableWindows11, LosesADeviceAndGetsItBack)
         EXPECT_EQ(std::vector<DWORD>{kNoteOn}, second.recorder.waitForShort(1));
     }
     EXPECT_EQ(1u, lost.recorder.notices().size());
-    ASSERT_TRUE(control(LUMORA_CABLE_UNLOAD, TRUE));
+    ASSERT_TRUE(control(LUMORA_CABLE_UNLOAD, true));
     EXPECT_EQ(1u, lost.recorder.notices(MIM_CLOSE).size());
     EXPECT_NE(0u, kept.flags() & MHDR_INQUEUE);
 }
@@ -613,13 +611,13 @@ TEST(CableWindows11, AnOutputThatIsNotTakenFromTimesOut)
     if (ranWithPorts(L"out \"b\" driver=windows11 timeout=20 shorts=wait failed=error"))
         return;
     Output output;
-    ASSERT_TRUE(control(LUMORA_CABLE_STALL, FALSE));
+    ASSERT_TRUE(control(LUMORA_CABLE_STALL, false));
     Buffer message(sysEx(8));
     output.prepare(message);
     EXPECT_EQ(MMSYSERR_ERROR, output.queue(message));
     EXPECT_EQ(1u, output.recorder.notices(MOM_DONE).size());
     EXPECT_EQ(MMSYSERR_ERROR, output.sendShort(kNoteOn));
-    ASSERT_TRUE(control(LUMORA_CABLE_GO_ON, FALSE));
+    ASSERT_TRUE(control(LUMORA_CABLE_GO_ON, false));
     EXPECT_EQ(MMSYSERR_NOERROR, output.sendShort(kNoteOn));
     EXPECT_EQ(MMSYSERR_NOERROR, output.unprepare(message));
 }

@@ -125,9 +125,7 @@ Usage settledUsage(DWORD threads)
 
 void control(int command)
 {
-    const auto function = reinterpret_cast<LumoraCableControlFunction>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"winelumora.drv"), "LumoraCableControl")));
-    ASSERT_TRUE(function(command, TRUE, kWindows11 - 1));
+    ASSERT_TRUE(controlCable(command, true, kWindows11 - 1));
 }
 
 class CloseUnderFloodWineTest : public testing::TestWithParam<int>

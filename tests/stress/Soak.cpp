@@ -298,9 +298,10 @@ constexpr std::uint64_t kAnyNumber = UINT64_MAX;
 
 void control(int command, bool input)
 {
-    const auto function = reinterpret_cast<LumoraCableControlFunction>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"winelumora.drv"), "LumoraCableControl")));
-    function(command, input, 0);
+    if (!controlCable(command, input, 0)) {
+        std::fprintf(stderr, "The cable has no device to control.\n");
+        std::exit(1);
+    }
 }
 
 /// Ends an opening and begins the next one; in between the port is closed for `closedFor`

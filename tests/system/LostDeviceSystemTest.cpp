@@ -35,10 +35,7 @@ const char kPorts[] = "in \"A\" driver=windows11\n"
 /// Does `command` to the device below port `port`, once some port has been open.
 void control(int command, bool input, unsigned port)
 {
-    const auto function = reinterpret_cast<LumoraCableControlFunction>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"winelumora.drv"), "LumoraCableControl")));
-    ASSERT_NE(function, nullptr);
-    EXPECT_TRUE(function(command, input, port - 1));
+    ASSERT_TRUE(controlCable(command, input, port - 1));
 }
 
 bool send(TMIDITransport& transport, const Bytes& bytes)

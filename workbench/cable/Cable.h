@@ -31,7 +31,7 @@ typedef struct LumoraCableCounters
 #define LUMORA_CABLE_GET_COUNTERS 0x4C01
 
 // What a test does to a device, by the function LumoraCableControl that winelumora.drv exports:
-// GetModuleHandle finds the driver once WinMM has loaded it. FALSE if there is no such device.
+// controlCable() below finds it once WinMM has loaded the driver. FALSE if there is no such device.
 enum {
     LUMORA_CABLE_UNPLUG,  // pulls it out; its open ports lose it
     LUMORA_CABLE_PLUG_IN, // it can be opened anew
@@ -42,6 +42,14 @@ enum {
 typedef BOOL(WINAPI* LumoraCableControlFunction)(int command, BOOL input, UINT device);
 
 #ifdef __cplusplus
+}
+
+inline BOOL controlCable(int command, bool input, UINT device)
+{
+    const HMODULE driver = GetModuleHandleW(L"winelumora.drv");
+    const auto function = reinterpret_cast<LumoraCableControlFunction>(
+        reinterpret_cast<void*>(GetProcAddress(driver, "LumoraCableControl")));
+    return function ? function(command, input, device) : FALSE;
 }
 #endif
 
