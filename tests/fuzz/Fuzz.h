@@ -1,4 +1,4 @@
-// Shared by the harnesses, each with one LLVMFuzzerTestOneInput for libFuzzer or ReplayMain.cpp.
+// Shared by the harnesses, each with one LLVMFuzzerTestOneInput for libFuzzer.
 #ifndef LUMORA_TESTS_FUZZ_FUZZ_H
 #define LUMORA_TESTS_FUZZ_FUZZ_H
 

@@ -238,8 +238,9 @@ TEST_F(Memory, VirtualQueryFindsWhatVirtualAllocGives)
 {
     MEMORY_BASIC_INFORMATION region{};
     do {
-        char* const next = static_cast<char*>(region.BaseAddress) + region.RegionSize;
-        ASSERT_EQ(VirtualQuery(next, &region, sizeof region), sizeof region);
+        const std::uintptr_t next = addressOf(region.BaseAddress) + region.RegionSize;
+        ASSERT_EQ(VirtualQuery(reinterpret_cast<void*>(next), &region, sizeof region),
+                  sizeof region);
     } while (region.State != MEM_FREE || addressOf(region.BaseAddress) % 65536 != 0 ||
              region.BaseAddress == nullptr);
     const auto allocate = [&] {

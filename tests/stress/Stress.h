@@ -12,13 +12,13 @@
 #include <iterator>
 #include <malloc.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(LUMORA_ADDRESS_SANITIZER) || defined(LUMORA_THREAD_SANITIZER)
 // The sanitizers' own; gcc comes without the header that declares it.
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 /// ThreadSanitizer makes everything several times slower; tests then do fewer rounds.
-#if defined(__SANITIZE_THREAD__)
+#if defined(LUMORA_THREAD_SANITIZER)
 constexpr bool kThreadSanitizer = true;
 #else
 constexpr bool kThreadSanitizer = false;
@@ -63,7 +63,7 @@ inline int settledThreadCount(int count)
 /// Bytes of the C++ heap in use.
 inline std::size_t allocatedBytes()
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(LUMORA_ADDRESS_SANITIZER) || defined(LUMORA_THREAD_SANITIZER)
     return __sanitizer_get_current_allocated_bytes();
 #else
     return mallinfo2().uordblks;
@@ -116,18 +116,18 @@ private:
         ++sysExMessages;
         for (;;) {
             const std::size_t left = static_cast<std::size_t>(end - bytes);
-            const std::uint64_t n = left >= 8 ? bytes[2] | bytes[3] << 7 | bytes[4] << 14 |
-                                                    std::uint64_t(bytes[5]) << 21
-                                              : 0;
+            std::uint64_t n = 0;
+            for (int i = 5; left >= 8 && i >= 2; --i)
+                n = n << 7 | bytes[i];
             if (left < sysExLength || n < next) {
                 ++errors;
                 return;
             }
             next = n + 1;
             const std::vector<unsigned char> sent = sim::floodSysEx(n, sysExLength);
-            const auto differ = std::mismatch(sent.begin(), sent.end(), bytes).first;
-            if (differ == sent.end() && left == sysExLength)
+            if (left == sysExLength && std::memcmp(sent.data(), bytes, left) == 0)
                 return;
+            const auto differ = std::mismatch(sent.begin(), sent.end(), bytes).first;
             // Cut off at the end of a buffer, and the next message behind it.
             if (differ - sent.begin() < kBuffer || left < kBuffer + sysExLength) {
                 ++errors;

@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(LUMORA_ADDRESS_SANITIZER) || defined(LUMORA_THREAD_SANITIZER)
 #include <csignal>
 #include <filesystem>
 #include <sys/syscall.h>
@@ -69,7 +69,7 @@ private:
     /// Where each of the other threads is.
     static void printStacks()
     {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(LUMORA_ADDRESS_SANITIZER) || defined(LUMORA_THREAD_SANITIZER)
         std::signal(SIGUSR1, [](int) { __sanitizer_print_stack_trace(); });
         for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
             const long id = std::stol(task.path().filename().string());

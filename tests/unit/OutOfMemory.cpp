@@ -86,15 +86,23 @@ void operator delete[](void* block, std::size_t) noexcept
 
 // ThreadSanitizer calls it before its own is ready. Not on Windows, where a DLL has the C
 // library's.
-#if !defined(__SANITIZE_THREAD__) && !defined(_WIN32)
+#if !defined(LUMORA_THREAD_SANITIZER) && !defined(_WIN32)
 
+#if defined(LUMORA_ADDRESS_SANITIZER)
+extern "C" void* __interceptor_realloc(void* block, std::size_t size);
+#else
 #include <dlfcn.h>
+#endif
 
 // Where Qt's containers grow. In place of the C library's, for Qt's own calls, too.
 extern "C" void* realloc(void* block, std::size_t size)
 {
+#if defined(LUMORA_ADDRESS_SANITIZER)
+    auto* const original = &__interceptor_realloc;
+#else
     using Realloc = void*(void*, std::size_t);
     static auto* const original = reinterpret_cast<Realloc*>(dlsym(RTLD_NEXT, "realloc"));
+#endif
     return shortage == Shortage::always && failsNow() ? nullptr : original(block, size);
 }
 

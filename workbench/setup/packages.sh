@@ -6,7 +6,7 @@ packages=(
     qtbase5-dev dpkg-dev # native builds, and QtCore for Windows
 )
 qt6_packages=(qt6-base-dev) # native builds with Qt 6
-fuzz_packages=(clang libclang-rt-dev)
+native_packages=(clang libclang-rt-dev) # of which the fuzzers are made, too
 bench_packages=(libbenchmark-dev valgrind python3)
 check_packages=(git clang clang-format clang-tidy cppcheck shellcheck)
 
