@@ -1,6 +1,11 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with ./dev
 # The builds of CMakePresets.json, each in build/PRESET, and the Wine prefix that runs them.
 
+# Compiles a source once, in whichever clone.
+export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
+export CCACHE_DIR=${CCACHE_DIR-$cache/ccache} CCACHE_MAXSIZE=${CCACHE_MAXSIZE-2G}
+export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1 CCACHE_DEPEND=1
+
 # provide_wine [PRESET]: each Windows build has its own prefix, so that their tests can run at the same
 # time.
 provide_wine() {

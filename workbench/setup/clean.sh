@@ -17,7 +17,7 @@ clean_cache() {
     [[ -d $cache ]] || return 0
     hold_lock "$cache/lock" "packages or Qt"
     # By name: the folder LUMORA_CACHE may contain other things.
-    for entry in "$cache"/qt-* "$cache"/qt4-* "$cache"/peers-* "$logs" "$cache/lock"; do
+    for entry in "$cache"/qt-* "$cache"/qt4-* "$cache"/peers-* "$cache/ccache" "$logs" "$cache/lock"; do
         [[ -e $entry ]] || continue
         say "Removing $entry ($(du -sh "$entry" | cut -f1))"
         rm -rf "$entry"

@@ -2,7 +2,7 @@
 # Debian packages. A command adds what it needs to `packages`; missing ones are installed.
 
 packages=(
-    cmake ninja-build make g++ g++-mingw-w64-x86-64-posix wine64 wine64-tools googletest
+    cmake ninja-build make ccache g++ g++-mingw-w64-x86-64-posix wine64 wine64-tools googletest
     qtbase5-dev dpkg-dev # native builds, and QtCore for Windows
 )
 qt6_packages=(qt6-base-dev) # native builds with Qt 6
