@@ -2,6 +2,7 @@
 #define LUMORA_TOOLS_CONSOLE_H
 
 #include <QString>
+#include <chrono>
 
 // Both streams carry UTF-8; a console window gets UTF-16, whatever its code page. Nothing is
 // buffered. Any thread.
@@ -27,6 +28,9 @@ int errorWidth();
 /// Replaces the line that it wrote to the terminal before; an empty one clears it. Only if
 /// errorIsTerminal().
 void showInPlace(const QString& line);
+
+/// How long a line that is shown in place stays as it is.
+const std::chrono::milliseconds kRedraw(200);
 
 /// Clears the line that showInPlace() wrote, just before the program ends: later writes to standard
 /// error block for ever.

@@ -116,7 +116,7 @@ static QString sysExText(const QByteArray& message)
 }
 
 // Whole ones only: a truncated message is shown as bytes.
-static bool isChannelMessage(const QByteArray& message)
+static bool isWholeChannelMessage(const QByteArray& message)
 {
     return !message.isEmpty() && isChannelStatus(byteAt(message, 0)) &&
            message.size() == messageLength(byteAt(message, 0));
@@ -165,7 +165,7 @@ static QString channelText(const QByteArray& message)
 QString toText(const QByteArray& padded)
 {
     const QByteArray message = trimmed(padded);
-    if (isChannelMessage(message))
+    if (isWholeChannelMessage(message))
         return channelText(message);
     if (isSysEx(message))
         return sysExText(message);
@@ -217,7 +217,7 @@ QJsonObject toJson(const QByteArray& padded)
 {
     const QByteArray message = trimmed(padded);
     QJsonObject json;
-    if (isChannelMessage(message)) {
+    if (isWholeChannelMessage(message)) {
         addChannelMessage(&json, message);
     } else if (isSysEx(message)) {
         addValue(&json, "sysex", "length", message.size());

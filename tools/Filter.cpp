@@ -7,8 +7,6 @@
 #include <QRegularExpression>
 #include <QStringList>
 
-static const int kChannels = 16;
-
 static const struct
 {
     const char* name;
@@ -18,7 +16,7 @@ static const struct
     {"pc", Kind::ProgramChange}, {"pb", Kind::PitchBend},      {"sysex", Kind::SysEx},
 };
 
-static bool isChannelMessage(const QByteArray& message)
+static bool hasChannel(const QByteArray& message)
 {
     return !message.isEmpty() && isChannelStatus(byteAt(message, 0));
 }
@@ -27,7 +25,7 @@ Kind kindOf(const QByteArray& message)
 {
     if (isSysEx(message))
         return Kind::SysEx;
-    if (!isChannelMessage(message))
+    if (!hasChannel(message))
         return Kind::Other;
     switch (byteAt(message, 0) & 0xF0) {
     case 0x80:
@@ -100,7 +98,7 @@ bool Filter::passes(const QByteArray& message) const
     if (!kinds.isEmpty() && !kinds.contains(static_cast<int>(kindOf(message))))
         return false;
     if (!channels.isEmpty() &&
-        !(isChannelMessage(message) && channels.contains((message.at(0) & 0x0F) + 1)))
+        !(hasChannel(message) && channels.contains((message.at(0) & 0x0F) + 1)))
         return false;
     if (makerId.isEmpty() && makerName.isEmpty())
         return true;

@@ -8,6 +8,8 @@
 #include <QStringList>
 #include <QVector>
 
+const int kChannels = 16;
+
 inline unsigned char byteAt(const QByteArray& bytes, int index)
 {
     return static_cast<unsigned char>(bytes.at(index));

@@ -14,7 +14,7 @@ static const quint32 kFormatOfPieces = 2;
 static const unsigned char kMeta = 0xFF;
 static const unsigned char kEndOfTrack = 0x2F;
 
-[[noreturn]] static void refuse(const QString& what, int offset)
+[[noreturn]] static void refuseFile(const QString& what, int offset)
 {
     throw Failure{ExitStatus::BadData,
                   QStringLiteral("Damaged MIDI file: %1 at offset %2 (0x%3).")
@@ -35,7 +35,7 @@ public:
     unsigned char peek() const
     {
         if (atEnd())
-            refuse(QStringLiteral("it is cut off"), position);
+            refuseFile(QStringLiteral("it is cut off"), position);
         return static_cast<unsigned char>(bytes.at(position));
     }
 
@@ -65,7 +65,7 @@ public:
             if (next < 0x80)
                 return value;
         }
-        refuse(QStringLiteral("a number has more than 4 bytes"), start);
+        refuseFile(QStringLiteral("a number has more than 4 bytes"), start);
     }
 
     QByteArray take(quint32 length)
@@ -85,9 +85,9 @@ public:
     void skip(quint32 length)
     {
         if (length > static_cast<quint32>(end - position))
-            refuse(QStringLiteral("it is cut off, %1 are missing")
-                       .arg(counted(qint64(length) - (end - position), "byte")),
-                   end);
+            refuseFile(QStringLiteral("it is cut off, %1 are missing")
+                           .arg(counted(qint64(length) - (end - position), "byte")),
+                       end);
         position += static_cast<int>(length);
     }
 
@@ -131,7 +131,7 @@ public:
     void expectNone() const
     {
         if (!pending.isEmpty())
-            refuse(QStringLiteral("no F7 ends the SysEx message that begins"), pendingAt);
+            refuseFile(QStringLiteral("no F7 ends the SysEx message that begins"), pendingAt);
     }
 
 private:
@@ -140,8 +140,8 @@ private:
         if (static_cast<unsigned char>(pending.back()) != kSysExEnd)
             return;
         if (!isWholeSysEx(pending))
-            refuse(QStringLiteral("a status byte is within the SysEx message that begins"),
-                   pendingAt);
+            refuseFile(QStringLiteral("a status byte is within the SysEx message that begins"),
+                       pendingAt);
         events->append({ticks, pending});
         pending.clear();
     }
@@ -165,7 +165,7 @@ static void readTrack(Reader track, QVector<Event>* events)
         if (next >= 0x80)
             track.byte();
         else if (status == 0)
-            refuse(QStringLiteral("a data byte is where a status byte should be"), offset);
+            refuseFile(QStringLiteral("a data byte is where a status byte should be"), offset);
         else
             next = status; // running status
         if (next == kSysExStart) {
@@ -181,7 +181,7 @@ static void readTrack(Reader track, QVector<Event>* events)
             status = next;
             track.skip(static_cast<quint32>(messageLength(next) - 1));
         } else {
-            refuse(QStringLiteral("%1 does not begin an event").arg(hex(next)), offset);
+            refuseFile(QStringLiteral("%1 does not begin an event").arg(hex(next)), offset);
         }
     }
     packets.expectNone();
@@ -198,7 +198,7 @@ QVector<QByteArray> sysExOfMidiFile(const QByteArray& bytes)
     file.take(kTypeLength);
     const quint32 headerLength = file.number(4);
     if (headerLength < kHeaderLength)
-        refuse(QStringLiteral("the header is too short"), kTypeLength);
+        refuseFile(QStringLiteral("the header is too short"), kTypeLength);
     Reader header = file.part(headerLength);
     const quint32 format = header.number(2);
     const quint32 tracks = header.number(2);
@@ -214,8 +214,8 @@ QVector<QByteArray> sysExOfMidiFile(const QByteArray& bytes)
         readTrack(content, &events);
     }
     if (found < tracks)
-        refuse(QStringLiteral("it is cut off, it has %1 of %2 tracks").arg(found).arg(tracks),
-               static_cast<int>(bytes.size()));
+        refuseFile(QStringLiteral("it is cut off, it has %1 of %2 tracks").arg(found).arg(tracks),
+                   static_cast<int>(bytes.size()));
 
     // Tracks play at the same time, except in format 2, where each is a piece of its own.
     if (format != kFormatOfPieces)

@@ -2,8 +2,6 @@
 
 #include "tools/Console.h"
 
-static const std::chrono::milliseconds kRedraw(200);
-
 ProgressBar::ProgressBar(const Progress& progress, const QElapsedTimer& clock)
     : clock(clock), progress(progress)
 {

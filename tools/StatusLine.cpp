@@ -8,8 +8,6 @@
 
 using std::chrono::steady_clock;
 
-static const std::chrono::milliseconds kRedraw(200);
-
 StatusLine::StatusLine(Receiver& receiver, std::function<QString()> text)
     : receiver(receiver), text(std::move(text)), shown(errorIsTerminal()),
       drawAt(shown ? steady_clock::now() : time_point::max())

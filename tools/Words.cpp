@@ -5,7 +5,6 @@
 
 #include <QRegularExpression>
 
-static const int kChannels = 16;
 static const int kMostData = 0x7F;
 static const int kMostBend = 0x3FFF;
 static const int kAllSoundOff = 120;
