@@ -5,7 +5,7 @@
 
 namespace {
 
-const int kCycles = floodCycles(kThreadSanitizer ? 300 : 500);
+const int kCycles = floodCycles(kThreadSanitizer ? 100 : 200);
 constexpr std::size_t kSysExLength = 5000; // two buffers, so that a close can cut a message in two
 
 class CloseUnderFloodTest : public SimTest, public testing::WithParamInterface<sim::DriverKind>

@@ -26,7 +26,7 @@ struct lumora::TransportTestAccess
 
 namespace {
 
-const int kCycles = floodCycles(500);
+const int kCycles = floodCycles(200);
 
 const char kCableDescription[] = "in \"Reset\" flood=100 dump=5000 repeat=0 wait=reset\n"
                                  "in \"Close\" flood=100 dump=5000 repeat=0 wait=close\n"
