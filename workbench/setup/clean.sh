@@ -5,7 +5,7 @@ clean_build() {
     local wineserver=/usr/lib/wine/wineserver64 prefix
     [[ -d $root/build ]] || return 0
     hold_lock "$root/build/lock" "the build"
-    for prefix in "$root"/build/wine "$root"/build/wine-qt6; do
+    for prefix in "$root"/build/wine*; do
         [[ ! -d $prefix || ! -x $wineserver ]] || WINEPREFIX=$prefix "$wineserver" -k || true
     done
     say "Removing $root/build"
