@@ -208,9 +208,7 @@ PortDescription parseLine(const std::string& direction, std::istream& line)
     port.name = wideName(quotedName(line));
     for (std::string option; line >> option && option[0] != '#';)
         setOption(port, option);
-    const bool isWindows11 = port.kind == device::DriverKind::Windows11;
-    port.ownThread = !isWindows11;
-    port.worker = isWindows11 && port.isInput;
+    port.ownThread = port.kind != device::DriverKind::Windows11;
     return port;
 }
 

@@ -69,8 +69,9 @@ DWORD copyCounters(device::Port& port, DWORD_PTR target)
     if (!counters || counters->size != sizeof *counters)
         return MMSYSERR_INVALPARAM;
     const device::Counters found = port.counters();
-    *counters = {sizeof *counters,      found.queuedBuffers,         found.delivered.shortMessages,
-                 found.delivered.bytes, found.dropped.shortMessages, found.dropped.bytes};
+    *counters = {
+        sizeof *counters,      static_cast<DWORD>(port.queued()), found.delivered.shortMessages,
+        found.delivered.bytes, found.dropped.shortMessages,       found.dropped.bytes};
     return MMSYSERR_NOERROR;
 }
 

@@ -60,7 +60,7 @@ public:
     HANDLE signal() const { return event.get(); }
 
     // Goes on after the event was signalled. False if the sender has gone.
-    bool advance(device::InputPort& input, const device::Pause& pause)
+    bool advance(device::InputPort& input)
     {
         DWORD length = 0;
         if (pending) {
@@ -68,7 +68,7 @@ public:
             if (!GetOverlappedResult(pipe.get(), &io, &length, FALSE))
                 return false;
         }
-        if (connected && (!deliver(input, length, pause) || !answer()))
+        if (connected && (!deliver(input, length) || !answer()))
             return false;
         connected = true;
         return read();
@@ -95,7 +95,7 @@ private:
     }
 
     // False if the frame is not one of ours.
-    bool deliver(device::InputPort& input, std::size_t length, const device::Pause& pause)
+    bool deliver(device::InputPort& input, std::size_t length)
     {
         const BYTE* at = frame.data();
         const BYTE* const end = at + length;
@@ -108,7 +108,7 @@ private:
             if (static_cast<std::size_t>(end - at) < piece.length)
                 return false;
             piece.bytes = at;
-            input.take(source, piece, pause);
+            input.take(source, piece);
             at += piece.length;
         }
         return true;
@@ -152,9 +152,6 @@ bool Listener::State::offer()
 
 void Listener::State::run(device::InputPort& input)
 {
-    const device::Pause pause = [this](DWORD milliseconds) {
-        return WaitForSingleObject(stopped.get(), milliseconds) == WAIT_TIMEOUT;
-    };
     for (;;) {
         const bool offered = offer();
         HANDLE handles[kMostConnections + 1] = {stopped.get()};
@@ -168,7 +165,7 @@ void Listener::State::run(device::InputPort& input)
         if (result == WAIT_TIMEOUT)
             continue;
         const auto at = connections.begin() + (result - WAIT_OBJECT_0 - 1);
-        if (!(*at)->advance(input, pause))
+        if (!(*at)->advance(input))
             connections.erase(at);
     }
     connections.clear();

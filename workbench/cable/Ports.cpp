@@ -76,14 +76,14 @@ bool Lead::connect()
                        [](const auto& input) { return input->takesAtOnce(); });
 }
 
-void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
+void Lead::take(const MIDIPiece& piece)
 {
     if (local.empty() && to != 0) {
         remote.take(piece);
         return;
     }
     for (const auto& input : local)
-        input->take(source, piece, pause);
+        input->take(source, piece);
     (local.empty() ? dropped : delivered).count(piece);
 }
 

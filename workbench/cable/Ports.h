@@ -26,7 +26,7 @@ public:
     void noteShort(DWORD word) override;
     void noteLong(const MIDIHDR& header) override;
     bool connect() override;
-    void take(const MIDIPiece& piece, const device::Pause& pause) override;
+    void take(const MIDIPiece& piece) override;
     void disconnect(device::Counters& counters) override;
     void flush() override { remote.flush(); }
     void cancel() override { remote.cancel(); }

@@ -156,7 +156,7 @@ int addOutput(const std::u16string& name, const DeviceOptions& options = {});
 // Take all devices away, as between two runs. No port may be open.
 void removeDevices();
 
-void setDriverKind(DriverKind kind); // of all devices present
+void setDriverKind(DriverKind kind); // of all devices present, for the openings from then on
 
 // Pulls the device out, with its ports open or not: nothing arrives, nothing is sent, and it cannot
 // be opened (MMSYSERR_NODRIVER); it keeps its place among the devices. A port that the Windows 11

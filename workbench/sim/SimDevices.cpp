@@ -56,8 +56,7 @@ void setKind(DriverKind kind)
 {
     forEachDevice<Handle>([&](Device<Handle>& device) {
         const std::lock_guard<std::mutex> guard(device.opening);
-        device.setKind(kind);
-        forEachClient(device, [&](Port<Handle>& port) { port.setKind(kind); });
+        device.settings.kind = kind;
     });
 }
 
@@ -84,7 +83,7 @@ template <typename Handle>
 Device<Handle>::Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions)
     : name(deviceName.substr(0, MAXPNAMELEN)), options(deviceOptions)
 {
-    setKind(options.kind);
+    settings.kind = options.kind;
     settings.completion = options.completion;
     settings.capsResult = options.capsResult;
     settings.windows11 = options.windows11;
@@ -113,13 +112,13 @@ void Lead::note(bool isShort, const void* bytes, std::size_t length, const MIDIH
     device.sentMessages.push_back({isShort, {first, first + length}, now(), header});
 }
 
-void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
+void Lead::take(const MIDIPiece& piece)
 {
     const int input = device.connectedInput.load(std::memory_order_acquire);
     if (input < 0)
         return;
     forEachClient(scriptedDevice<HMIDIIN>(input),
-                  [&](Port<HMIDIIN>& port) { port.take(source, piece, pause); });
+                  [&](Port<HMIDIIN>& port) { port.take(source, piece); });
 }
 
 void countMidi(Resources& resources)

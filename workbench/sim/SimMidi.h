@@ -41,13 +41,6 @@ struct Device
 {
     Device(const std::u16string& deviceName, const DeviceOptions& deviceOptions);
 
-    void setKind(DriverKind kind)
-    {
-        settings.kind = kind;
-        // For what a lead brings; the script lets arrive on its own thread.
-        settings.worker = kind == DriverKind::Windows11 && std::is_same_v<Handle, HMIDIIN>;
-    }
-
     const std::u16string name;
     const DeviceOptions options;
     device::Settings settings; // guarded by `opening`
@@ -110,7 +103,7 @@ public:
 
     void noteShort(DWORD word) override;
     void noteLong(const MIDIHDR& header) override;
-    void take(const MIDIPiece& piece, const device::Pause& pause) override;
+    void take(const MIDIPiece& piece) override;
 
 private:
     void note(bool isShort, const void* bytes, std::size_t length, const MIDIHDR* header);
