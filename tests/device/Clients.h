@@ -33,13 +33,12 @@ struct Time
 template <typename Port>
 struct Client
 {
-    template <typename Handle>
-    device::Port::Callback callback(DWORD_PTR procedure)
+    device::Port::Callback callback()
     {
-        using Procedure = void(CALLBACK*)(Handle, UINT, DWORD_PTR, DWORD, DWORD);
-        return [this, call = reinterpret_cast<Procedure>(procedure)](UINT message, DWORD_PTR p1,
-                                                                     DWORD p2) {
-            call(nullptr, message, recorder.instance(), static_cast<DWORD>(p1), p2);
+        return [this](UINT message, DWORD_PTR parameter1, DWORD parameter2) {
+            using Procedure = void(CALLBACK*)(HMIDIIN, UINT, DWORD_PTR, DWORD, DWORD);
+            reinterpret_cast<Procedure>(Recorder::inputCallback())(
+                nullptr, message, recorder.instance(), static_cast<DWORD>(parameter1), parameter2);
         };
     }
 
@@ -64,8 +63,7 @@ struct Input : Client<device::InputPort>
     explicit Input(const Settings& settings, std::function<void(const Notice&)> also = nullptr)
     {
         recorder.also = std::move(also);
-        port = std::make_shared<device::InputPort>(settings,
-                                                   callback<HMIDIIN>(Recorder::inputCallback()));
+        port = std::make_shared<device::InputPort>(settings, callback());
         EXPECT_TRUE(port->begin(port));
     }
     ~Input()
@@ -130,7 +128,7 @@ struct Output : Client<device::OutputPort>
     Output(const Settings& settings, device::InputPort* input)
     {
         port = std::make_shared<device::OutputPort>(settings, std::make_unique<Into>(input),
-                                                    callback<HMIDIOUT>(Recorder::outputCallback()));
+                                                    callback());
         EXPECT_TRUE(port->begin(port));
     }
     ~Output()

@@ -13,7 +13,6 @@ struct Ports : testing::TestWithParam<bool>
 {
     Ports()
     {
-        Time::set = -1;
         settings.ownThread = GetParam();
         settings.completion = GetParam() ? Completion::Thread : Completion::Inline;
     }

@@ -89,9 +89,7 @@ MMRESULT InputPort::reset()
     if (const MMRESULT refusal = stopWorker())
         return refusal;
     // Windows 11's driver holds it while it calls the client.
-    DriverLock own(portLock, std::defer_lock);
-    if (isWindows11())
-        own.lock();
+    const DriverLock own = isWindows11() ? DriverLock(portLock) : DriverLock();
     Lock held(lock);
     endWork();
     waitInReset(held);
@@ -151,14 +149,10 @@ std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece)
     return isUnplugged() ? 0 : deliverSysEx(source, piece);
 }
 
-void InputPort::deliver(SourceId source, const MIDIPiece& piece)
+std::size_t InputPort::deliver(SourceId source, const MIDIPiece& piece)
 {
-    if (piece.kind == MIDIPiece::Kind::Short)
-        deliverShort(piece.word);
-    else if (piece.kind == MIDIPiece::Kind::SysEx)
-        deliverSysEx(source, piece);
-    else if (piece.kind == MIDIPiece::Kind::Broken)
-        deliverBroken(source);
+    return piece.kind == MIDIPiece::Kind::Short ? deliverShort(piece.word)
+                                                : deliverSysEx(source, piece);
 }
 
 // Without the lock, where the sender itself calls back: it would order the sender behind whoever
@@ -202,6 +196,8 @@ std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
         dropping = !found;
     }
     const auto arrives = [&] { return started.load() && sysExSource == source; };
+    if (piece.kind == MIDIPiece::Kind::Broken && arrives())
+        breakOff(held);
     const DWORD patience = isWindows11() ? waits.bufferWithin : source == self ? 0 : settings.hold;
     std::size_t taken = 0;
     while (piece.length > 0 && arrives() && !dropping) {
@@ -218,14 +214,6 @@ std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
             tell(held, giveBackFirst(MIM_LONGDATA));
     }
     return taken;
-}
-
-void InputPort::deliverBroken(SourceId source)
-{
-    const InProgress inProgress(*this);
-    Lock held(lock);
-    if (started.load() && sysExSource == source)
-        breakOff(held);
 }
 
 // Windows 11's driver takes it for every byte. Once for all of them makes the same threads wait for
@@ -397,8 +385,7 @@ DWORD InputPort::play(Lock& held)
     BYTE buffer[kDumpPiece];
     const MIDIPiece piece = compose(playing, buffer);
     held.unlock();
-    const bool heard =
-        piece.kind == MIDIPiece::Kind::Short ? shortMessage(piece.word) : sysEx(self, piece) > 0;
+    const bool heard = deliver(self, piece) > 0;
     held.lock();
     return heard ? 0 : 1;
 }

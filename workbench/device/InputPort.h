@@ -59,10 +59,9 @@ private:
 
     MMRESULT stopWorker();
     void awaitPortLock();
-    void deliver(SourceId source, const MIDIPiece& piece);
+    std::size_t deliver(SourceId source, const MIDIPiece& piece);
     bool deliverShort(DWORD word);
     std::size_t deliverSysEx(SourceId source, MIDIPiece piece);
-    void deliverBroken(SourceId source);
 
     // With the lock held.
     DWORD timeStamp() const;

@@ -173,9 +173,7 @@ Port::Port(const Settings& itsSettings, Messages itsMessages, bool isThreaded, C
 
 bool Port::begin(std::shared_ptr<void> owner)
 {
-    DriverLock table(tableLock(), std::defer_lock);
-    if (isWindows11())
-        table.lock();
+    const DriverLock table = isWindows11() ? DriverLock(tableLock()) : DriverLock();
     if (threaded) {
         try {
             thread = std::thread([this, keeps = std::move(owner)] { run(); });
@@ -203,11 +201,8 @@ void Port::endThread()
 
 MMRESULT Port::close()
 {
-    DriverLock table(tableLock(), std::defer_lock);
-    if (isWindows11()) {
-        table.lock();
-        lookUp(true);
-    }
+    const DriverLock table = isWindows11() ? DriverLock(tableLock()) : DriverLock();
+    lookUp(true);
     Lock held(lock);
     if (!open.load())
         return MMSYSERR_INVALHANDLE;
