@@ -178,9 +178,9 @@ TEST_F(DeviceOpenCloseTest, OpeningAnInputPreparesAndQueuesAllHeadersThenStarts)
     for (int i = 0; i < 768; ++i) {
         EXPECT_EQ(names[std::size_t(1 + 2 * i)], "midiInPrepareHeader");
         EXPECT_EQ(names[std::size_t(2 + 2 * i)], "midiInAddBuffer");
-        EXPECT_EQ(prepares[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(prepares[std::size_t(i)].header, device().inHeaders.begin() + i);
         EXPECT_EQ(prepares[std::size_t(i)].headerFlags, 0u);
-        EXPECT_EQ(adds[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(adds[std::size_t(i)].header, device().inHeaders.begin() + i);
         EXPECT_EQ(adds[std::size_t(i)].headerLength, 4096u);
     }
 }
@@ -238,7 +238,7 @@ TEST_F(DeviceOpenCloseTest, ClosingAnInputRunsTheStepsInOrder)
     const std::vector<sim::Call> unprepares = sim::calls("midiInUnprepareHeader");
     for (int i = 0; i < 768; ++i) {
         EXPECT_EQ(names[std::size_t(2 + i)], "midiInUnprepareHeader");
-        EXPECT_EQ(unprepares[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(unprepares[std::size_t(i)].header, device().inHeaders.begin() + i);
         EXPECT_EQ(unprepares[std::size_t(i)].result, DWORD(MMSYSERR_NOERROR));
     }
     EXPECT_EQ(names.back(), "midiInClose");
@@ -323,7 +323,8 @@ TEST_F(DeviceOpenCloseTest, AnOutputIsOpenedWithoutPreparingAHeader)
     ASSERT_EQ(names.size(), 10u);
     EXPECT_EQ(names.front(), "midiOutReset");
     for (int i = 0; i < 8; ++i)
-        EXPECT_EQ(sim::calls("midiOutUnprepareHeader")[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(sim::calls("midiOutUnprepareHeader")[std::size_t(i)].header,
+                  device().outHeaders.begin() + i);
     EXPECT_EQ(names.back(), "midiOutClose");
     EXPECT_FALSE(device().closingOutput);
 }

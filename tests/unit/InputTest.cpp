@@ -264,7 +264,7 @@ TEST_F(InputTest, RecyclingCallsUnprepareThenPrepareThenAddWithClearedFields)
     drain();
     std::vector<std::string> names;
     for (const sim::Call& call : sim::calls()) {
-        if (call.header != 0)
+        if (call.header)
             names.push_back(call.function);
     }
     EXPECT_EQ(names, (std::vector<std::string>{"midiInUnprepareHeader", "midiInPrepareHeader",

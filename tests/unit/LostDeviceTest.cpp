@@ -355,9 +355,8 @@ TEST_F(LateDeviceTest, ARefusedChunkThatTheDriverReportsAllTheSameEndsNoLaterWai
     ASSERT_NE(transport->openOutput(1), nullptr);
     const Bytes dump(4097, 0x11);
     sim::onCall("midiOutLongMsg", [&](const sim::Call& call) {
-        MIDIHDR* const header = reinterpret_cast<MIDIHDR*>(call.header);
-        header->dwFlags |= MHDR_DONE;
-        sim::rawOutput(output, MOM_DONE, low32(header), 0);
+        call.header->dwFlags |= MHDR_DONE;
+        sim::rawOutput(output, MOM_DONE, low32(call.header), 0);
     });
     sim::failCall("midiOutLongMsg");
     EXPECT_FALSE(transport->outputData(int(dump.size()), dump.data()));
@@ -399,9 +398,8 @@ TEST_F(LateDeviceTest, ARefusedChunkThatTheDriverKeepsIsNotUsedAgain)
 {
     ASSERT_NE(transport->openOutput(1), nullptr);
     const unsigned char note[] = {0x90, 1, 2};
-    sim::onCall("midiOutLongMsg", [&](const sim::Call& call) {
-        reinterpret_cast<MIDIHDR*>(call.header)->dwFlags |= MHDR_INQUEUE;
-    });
+    sim::onCall("midiOutLongMsg",
+                [&](const sim::Call& call) { call.header->dwFlags |= MHDR_INQUEUE; });
     sim::failCall("midiOutLongMsg");
     EXPECT_FALSE(transport->outputData(3, note));
     sim::clearHooks();

@@ -46,7 +46,7 @@ TEST_F(OutputRefusalTest, WhateverFlagsARefusalLeavesTheHeaderIsFree)
         sim::failCall(function);
         sim::onCall(function, [&](const sim::Call& call) {
             sim::clearHooks();
-            refused = reinterpret_cast<MIDIHDR*>(call.header);
+            refused = call.header;
             refused->dwFlags |= MHDR_PREPARED | 0x100;
         });
         EXPECT_FALSE(send(kNote));

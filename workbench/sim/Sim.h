@@ -73,8 +73,7 @@ struct Call
 {
     const char* function = nullptr;
     std::uint64_t handle = 0;        // first handle of the call, or the address freed
-    std::uint64_t header = 0;        // address of the MIDIHDR, 0 if the call has none
-    int headerIndex = 0;             // in its memory block of 112-byte headers, or -1; no hook's
+    MIDIHDR* header = nullptr;       // may be gone when the log is read
     std::uint64_t arguments[2] = {}; // further arguments in the order of the call
     DWORD headerFlags = 0;           // dwFlags as the call began
     DWORD headerLength = 0;          // dwBufferLength as the call began
@@ -114,15 +113,13 @@ void setSleepError(int milliseconds);
 void onSleep(std::function<void(DWORD milliseconds)> hook);
 
 // ---- Memory -------------------------------------------------------------------------------------
-// A heap block ends where an inaccessible page begins (or up to 15 bytes before it), so that an
-// overrun stops the program; the bytes around it are poisoned for AddressSanitizer. Blocks not
-// asked to be zeroed are filled with kMemoryFill. Freed blocks stay inaccessible for a while.
+// AddressSanitizer stops the program at an access beside a heap block. Freed ones stay inaccessible
+// for a while. Memory not asked to be zeroed is filled with kMemoryFill.
 constexpr unsigned char kMemoryFill = 0xA5;
 
-// The heap gives addresses below 4 GB (the default, false) or above them.
-void setHeapHigh(bool high);
-// VirtualQuery shows the whole range below 4 GB as taken, and VirtualAlloc refuses it.
-void setLowRangeOccupied(bool occupied);
+// The heap gives addresses below 4 GB (the default, false) or above them. With `nothingLow`
+// VirtualQuery shows the whole range below as taken.
+void setHeapHigh(bool high, bool nothingLow = false);
 
 // ---- Events -------------------------------------------------------------------------------------
 

@@ -6,14 +6,6 @@
 #include <atomic>
 #include <type_traits>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define SIM_ADDRESS_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define SIM_ADDRESS_SANITIZER 1
-#endif
-#endif
-
 // Every simulated function, and what it gives back when a test makes it fail.
 #define SIM_FUNCTIONS(X)                                                                           \
     X(CreateEventW, Null)                                                                          \
@@ -72,7 +64,7 @@ void setLastError(DWORD error);
 class Entry
 {
 public:
-    explicit Entry(Function function, const void* handle = nullptr, const MIDIHDR* header = nullptr,
+    explicit Entry(Function function, const void* handle = nullptr, MIDIHDR* header = nullptr,
                    std::uint64_t argument1 = 0, std::uint64_t argument2 = 0);
     ~Entry();
     Entry(const Entry&) = delete;
@@ -115,9 +107,6 @@ private:
 
 // timeGetTime without the log.
 DWORD now();
-
-// The position of an address in its memory block, in units of `size`; -1 if no block holds it.
-int positionInBlock(std::uint64_t address, std::size_t size);
 
 void countKernel(Resources& resources);
 void countMemory(Resources& resources);

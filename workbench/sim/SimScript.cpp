@@ -143,7 +143,7 @@ void emptyLog()
 
 } // namespace
 
-Entry::Entry(Function function, const void* handle, const MIDIHDR* header, std::uint64_t argument1,
+Entry::Entry(Function function, const void* handle, MIDIHDR* header, std::uint64_t argument1,
              std::uint64_t argument2)
 {
     const std::uint64_t number = countOf(function).fetch_add(1, std::memory_order_relaxed) + 1;
@@ -155,7 +155,7 @@ Entry::Entry(Function function, const void* handle, const MIDIHDR* header, std::
     Call call;
     call.function = infoOf(function).name;
     call.handle = reinterpret_cast<std::uintptr_t>(handle);
-    call.header = reinterpret_cast<std::uintptr_t>(header);
+    call.header = header;
     call.arguments[0] = argument1;
     call.arguments[1] = argument2;
     if (header) {
@@ -300,7 +300,6 @@ std::vector<Call> calls(std::string_view function)
         Call call = record.call;
         call.returned = state == LogRecord::Returned;
         call.result = call.returned ? record.result.load(std::memory_order_relaxed) : 0;
-        call.headerIndex = call.header ? positionInBlock(call.header, sizeof(MIDIHDR)) : -1;
         result.push_back(call);
     }
     return result;
