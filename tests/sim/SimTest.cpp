@@ -248,8 +248,7 @@ TEST_F(SimTest, AnUnpluggedDeviceKeepsItsPlaceAndOpensAnewWhenItIsBack)
     EXPECT_EQ(sim::sysEx(0, "abc", 3), 0u);
     EXPECT_EQ(input.reset(), MMSYSERR_NOERROR);
     EXPECT_EQ(midiInClose(input.handle), MMSYSERR_NOERROR);
-    sim::plugInInput(0);
-    sim::plugInOutput(0);
+    sim::plugIn();
     EXPECT_EQ(Input().result, MMSYSERR_NOERROR);
     EXPECT_EQ(Output().result, MMSYSERR_NOERROR);
 }

@@ -455,7 +455,7 @@ TEST_F(DeviceOpenCloseTest, AClosingOutputWaitsForASenderThatHasJustLooked)
     std::atomic<bool> waits{false};
     std::atomic<bool> closed{false};
     std::atomic<bool> sent{false};
-    sim::onSleep([&](DWORD) {
+    sim::onCall("Sleep", [&](const sim::Call&) {
         waits = true;
         while (!sent)
             std::this_thread::yield();
@@ -559,12 +559,12 @@ TEST_F(DeviceOpenCloseTest, AnObserverThatClosesTheOutputWaitsForAnOpenInProgres
     std::atomic<bool> waits{false};
     std::atomic<bool> spins{false};
     std::atomic<int> closed{-2};
-    const std::uint64_t here = sim::currentThread();
-    sim::onSleep([&](DWORD milliseconds) {
-        if (sim::currentThread() == here)
+    const std::thread::id here = std::this_thread::get_id();
+    sim::onCall("Sleep", [&](const sim::Call& call) {
+        if (std::this_thread::get_id() == here)
             return;
         waits = true;
-        spins = spins || milliseconds == 0;
+        spins = spins || call.arguments[0] == 0;
     });
     recorder.onRead = [&] { closed = transport->closeOutput(); };
     sim::onCall("midiOutOpen", [&](const sim::Call&) {
@@ -633,15 +633,12 @@ TEST_F(DeviceOpenCloseTest, ManyCyclesGiveAllBuffersBackEveryTime)
          {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
           sim::DriverKind::WaitsInNeither, sim::DriverKind::Windows11}) {
         sim::setDriverKind(kind);
-        sim::FloodOptions options;
-        options.sysExEvery = 5;
-        sim::startFlood(input, options);
+        const sim::Flood flood(input, 5);
         for (int round = 0; round < 50; ++round) {
             ASSERT_NE(transport->openInput(1), nullptr);
             ASSERT_EQ(transport->closeInput(), 0);
             EXPECT_EQ(sim::inUse().inputBuffers, 0);
         }
-        sim::stopFlood(input);
     }
     expectClosed();
 }

@@ -157,7 +157,7 @@ TEST_F(InputBufferTest, NoticesOfBuffersThatAreNotBackDoNotShortenTheWaitForThem
     }
     sim::failCall("midiInReset", 1, MMSYSERR_NOERROR); // the buffers come later
     int waits = 0;
-    sim::onSleep([&](DWORD) {
+    sim::onCall("Sleep", [&](const sim::Call&) {
         ++waits;
         while (sim::returnBuffer(input, 0)) {
         }
@@ -221,7 +221,7 @@ TEST_F(InputBufferTest, ACallbackThatOutlivesTheCloseOfItsPortQueuesAndSignalsNo
         driver = std::thread([&] { Access::midiInProc(*transport, MIM_DATA, 0x643C90, handle); });
         while (!device().gate->isBusy())
             std::this_thread::yield();
-        sim::onSleep([&](DWORD) { // the close waits for it
+        sim::onCall("Sleep", [&](const sim::Call&) { // the close waits for it
             letGo();
             while (device().gate->isBusy())
                 std::this_thread::yield();

@@ -3,7 +3,6 @@
 
 #include "Sim.h"
 
-#include <atomic>
 #include <type_traits>
 
 // Every simulated function, and what it gives back when a test makes it fail.
@@ -55,6 +54,16 @@ enum class Function {
 #undef SIM_NAME
 };
 
+// A failure that the test has ordered.
+struct Fault
+{
+    Function function;
+    std::uint64_t first; // calls since reset()
+    std::uint64_t last;
+    DWORD result;
+    bool isReturned; // else null or FALSE is, and the result is left to GetLastError
+};
+
 struct LogRecord;
 
 void setLastError(DWORD error);
@@ -75,7 +84,7 @@ public:
     auto serve(Work work)
     {
         using Result = decltype(work());
-        const Result value = failing ? failed<Result>() : work();
+        const Result value = fault ? failed<Result>() : work();
         if constexpr (std::is_pointer_v<Result>)
             result = reinterpret_cast<std::uintptr_t>(value);
         else
@@ -91,18 +100,16 @@ private:
     Result failed() const
     {
         if constexpr (!std::is_pointer_v<Result>) {
-            if (returnsFailure)
-                return static_cast<Result>(failure);
+            if (fault->isReturned)
+                return static_cast<Result>(fault->result);
         }
-        setLastError(failure);
+        setLastError(fault->result);
         return Result{};
     }
 
-    LogRecord* record = nullptr;
+    LogRecord* record = nullptr; // null: not logged
     std::uint64_t result = 0;
-    DWORD failure = 0;
-    bool failing = false;
-    bool returnsFailure = false;
+    const Fault* fault = nullptr; // the script wants the call to fail
 };
 
 // timeGetTime without the log.
