@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iomanip>
 #include <new>
+#include <sstream>
 #include <type_traits>
 
 #include <mmddk.h>
@@ -89,32 +91,27 @@ public:
 
     void operator()(UINT message, DWORD_PTR parameter1, DWORD parameter2)
     {
-        const bool timed = description.logHeld && message == MIM_DATA;
-        const LONGLONG start = timed ? nanoseconds() : 0;
         if (message == MIM_CLOSE)
             logHeld();
+        const auto start = std::chrono::steady_clock::now();
         DriverCallback(callback, type, handle, message, instance, parameter1, parameter2);
-        if (timed)
-            held.push_back(nanoseconds() - start);
+        if (description.logHeld && message == MIM_DATA)
+            held.push_back(std::chrono::steady_clock::now() - start);
     }
 
 private:
-    // In microseconds, several to a line. With a driver that waits for nothing the thread may still
-    // be adding one.
+    using Duration = std::chrono::duration<double, std::micro>;
+
+    // In microseconds. With a driver that waits for nothing the thread may still be adding one.
     void logHeld()
     {
-        constexpr std::size_t perLine = 10;
-        if (description.kind == device::DriverKind::WaitsInNeither)
+        if (held.empty() || description.kind == device::DriverKind::WaitsInNeither)
             return;
-        for (std::size_t i = 0; i < held.size(); i += perLine) {
-            std::string line = "held";
-            for (std::size_t k = i; k < std::min(i + perLine, held.size()); ++k) {
-                char text[24];
-                __mingw_snprintf(text, sizeof text, " %.1f", static_cast<double>(held[k]) / 1000);
-                line += text;
-            }
-            logEvent("in", position, "%s", line.c_str());
-        }
+        std::ostringstream line;
+        line << "held" << std::fixed << std::setprecision(1);
+        for (const Duration time : held)
+            line << ' ' << time.count();
+        logEvent("in", position, line.str());
     }
 
     const HDRVR handle;
@@ -123,7 +120,7 @@ private:
     const DWORD type;
     const PortDescription& description; // in the port table, which is never freed
     const unsigned position;
-    std::vector<LONGLONG> held; // nanoseconds of each short message; the port's thread's own
+    std::vector<Duration> held; // of each short message; the port's thread's own
 };
 
 // A port's thread may be inside this module at any time from now on, whatever winmm.dll thinks of
@@ -141,9 +138,9 @@ template <class OpenPort>
 void logClose(const Place<OpenPort>& place, OpenPort& port)
 {
     const device::Counters last = port.counters();
-    logEvent(direction(place.description), place.position, "close dropped %llu bytes %llu short",
-             static_cast<unsigned long long>(last.dropped.bytes),
-             static_cast<unsigned long long>(last.dropped.shortMessages));
+    logEvent(direction(place.description), place.position,
+             "close dropped " + std::to_string(last.dropped.bytes) + " bytes " +
+                 std::to_string(last.dropped.shortMessages) + " short");
 }
 
 template <class OpenPort>
@@ -184,8 +181,6 @@ DWORD openPort(Place<OpenPort>& place, DWORD_PTR user, const MIDIOPENDESC* reque
         place.remove(port);
         return MMSYSERR_NOMEM;
     }
-    if constexpr (std::is_same_v<OpenPort, InputPort>)
-        port->listener.start(port);
     logEvent(direction(place.description), place.position, "open");
     *reinterpret_cast<DWORD_PTR*>(user) = port->id;
     if (const DWORD after = place.description.unplugAfter) {

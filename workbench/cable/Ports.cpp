@@ -2,6 +2,7 @@
 
 #include "workbench/cable/EventLog.h"
 
+#include <cstdio>
 #include <utility>
 
 namespace cable {
@@ -28,7 +29,7 @@ PortTable& PortTable::instance()
         auto* const made = new PortTable;
         Description description = readDescription();
         for (const std::string& complaint : description.complaints)
-            complain(complaint.c_str());
+            complain(complaint);
         fill(made->inputs, description.inputs);
         fill(made->outputs, description.outputs);
         return made;
@@ -37,7 +38,7 @@ PortTable& PortTable::instance()
 }
 
 InputPort::InputPort(const PortDescription& description, unsigned position, Callback callback)
-    : device::InputPort(description, std::move(callback)), listener(position)
+    : device::InputPort(description, std::move(callback)), listener(position, *this)
 {}
 
 OutputPort::OutputPort(const PortDescription& description, unsigned position, Callback callback)
@@ -53,12 +54,14 @@ Lead::Lead(unsigned outputPosition, unsigned inputPosition)
 
 void Lead::noteShort(DWORD word)
 {
-    logEvent("out", position, "short %06X", static_cast<unsigned>(word & 0xFFFFFF));
+    char text[16];
+    std::snprintf(text, sizeof text, "short %06lX", word & 0xFFFFFF);
+    logEvent("out", position, text);
 }
 
 void Lead::noteLong(const MIDIHDR& header)
 {
-    logEvent("out", position, "long %lu", header.dwBufferLength);
+    logEvent("out", position, "long " + std::to_string(header.dwBufferLength));
 }
 
 bool Lead::connect()
@@ -78,22 +81,17 @@ bool Lead::connect()
 
 void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
 {
-    if (local.empty() && to != 0) {
-        remote.take(piece);
-        return;
-    }
     for (const auto& input : local)
         input->take(source, piece, pause);
-    (local.empty() ? dropped : delivered).count(piece);
+    const bool arrived = !local.empty() || (to != 0 && remote.take(piece));
+    (arrived ? delivered : dropped).count(piece);
 }
 
 void Lead::disconnect(device::Counters& counters)
 {
     local.clear();
-    for (device::Delivery* const taken : {&delivered, &remote.sent})
-        counters.delivered += std::exchange(*taken, {});
-    for (device::Delivery* const lost : {&dropped, &remote.lost})
-        counters.dropped += std::exchange(*lost, {});
+    counters.delivered += std::exchange(delivered, {});
+    counters.dropped += std::exchange(dropped, {});
 }
 
 } // namespace cable

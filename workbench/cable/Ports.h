@@ -2,8 +2,7 @@
 #pragma once
 
 #include "workbench/cable/Description.h"
-#include "workbench/cable/Listener.h"
-#include "workbench/cable/RemoteInput.h"
+#include "workbench/cable/Pipe.h"
 #include "workbench/device/OutputPort.h"
 
 #include <algorithm>
@@ -28,7 +27,6 @@ public:
     bool connect() override;
     void take(const MIDIPiece& piece, const device::Pause& pause) override;
     void disconnect(device::Counters& counters) override;
-    void flush() override { remote.flush(); }
     void cancel() override { remote.cancel(); }
 
 private:
