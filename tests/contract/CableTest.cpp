@@ -57,8 +57,8 @@ public:
         char program[MAX_PATH];
         GetModuleFileNameA(nullptr, program, MAX_PATH);
         _putenv_s("LUMORA_CABLE_TEST_ROLE", role);
-        process =
-            reinterpret_cast<HANDLE>(_spawnl(_P_NOWAIT, program, program, filter.c_str(), nullptr));
+        process = reinterpret_cast<HANDLE>(
+            _spawnl(_P_NOWAIT, program, program, filter.c_str(), "--gtest_brief=1", nullptr));
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
