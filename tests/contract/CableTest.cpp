@@ -266,7 +266,6 @@ TEST(CableWire, BytesTakeTheirTimeOnIt)
 
 // ---- Generators -------------------------------------------------------------------------------
 
-// Message n of a flood, as the cable's README gives it.
 DWORD floodWord(DWORD n)
 {
     return 0x90 | ((n >> 14) & 0x0F) | ((n >> 7) & 0x7F) << 8 | (n & 0x7F) << 16;
@@ -468,9 +467,9 @@ TEST(CableAcrossProcesses, SeveralSendersLoseNeitherAMessageNorALineOfTheLog)
     EXPECT_EQ(1 + 2 * (count + 3), logLines().size()); // open here, and open, reset, close of each
 }
 
-TEST(CableAcrossProcesses, BulkDataIsThereBeforeItIsDone)
+TEST(CableAcrossProcesses, MessagesLongerThanAFrameArriveWhole)
 {
-    constexpr std::size_t length = 60000; // more than a frame
+    constexpr std::size_t length = 60000;
     constexpr int messages = 5;
     if (kRole == "sender") {
         Output output;
