@@ -50,7 +50,7 @@ template <class Target, class Value>
 bool is(Text text, Text word, Target& target, Value value)
 {
     if (text == word)
-        target = value;
+        target = static_cast<Target>(value);
     return text == word;
 }
 
@@ -113,11 +113,12 @@ bool setOption(Port port, Text text)
 {
     const Text key = text.substr(0, text.find('='));
     const Text value = text.substr(std::min(key.size() + 1, text.size()));
-    const auto* const option =
-        std::find_if(std::begin(kOptions), std::end(kOptions), [&](const Option& candidate) {
-            return candidate.key == key && candidate.ports != (port.isInput ? kOutputs : kInputs);
-        });
-    return option != std::end(kOptions) && option->set(port, value);
+    const Of opposite = port.isInput ? kOutputs : kInputs;
+    for (const Option& option : kOptions) {
+        if (option.key == key && option.ports != opposite)
+            return option.set(port, value);
+    }
+    return false;
 }
 
 // ---- Lines --------------------------------------------------------------------------------------
@@ -138,7 +139,7 @@ std::optional<PortDescription> parseLine(std::istream& line)
     port.name = std::filesystem::u8path(name).wstring().substr(0, kLongestName);
     for (std::string option; line >> option && option[0] != '#';) {
         if (!setOption(port, option))
-            throw std::invalid_argument("\"" + direction + "\" has no option \"" + option + "\"");
+            throw std::invalid_argument("this direction has no option " + option);
     }
     const bool isWindows11 = port.kind == device::DriverKind::Windows11;
     port.completion = device::Completion::Thread;
@@ -152,15 +153,15 @@ std::vector<PortDescription> parse(std::istream& utf8)
     if (utf8.peek() == 0xEF)
         utf8.ignore(3); // a byte order mark
     std::vector<PortDescription> ports;
-    int number = 0;
+    int lineNumber = 0;
     for (std::string text; std::getline(utf8, text);) {
-        ++number;
+        ++lineNumber;
         std::istringstream line(text);
         try {
             if (auto port = parseLine(line))
                 ports.push_back(std::move(*port));
         } catch (const std::exception& wrong) { // also of a name that is not UTF-8
-            complain("line " + std::to_string(number) +
+            complain("line " + std::to_string(lineNumber) +
                      " of the description is left out: " + wrong.what());
         }
     }

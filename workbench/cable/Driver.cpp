@@ -70,7 +70,7 @@ device::Port::Callback callbackTo(const MIDIOPENDESC& client, DWORD flags, const
         DriverCallback(client.dwCallback, type, reinterpret_cast<HDRVR>(client.hMidi), message,
                        client.dwInstance, parameter1, parameter2);
         if (place.description.logHeld && message == MIM_DATA)
-            held.push_back(Clock::now() - start);
+            held.emplace_back(Clock::now() - start);
     };
 }
 
