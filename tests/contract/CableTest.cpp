@@ -480,7 +480,7 @@ TEST(CableAcrossProcesses, MessagesLongerThanAFrameArriveWhole)
     if (ranWithPorts())
         return;
     Input input;
-    input.giveBuffers((length / 4096 + 1) * messages, 4096);
+    input.giveBuffers((length / 5000 + 1) * messages, 5000);
     input.start();
     {
         const Child sender("sender");
