@@ -3,10 +3,12 @@
 #include "workbench/cable/Ports.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <iomanip>
 #include <sstream>
+#include <thread>
 
 #include <mmddk.h>
 

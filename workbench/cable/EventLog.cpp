@@ -1,7 +1,7 @@
 #include "workbench/cable/EventLog.h"
 
 #include "workbench/cable/System.h"
-#include "workbench/device/Threads.h"
+#include "workbench/device/Settings.h"
 
 #include <cstdio>
 #include <iomanip>
