@@ -111,11 +111,11 @@ class Into : public device::Wire
 {
 public:
     explicit Into(device::InputPort* itsInput) : input(itsInput) {}
-    bool connect() override { return !input || input->takesAtOnce(); }
-    void take(const MIDIPiece& piece) override
+    bool take(const MIDIPiece& piece) override
     {
         if (input)
             input->take(source, piece);
+        return input != nullptr;
     }
 
 private:

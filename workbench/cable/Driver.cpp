@@ -107,9 +107,9 @@ DWORD closePort(Place& place, const Place::Client& port)
         port->abandon();
     else if (result != MMSYSERR_NOERROR)
         return result;
-    const device::Delivery dropped = port->counters().dropped;
-    place.log("close dropped " + std::to_string(dropped.bytes) + " bytes " +
-              std::to_string(dropped.shortMessages) + " short");
+    const device::Loss loss = port->loss();
+    place.log("close dropped " + std::to_string(loss.bytes) + " bytes " +
+              std::to_string(loss.shortMessages) + " short");
     place.remove(port);
     return result;
 }

@@ -51,18 +51,13 @@ public:
                     local.end());
         return !local.empty() || to == 0;
     }
-    void take(const MIDIPiece& piece) override
+    bool take(const MIDIPiece& piece) override
     {
         for (const auto& input : local)
             static_cast<InputPort&>(*input).take(source, piece);
-        if (local.empty() && (to == 0 || !remote.take(piece)))
-            dropped.count(piece);
+        return !local.empty() || (to != 0 && remote.take(piece));
     }
-    void disconnect(device::Counters& counters) override
-    {
-        local.clear();
-        counters.dropped += std::exchange(dropped, {});
-    }
+    void disconnect() override { local.clear(); }
     void cancel() override { remote.cancel(); }
 
 private:
@@ -77,7 +72,6 @@ private:
     const device::SourceId source = device::nextSourceId();
     std::vector<Place::Client> local; // the input, if this process has it open
     RemoteInput remote;               // otherwise
-    device::Delivery dropped;         // not yet in the counters
 };
 
 } // namespace

@@ -23,7 +23,7 @@ SourceId nextSourceId()
 }
 
 InputPort::InputPort(const Settings& itsSettings, Callback itsCallback)
-    : Port(itsSettings, {MIM_OPEN, MIM_CLOSE},
+    : Port(itsSettings, MIM_OPEN, MIM_CLOSE,
            itsSettings.ownThread || itsSettings.kind == DriverKind::Windows11,
            std::move(itsCallback))
 {}
@@ -57,8 +57,6 @@ MMRESULT InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
 
 MMRESULT InputPort::start()
 {
-    if (settings.startResult != MMSYSERR_NOERROR)
-        return settings.startResult;
     if (const MMRESULT refusal = lookUp())
         return refusal;
     const Lock held(lock);
@@ -131,7 +129,7 @@ void InputPort::take(SourceId source, const MIDIPiece& piece)
     }
     const Lock held(lock);
     if (arrivals.size() >= kMostPending) {
-        tally.dropped.count(piece);
+        lost.count(piece);
         return;
     }
     arrivals.push_back(
@@ -175,7 +173,7 @@ bool InputPort::deliverShort(DWORD word)
     else if (!settings.ownThread)
         call(notice);
     else if (notices.size() >= kMostPending)
-        ++tally.dropped.shortMessages;
+        ++lost.shortMessages;
     else
         tell(held, notice);
     return true;
@@ -198,16 +196,12 @@ std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
     const auto arrives = [&] { return started.load() && sysExSource == source; };
     if (piece.kind == MIDIPiece::Kind::Broken && arrives())
         breakOff(held);
-    const DWORD patience = isWindows11() ? waits.bufferWithin : source == self ? 0 : settings.hold;
     std::size_t taken = 0;
     while (piece.length > 0 && arrives() && !dropping) {
-        const bool hasBuffer = awaitBuffer(held, patience);
-        if (!arrives())
-            break;
-        dropping = !hasBuffer;
-        taken += hasBuffer ? fillFirst(held, piece) : 0;
+        dropping = !awaitBuffer(held, waits.bufferWithin);
+        taken += dropping ? 0 : fillFirst(held, piece);
     }
-    tally.dropped.bytes += piece.length;
+    lost.bytes += piece.length;
     if (piece.last && arrives()) {
         sysExSource = 0;
         if (filled > 0)
@@ -272,7 +266,7 @@ void InputPort::endWork()
     bufferAdded.notify_all();
     const auto isShort = [](const Notice& notice) { return notice.message == MIM_DATA; };
     const auto kept = std::remove_if(notices.begin(), notices.end(), isShort);
-    tally.dropped.shortMessages += static_cast<std::uint64_t>(notices.end() - kept);
+    lost.shortMessages += static_cast<std::uint64_t>(notices.end() - kept);
     notices.erase(kept, notices.end());
 }
 
@@ -294,11 +288,12 @@ DWORD InputPort::timeStamp() const
                               1000);
 }
 
-// False if there is none by then, or the input has been stopped.
+// False if there is none by then, or the input has been stopped. Only Windows 11's driver waits.
 bool InputPort::awaitBuffer(Lock& held, DWORD milliseconds)
 {
-    bufferAdded.wait_for(held, std::chrono::milliseconds(milliseconds),
-                         [&] { return !buffers.empty() || !started.load(); });
+    if (isWindows11())
+        bufferAdded.wait_for(held, std::chrono::milliseconds(milliseconds),
+                             [&] { return !buffers.empty() || !started.load(); });
     return !buffers.empty() && started.load();
 }
 
@@ -306,15 +301,13 @@ bool InputPort::awaitBuffer(Lock& held, DWORD milliseconds)
 std::size_t InputPort::fillFirst(Lock& held, MIDIPiece& piece)
 {
     const MIDIHDR* const header = buffers.front();
-    const DWORD most =
-        settings.split ? std::min(settings.split, header->dwBufferLength) : header->dwBufferLength;
-    const std::size_t length = std::min<std::size_t>(most - filled, piece.length);
+    const std::size_t length = std::min<std::size_t>(header->dwBufferLength - filled, piece.length);
     if (length > 0) // a spoiled header may have no room, and no memory either
         std::memcpy(header->lpData + filled, piece.bytes, length);
     filled += static_cast<DWORD>(length);
     piece.bytes += length;
     piece.length -= length;
-    if (filled == most)
+    if (filled == header->dwBufferLength)
         tell(held, giveBackFirst(MIM_LONGDATA));
     return length;
 }
@@ -335,8 +328,7 @@ Port::Notice InputPort::giveBackFirst(UINT message)
 {
     MIDIHDR* const header = buffers.front();
     buffers.pop_front();
-    header->dwBytesRecorded = filled;
-    tally.delivered.bytes += std::exchange(filled, 0);
+    header->dwBytesRecorded = std::exchange(filled, 0);
     return giveBack(message, header, timeStamp());
 }
 

@@ -31,8 +31,6 @@ public:
     // Now, on this thread. Tells whether the message was taken, and how many bytes found room.
     bool shortMessage(DWORD word);
     std::size_t sysEx(SourceId source, MIDIPiece piece);
-    // False if SysEx may have to wait for a buffer.
-    bool takesAtOnce() const { return settings.hold == 0 || isWindows11(); }
 
     // Hands the next queued buffer back with any code and any dwBytesRecorded, started or not. As
     // many of the bytes as fit are copied into it. Null if no buffer is queued.

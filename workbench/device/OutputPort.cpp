@@ -24,7 +24,7 @@ std::size_t wireLength(DWORD word)
 
 OutputPort::OutputPort(const Settings& itsSettings, std::unique_ptr<Wire> itsWire,
                        Callback itsCallback)
-    : Port(itsSettings, {MOM_OPEN, MOM_CLOSE},
+    : Port(itsSettings, MOM_OPEN, MOM_CLOSE,
            itsSettings.completion == Completion::Thread &&
                itsSettings.kind != DriverKind::Windows11,
            std::move(itsCallback)),
@@ -118,9 +118,7 @@ MMRESULT OutputPort::sendShortNow(DWORD word)
     wire->noteShort(word);
     if (!settings.windows11.shortsDoNotWait && !awaitService(held))
         return MMSYSERR_ERROR;
-    wire->connect();
     carry(held, pieces);
-    wire->disconnect(tally);
     return MMSYSERR_NOERROR;
 }
 
@@ -135,9 +133,7 @@ MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
         return MMSYSERR_INVALFLAG;
     Lock held(lock);
     wire->noteLong(*header);
-    wire->connect();
     const bool sent = transmitLong(held, {header, 0, settings.clock()});
-    wire->disconnect(tally);
     const auto failed = settings.windows11.failedLong;
     if (sent || failed != Windows11::FailedLong::StaysWithClient)
         tell(held, giveBack(MOM_DONE, header, 0));
@@ -170,8 +166,7 @@ bool OutputPort::passesAtOnce()
     if (items.size() > 1 || settings.pace != 0)
         return false;
     const bool passes = wire->connect();
-    if (!passes)
-        wire->disconnect(tally);
+    wire->disconnect();
     return passes;
 }
 
@@ -194,7 +189,6 @@ MIDIHDR* OutputPort::play(Lock& held, std::list<Item>::iterator item)
         transmitShort(held, *item);
     else
         transmitLong(held, *item);
-    wire->disconnect(tally);
     MIDIHDR* const header = item->header;
     items.erase(item);
     if (!items.empty())
@@ -209,7 +203,6 @@ DWORD OutputPort::work(Lock& held)
     if (items.empty() || items.front().plays ||
         completion.load(std::memory_order_relaxed) != Completion::Thread)
         return INFINITE;
-    wire->connect();
     play(held, items.begin());
     return 0;
 }
@@ -260,23 +253,19 @@ bool OutputPort::awaitWire(Lock& held, const Item& item, std::size_t length)
     return false;
 }
 
-// Hands the pieces over; short messages in a row go on together.
 void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces)
 {
-    const bool goesOn =
-        items.size() > 1 && items.front().isShort() && std::next(items.begin())->isShort();
     held.unlock();
-    std::size_t noise = 0;
+    wire->connect();
+    Loss now;
     for (const MIDIPiece& piece : pieces) {
-        if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged())
-            noise += piece.length;
-        else
-            wire->take(piece);
+        if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged() || !wire->take(piece))
+            now.count(piece);
     }
-    if (!goesOn)
-        wire->flush();
+    wire->disconnect();
     held.lock();
-    tally.dropped.bytes += noise;
+    lost.shortMessages += now.shortMessages;
+    lost.bytes += now.bytes;
 }
 
 // ---- The end ------------------------------------------------------------------------------------
@@ -290,7 +279,7 @@ std::size_t OutputPort::queuedHeaders() const
 void OutputPort::discardWork()
 {
     for (Item& item : items) {
-        tally.dropped.shortMessages += item.isShort() ? 1u : 0u;
+        lost.shortMessages += item.isShort() ? 1u : 0u;
         item.header = nullptr;
     }
     items.remove_if([](const Item& item) { return !item.plays; });

@@ -21,12 +21,10 @@ public:
 
     // Looks who is at the far end. True if that takes everything at once.
     virtual bool connect() { return true; }
-    virtual void take(const MIDIPiece& piece) = 0;
-    // Adds to `tally` what has been delivered and dropped since the last time.
-    virtual void disconnect(Counters&) {}
-    // What was taken must not wait any longer. Returns when it is delivered or lost.
-    virtual void flush() {}
-    // Ends a flush that is under way, and further ones until the next connect(). From any thread.
+    // Returns when the piece is delivered; false if it is lost.
+    virtual bool take(const MIDIPiece& piece) = 0;
+    virtual void disconnect() {}
+    // Ends a take() that is under way, and further ones until the next connect(). From any thread.
     virtual void cancel() {}
 };
 

@@ -98,7 +98,7 @@ void Port::unload()
         touchKept(held);
     }
     abandon();
-    announce(messages.close);
+    announce(closed);
 }
 
 // ---- Headers ------------------------------------------------------------------------------------
@@ -166,8 +166,9 @@ void Port::markQueued(MIDIHDR& header)
 
 // ---- Opening and closing ------------------------------------------------------------------------
 
-Port::Port(const Settings& itsSettings, Messages itsMessages, bool isThreaded, Callback itsCallback)
-    : settings(itsSettings), messages(itsMessages), threaded(isThreaded),
+Port::Port(const Settings& itsSettings, UINT itsOpened, UINT itsClosed, bool isThreaded,
+           Callback itsCallback)
+    : settings(itsSettings), opened(itsOpened), closed(itsClosed), threaded(isThreaded),
       callback(std::move(itsCallback))
 {}
 
@@ -181,7 +182,7 @@ bool Port::begin(std::shared_ptr<void> owner)
             return false;
         }
     }
-    announce(messages.open);
+    announce(opened);
     return true;
 }
 
@@ -206,10 +207,8 @@ MMRESULT Port::close()
     Lock held(lock);
     if (!open.load())
         return MMSYSERR_INVALHANDLE;
-    if (queuedHeaders() > 0) {
-        refused.store(true);
+    if (queuedHeaders() > 0)
         return MIDIERR_STILLPLAYING;
-    }
     endWork();
     open.store(false);
     changed.notify_all();
@@ -224,7 +223,7 @@ MMRESULT Port::close()
         if (thread.joinable() && !onOwnThread())
             thread.join();
     }
-    announce(messages.close);
+    announce(closed);
     return MMSYSERR_NOERROR;
 }
 
@@ -241,12 +240,10 @@ void Port::abandon()
     released();
 }
 
-Counters Port::counters()
+Loss Port::loss()
 {
     const Lock held(lock);
-    Counters result = tally;
-    result.delivered.shortMessages += shortsCalled.load(std::memory_order_relaxed);
-    return result;
+    return lost;
 }
 
 std::size_t Port::queued()
@@ -257,10 +254,8 @@ std::size_t Port::queued()
 
 // ---- Callbacks ----------------------------------------------------------------------------------
 
-void Port::call(const Notice& notice)
+void Port::call(const Notice& notice) const
 {
-    if (notice.message == MIM_DATA)
-        shortsCalled.fetch_add(1, std::memory_order_relaxed);
     if (callback)
         callback(notice.message, notice.parameter1, notice.parameter2);
 }

@@ -15,30 +15,17 @@
 
 namespace device {
 
-// Bytes are those of SysEx messages, a short message counts as one.
-struct Delivery
+// What has been lost. Bytes are those of SysEx messages, or of none; a short message counts as one.
+struct Loss
 {
     void count(const MIDIPiece& piece)
     {
         shortMessages += piece.kind == MIDIPiece::Kind::Short ? 1 : 0;
         bytes += piece.length;
     }
-    Delivery& operator+=(const Delivery& other)
-    {
-        shortMessages += other.shortMessages;
-        bytes += other.bytes;
-        return *this;
-    }
 
     std::uint64_t shortMessages = 0;
     std::uint64_t bytes = 0;
-};
-
-// Counted from the opening.
-struct Counters
-{
-    Delivery delivered;
-    Delivery dropped;
 };
 
 class Port
@@ -70,24 +57,17 @@ public:
     // it kept, hands it back if it holds bytes, and closes the port, on this thread.
     void unload();
 
-    // True once a close was refused. Where that takes the client's handle away all the same, the
-    // next opening may replace the port.
-    bool wasRefused() const { return refused.load(); }
-    // Ends such a port: no callback any more, its headers are not touched.
+    // Ends a port whose close was refused, where that takes the client's handle away all the same:
+    // no callback any more, its headers are not touched.
     void abandon();
 
-    Counters counters();
+    Loss loss(); // since the opening
     // Headers that the port still owes its client.
     std::size_t queued();
     // Calls the client back with anything. False if the port is closed.
     bool raw(UINT message, DWORD parameter1, DWORD parameter2);
 
 protected:
-    struct Messages
-    {
-        UINT open;
-        UINT close;
-    };
     // Something to tell the client.
     struct Notice
     {
@@ -121,8 +101,9 @@ protected:
         const bool ofArrival;          // not inside a call of the client
     };
 
-    // With a thread of the port's own if `threaded`.
-    Port(const Settings& settings, Messages messages, bool threaded, Callback callback);
+    // `opened` and `closed` are what the client is told. With a thread of the port's own if
+    // `threaded`.
+    Port(const Settings& settings, UINT opened, UINT closed, bool threaded, Callback callback);
 
     bool isWindows11() const { return settings.kind == DriverKind::Windows11; }
     // At the head of every call to a port of the Windows 11 kind: takes the lock of all ports and
@@ -133,7 +114,7 @@ protected:
     // has passed. Without the lock.
     static constexpr std::chrono::hours kNoLimit{1000};
     void waitForOthers(std::chrono::milliseconds limit = kNoLimit);
-    void call(const Notice& notice);
+    void call(const Notice& notice) const;
 
     // The part of a header that Windows 11's driver asks for.
     static constexpr DWORD_PTR kLeastHeader = 32;
@@ -167,7 +148,7 @@ protected:
     std::recursive_mutex portLock; // of the Windows 11 kind; taken before `lock`
     Mutex lock;
     Condition changed; // tells the thread, and who waits for it
-    Counters tally;
+    Loss lost;
     Notices notices; // for the thread to call back
 
 private:
@@ -176,16 +157,14 @@ private:
     void callAll(Lock& held, Notices due);
     bool onOwnThread() const { return thread.get_id() == std::this_thread::get_id(); }
 
-    const Messages messages;
+    const UINT opened, closed;
     const bool threaded;
     const Callback callback;
     std::atomic<bool> open{true}; // the thread ends when it is not and nothing is left to do
-    std::atomic<bool> refused{false};
     std::atomic<bool> unplugged{false};
     std::atomic<bool> removed{false}; // the port knows
     std::atomic<int> callbacks{0};
-    std::atomic<std::uint64_t> shortsCalled{0}; // some without the lock
-    bool calling = false;                       // the thread is inside a callback
+    bool calling = false; // the thread is inside a callback
     // Joining waits until it is gone, not just done with its work: Wine may crash a process that
     // ends while a thread is on its way out.
     std::thread thread;

@@ -82,13 +82,8 @@ struct Settings
     // What the client is answered.
     MMRESULT capsResult = MMSYSERR_NOERROR;
     MMRESULT openResult = MMSYSERR_NOERROR;
-    MMRESULT startResult = MMSYSERR_NOERROR;
 
     // Inputs
-    DWORD split = 0; // bytes after which a buffer goes back although there is room; 0: when full
-    // Milliseconds that SysEx from an output waits for a buffer before it is dropped. Not even a
-    // reset of that output ends the wait.
-    DWORD hold = 0;
     std::vector<Generator> generators; // need a thread of the port's own
     DWORD repeat = 1;                  // rounds of all generators; 0: for ever
 

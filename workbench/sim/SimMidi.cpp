@@ -126,13 +126,13 @@ public:
     {
         note(false, header.lpData, header.dwBufferLength, &header);
     }
-    void take(const MIDIPiece& piece) override
+    bool take(const MIDIPiece& piece) override
     {
         const int input = output.connectedInput.load(std::memory_order_acquire);
-        if (input < 0)
-            return;
-        forEachClient(scriptedDevice<HMIDIIN>(input),
-                      [&](Port<HMIDIIN>& port) { port.take(source, piece); });
+        if (input >= 0)
+            forEachClient(scriptedDevice<HMIDIIN>(input),
+                          [&](Port<HMIDIIN>& port) { port.take(source, piece); });
+        return true;
     }
 
 private:
