@@ -168,7 +168,7 @@ TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
                 release.get_future().wait();
             }
         });
-        input.port->start();
+        const auto given = input.startWith(call == 1 ? 1 : 0, 16);
         std::thread driver([&] { input.port->shortMessage(0xF8); });
         entered.get_future().wait();
         std::future<MMRESULT> result = std::async(std::launch::async, [&] {
@@ -179,6 +179,12 @@ TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
         const bool waits = kWaits.at(settings.kind)[call];
         const std::chrono::milliseconds patience(waits ? 100 : 10000);
         EXPECT_EQ(result.wait_for(patience) == std::future_status::timeout, waits) << call;
+        if (call == 1 && !waits) {
+            // Whose own thread is to tell that it is back does so later, unless it waits never.
+            const bool isTold = settings.kind == DriverKind::WaitsInNeither || !settings.ownThread;
+            EXPECT_EQ(kDone, given[0]->flags());
+            EXPECT_EQ(isTold ? 1u : 0u, input.recorder.notices(MIM_LONGDATA).size());
+        }
         release.set_value();
         driver.join();
         EXPECT_EQ(result.get(), MMSYSERR_NOERROR);
