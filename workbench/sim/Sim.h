@@ -122,9 +122,9 @@ bool isSignalled(HANDLE event);
 
 // ---- Devices ------------------------------------------------------------------------------------
 
-// Of the model of a driver's port, which the switches of DeviceOptions are for. The simulation sets
-// `clock` and `worker` itself; ports have no thread of their own. Windows 11's own driver lets a
-// device have several clients; what concerns one port is then done to the first.
+// What a device is like, as the model of a driver's port knows it; the clock and the worker are the
+// simulation's to set. Windows 11's own driver lets a device have several clients; what concerns
+// one port is then done to the first.
 using device::Completion;
 using device::DriverKind;
 using device::Windows11;
