@@ -169,8 +169,12 @@ TEST_F(SimTest, TheLogHoldsCallsInOrderUntilItIsClearedOrSwitchedOff)
     EXPECT_EQ(sim::callCount("SetEvent"), 2u);
     sim::logCalls(true);
     sim::clearCalls();
-    ResetEvent(event);
-    EXPECT_EQ(sim::callNames(), Names{"ResetEvent"});
+    MIDIHDR header = {};
+    header.dwFlags = MHDR_DONE;
+    midiInAddBuffer(nullptr, &header, sizeof header);
+    EXPECT_EQ(sim::callNames(), Names{"midiInAddBuffer"});
+    EXPECT_EQ(sim::calls()[0].header, &header);
+    EXPECT_EQ(sim::calls()[0].headerFlags, MHDR_DONE);
 }
 
 TEST_F(SimTest, ResetGivesTheFreshState)

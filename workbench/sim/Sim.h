@@ -122,9 +122,9 @@ bool isSignalled(HANDLE event);
 
 // ---- Devices ------------------------------------------------------------------------------------
 
-// Of the model of a driver's port, which the switches of DeviceOptions are for. The simulation sets
-// `clock` itself; the script lets messages arrive on its own thread. Windows 11's own driver lets a
-// device have several clients; what concerns one port is then done to the first.
+// What a device is like, as the model of a driver's port knows it; the clock is the simulation's to
+// set, and the script lets messages arrive on its own thread. Windows 11's own driver lets a device
+// have several clients; what concerns one port is then done to the first.
 using device::Completion;
 using device::DriverKind;
 using device::Windows11;
