@@ -131,32 +131,22 @@ std::vector<std::string> logLines()
 
 using Names = std::vector<std::wstring>;
 
-Names inputNames()
+template <class Caps>
+Names names(MMRESULT(WINAPI* query)(UINT_PTR device, Caps* caps, UINT size))
 {
-    Names names;
-    MIDIINCAPSW caps = {};
-    for (UINT i = 0; midiInGetDevCapsW(i, &caps, sizeof caps) == MMSYSERR_NOERROR; ++i)
-        names.push_back(caps.szPname);
-    EXPECT_EQ(midiInGetNumDevs(), names.size());
-    return names;
-}
-
-Names outputNames()
-{
-    Names names;
-    MIDIOUTCAPSW caps = {};
-    for (UINT i = 0; midiOutGetDevCapsW(i, &caps, sizeof caps) == MMSYSERR_NOERROR; ++i)
-        names.push_back(caps.szPname);
-    EXPECT_EQ(midiOutGetNumDevs(), names.size());
-    return names;
+    Names result;
+    Caps caps = {};
+    while (query(result.size(), &caps, sizeof caps) == MMSYSERR_NOERROR)
+        result.push_back(caps.szPname);
+    return result;
 }
 
 TEST(CableDescription, WithoutOneThereIsAConnectedPair)
 {
     if (ranWithPorts(""))
         return;
-    EXPECT_EQ(Names{L"Lumora Cable"}, inputNames());
-    EXPECT_EQ(Names{L"Lumora Cable"}, outputNames());
+    EXPECT_EQ(Names{L"Lumora Cable"}, names(midiInGetDevCapsW));
+    EXPECT_EQ(Names{L"Lumora Cable"}, names(midiOutGetDevCapsW));
     Input input;
     Output output;
     input.start();
@@ -195,8 +185,8 @@ TEST(CableDescription, NamesThePortsAndItsBadLinesAreReportedByTheirNumber)
     testing::internal::CaptureStderr();
     EXPECT_EQ((Names{L"Gr\u00F6\u00DFe \u266A \xD834\xDD1E", L"",
                      L"1234567890123456789012345678901", L"a \"quoted\" \\ # name"}),
-              inputNames());
-    EXPECT_EQ(Names{L"two; three; "}, outputNames());
+              names(midiInGetDevCapsW));
+    EXPECT_EQ(Names{L"two; three; "}, names(midiOutGetDevCapsW));
     std::istringstream complaints(testing::internal::GetCapturedStderr());
     int expected = 8;
     for (std::string line; std::getline(complaints, line); ++expected)
@@ -211,8 +201,8 @@ TEST(CableDescription, AFileThatCannotBeReadGivesNoPortsAndASentence)
         return;
     _putenv_s("LUMORA_CABLE_FILE", "C:\\no\\such\\file");
     testing::internal::CaptureStderr();
-    EXPECT_EQ(Names{}, inputNames());
-    EXPECT_EQ(Names{}, outputNames());
+    EXPECT_EQ(Names{}, names(midiInGetDevCapsW));
+    EXPECT_EQ(Names{}, names(midiOutGetDevCapsW));
     const std::string complaint = testing::internal::GetCapturedStderr();
     EXPECT_NE(std::string::npos, complaint.find("C:\\no\\such\\file")) << complaint;
 }
