@@ -96,7 +96,7 @@ MMRESULT InputPort::reset()
         due.push_back(giveBackPartial());
     while (!buffers.empty())
         due.push_back(giveBackFirst(MIM_LONGDATA));
-    tellReset(held, std::move(due));
+    tellReset(held, due);
     return MMSYSERR_NOERROR;
 }
 

@@ -92,7 +92,7 @@ MMRESULT OutputPort::reset()
         }
     }
     items.remove_if([](const Item& item) { return item.isTakenAway() && !item.plays; });
-    tellReset(held, std::move(due));
+    tellReset(held, due);
     return MMSYSERR_NOERROR;
 }
 

@@ -302,10 +302,10 @@ void Port::waitInReset(Lock& held)
     held.lock();
 }
 
-void Port::tellReset(Lock& held, Notices due)
+void Port::tellReset(Lock& held, const Notices& due)
 {
     if (!settings.ownThread) {
-        callAll(held, std::move(due));
+        callAll(held, due);
         return;
     }
     notices.insert(notices.end(), due.begin(), due.end());
@@ -317,7 +317,7 @@ void Port::tellReset(Lock& held, Notices due)
 }
 
 // Inside the call that brings them about, or by whoever lets data arrive.
-void Port::callAll(Lock& held, Notices due)
+void Port::callAll(Lock& held, const Notices& due)
 {
     held.unlock();
     {

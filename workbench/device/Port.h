@@ -133,7 +133,7 @@ protected:
     void tell(Lock& held, const Notice& notice);
     // At the head of a reset, and at its end with what it brings about: waits as the kind says.
     void waitInReset(Lock& held);
-    void tellReset(Lock& held, Notices due);
+    void tellReset(Lock& held, const Notices& due);
 
     // One step of the port's own work, on its thread, when no callback is due. Returns 0 if
     // something was done, otherwise the number of milliseconds to wait unless woken.
@@ -154,7 +154,7 @@ protected:
 private:
     void run();
     void announce(UINT message);
-    void callAll(Lock& held, Notices due);
+    void callAll(Lock& held, const Notices& due);
     bool onOwnThread() const { return thread.get_id() == std::this_thread::get_id(); }
 
     const UINT opened, closed;
