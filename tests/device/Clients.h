@@ -11,10 +11,17 @@ namespace device_test {
 
 using contract::Buffer;
 using contract::Bytes;
+using contract::Notice;
 using contract::Recorder;
+using contract::sysEx;
+using contract::waitAWhile;
+using device::Completion;
+using device::DriverKind;
 using device::Settings;
 
 constexpr DWORD kNoteOn = 0x00644090;
+constexpr DWORD kQueued = MHDR_PREPARED | MHDR_INQUEUE;
+constexpr DWORD kDone = MHDR_PREPARED | MHDR_DONE;
 
 // Real or, from the first advance on, as the test sets it.
 struct Time
@@ -23,26 +30,40 @@ struct Time
     static std::int64_t now() { return set < 0 ? device::steadyMicroseconds() : set.load(); }
 };
 
-template <typename Handle>
-device::Port::Callback callbackOf(Recorder& recorder, DWORD_PTR procedure)
+template <typename Port>
+struct Client
 {
-    using Procedure = void(CALLBACK*)(Handle, UINT, DWORD_PTR, DWORD, DWORD);
-    return [&recorder, call = reinterpret_cast<Procedure>(procedure)](UINT message, DWORD_PTR p1,
-                                                                      DWORD p2) {
-        call(nullptr, message, recorder.instance(), static_cast<DWORD>(p1), p2);
-    };
-}
+    device::Port::Callback callback()
+    {
+        return [this](UINT message, DWORD_PTR parameter1, DWORD parameter2) {
+            using Procedure = void(CALLBACK*)(HMIDIIN, UINT, DWORD_PTR, DWORD, DWORD);
+            reinterpret_cast<Procedure>(Recorder::inputCallback())(
+                nullptr, message, recorder.instance(), static_cast<DWORD>(parameter1), parameter2);
+        };
+    }
 
-class Input
+    // With these bytes, or an empty one of this length.
+    template <typename Content>
+    Buffer& prepared(const Content& content)
+    {
+        Buffer& buffer = *buffers.emplace_back(std::make_unique<Buffer>(content));
+        recorder.expect(buffer.header());
+        EXPECT_EQ(port->prepare(buffer.header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        return buffer;
+    }
+
+    Recorder recorder;
+    std::vector<std::unique_ptr<Buffer>> buffers;
+    std::shared_ptr<Port> port;
+};
+
+struct Input : Client<device::InputPort>
 {
-public:
     // `also` is what the callback does besides recording.
-    explicit Input(const Settings& settings,
-                   std::function<void(const contract::Notice&)> also = nullptr)
-        : port(std::make_shared<device::InputPort>(
-              settings, callbackOf<HMIDIIN>(recorder, Recorder::inputCallback())))
+    explicit Input(const Settings& settings, std::function<void(const Notice&)> also = nullptr)
     {
         recorder.also = std::move(also);
+        port = std::make_shared<device::InputPort>(settings, callback());
         EXPECT_TRUE(port->begin(port));
     }
     ~Input()
@@ -58,45 +79,43 @@ public:
             std::this_thread::yield();
     }
 
-    MMRESULT add(Buffer& buffer)
-    {
-        recorder.expect(buffer.header());
-        return port->addBuffer(buffer.header(), sizeof(MIDIHDR));
-    }
+    MMRESULT add(Buffer& buffer) { return port->addBuffer(buffer.header(), sizeof(MIDIHDR)); }
 
     std::vector<Buffer*> giveBuffers(std::size_t count, std::size_t length)
     {
         std::vector<Buffer*> given;
         for (std::size_t i = 0; i < count; ++i) {
-            buffers.push_back(std::make_unique<Buffer>(length));
-            given.push_back(buffers.back().get());
-            EXPECT_EQ(port->prepare(given.back()->header(), sizeof(MIDIHDR)), 0u);
-            EXPECT_EQ(add(*given.back()), 0u);
+            given.push_back(&prepared(length));
+            EXPECT_EQ(add(*given.back()), MMSYSERR_NOERROR);
         }
         return given;
     }
-
     std::vector<Buffer*> startWith(std::size_t count, std::size_t length)
     {
         const std::vector<Buffer*> given = giveBuffers(count, length);
-        EXPECT_EQ(port->start(), 0u);
+        EXPECT_EQ(port->start(), MMSYSERR_NOERROR);
         return given;
     }
 
-    Recorder recorder;
-    std::vector<std::unique_ptr<Buffer>> buffers;
-    std::shared_ptr<device::InputPort> port;
+    // The bytes of each buffer that came back so.
+    std::vector<Bytes> heard(UINT message)
+    {
+        std::vector<Bytes> result;
+        for (const Notice& notice : recorder.notices(message))
+            result.push_back(notice.bytes);
+        return result;
+    }
 };
 
 class Into : public device::Wire
 {
 public:
     explicit Into(device::InputPort* itsInput) : input(itsInput) {}
-    bool connect() override { return !input || input->takesAtOnce(); }
-    void take(const MIDIPiece& piece, const device::Pause& pause) override
+    bool take(const MIDIPiece& piece) override
     {
         if (input)
-            input->take(source, piece, pause);
+            input->take(source, piece);
+        return input != nullptr;
     }
 
 private:
@@ -104,14 +123,12 @@ private:
     const device::SourceId source = device::nextSourceId();
 };
 
-class Output
+struct Output : Client<device::OutputPort>
 {
-public:
     Output(const Settings& settings, device::InputPort* input)
-        : port(std::make_shared<device::OutputPort>(
-              settings, std::make_unique<Into>(input),
-              callbackOf<HMIDIOUT>(recorder, Recorder::outputCallback())))
     {
+        port = std::make_shared<device::OutputPort>(settings, std::make_unique<Into>(input),
+                                                    callback());
         EXPECT_TRUE(port->begin(port));
     }
     ~Output()
@@ -120,17 +137,11 @@ public:
         port->close();
     }
 
-    Buffer* prepared(const Bytes& bytes)
+    MMRESULT sendLong(Buffer& buffer) { return port->sendLong(buffer.header(), sizeof(MIDIHDR)); }
+    Buffer& begin(const Bytes& bytes)
     {
-        buffers.push_back(std::make_unique<Buffer>(bytes));
-        recorder.expect(buffers.back()->header());
-        EXPECT_EQ(port->prepare(buffers.back()->header(), sizeof(MIDIHDR)), 0u);
-        return buffers.back().get();
-    }
-    Buffer* begin(const Bytes& bytes)
-    {
-        Buffer* const buffer = prepared(bytes);
-        EXPECT_EQ(port->sendLong(buffer->header(), sizeof(MIDIHDR)), 0u);
+        Buffer& buffer = prepared(bytes);
+        EXPECT_EQ(sendLong(buffer), MMSYSERR_NOERROR);
         return buffer;
     }
     // Waits until the message is done.
@@ -140,10 +151,6 @@ public:
         begin(bytes);
         EXPECT_GT(recorder.waitFor(MOM_DONE, before + 1).size(), before);
     }
-
-    Recorder recorder;
-    std::vector<std::unique_ptr<Buffer>> buffers;
-    std::shared_ptr<device::OutputPort> port;
 };
 
 } // namespace device_test

@@ -28,7 +28,7 @@ public:
     explicit Drain(FuzzInput& fuzz) : fuzz(fuzz), input(sim::addInput(u"In"))
     {
         transport.registerMIDIobserver(&observer);
-        sim::onSleep([this](DWORD) { yielded(); });
+        sim::onCall("Sleep", [this](const sim::Call&) { yielded(); });
         open();
     }
 

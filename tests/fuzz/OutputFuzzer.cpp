@@ -19,8 +19,8 @@ public:
         sim::useVirtualTime(fuzz.dword());
         sim::setSleepError(static_cast<int>(fuzz.below(100)) - 50);
         // Whenever the sender waits for a header, the device finishes one.
-        sim::onSleep([this](DWORD milliseconds) {
-            if (milliseconds == 0)
+        sim::onCall("Sleep", [this](const sim::Call& call) {
+            if (call.arguments[0] == 0)
                 FUZZ_CHECK(sim::completeOutput(device) != nullptr);
         });
         FUZZ_CHECK(transport.openOutput(1) != nullptr);

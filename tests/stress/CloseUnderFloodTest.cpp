@@ -22,14 +22,6 @@ protected:
         input = sim::addInput(u"Flooded", options);
     }
 
-    void startFlood()
-    {
-        sim::FloodOptions flood;
-        flood.sysExEvery = 3;
-        flood.sysExLength = kSysExLength;
-        sim::startFlood(input, flood);
-    }
-
     /// The headers that are the library's again: with no device and not prepared.
     static int headersBack(TMIDITransport& transport)
     {
@@ -78,7 +70,7 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
     Watchdog watchdog(std::chrono::seconds(20));
     TMIDITransport& transport = MIDITransportInstance(&accessor);
     transport.registerMIDIobserver(&checker);
-    startFlood();
+    sim::Flood flood(input, 3, kSysExLength);
 
     int buffersGiven = 0;
     sim::onCall("midiInStart", [&](const sim::Call&) {
@@ -111,7 +103,7 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
     const std::size_t simulated = std::size_t(kCycles - kWarmUp) * portBytes;
     EXPECT_LT(allocatedBytes(), bytes + simulated + 100'000) << "bytes per port: " << portBytes;
 
-    sim::stopFlood(input);
+    flood.stop();
     EXPECT_EQ(checker.errors, 0u);
     EXPECT_GT(checker.shortMessages, 0u);
     EXPECT_GT(checker.sysExMessages, 0u);
@@ -124,7 +116,7 @@ TEST_P(CloseUnderFloodTest, EveryCycleGetsAllBuffersBackAndNothingGrows)
 TEST_P(CloseUnderFloodTest, AFreshTransportForEachCycleMeetsNoCallbackOfTheLast)
 {
     Watchdog watchdog(std::chrono::seconds(20));
-    startFlood();
+    sim::Flood flood(input, 3, kSysExLength);
     int losses = 0;
     for (int cycle = 0; cycle < kCycles; ++cycle) {
         watchdog.alive();
@@ -144,10 +136,10 @@ TEST_P(CloseUnderFloodTest, AFreshTransportForEachCycleMeetsNoCallbackOfTheLast)
         if (isLost) {
             ++losses;
             sim::unloadDriver(); // which touches what it kept, and calls back
-            sim::plugInInput(input);
+            sim::plugIn();
         }
     }
-    sim::stopFlood(input);
+    flood.stop();
     EXPECT_EQ(checker.errors, 0u);
     left.heapBlocks = 2 * losses; // headers and data, left to the driver
 }
@@ -162,10 +154,10 @@ TEST_P(CloseUnderFloodTest, WithThePortOpenEveryBufferIsBackAfterTheFlood)
         ASSERT_NE(transport.openInput(1), nullptr);
         const std::uint64_t before = checker.messages();
         checker.restart();
-        startFlood();
+        sim::Flood flood(input, 3, kSysExLength);
         while (checker.messages() < before + 200)
             std::this_thread::yield();
-        sim::stopFlood(input);
+        flood.stop();
         while (sim::queuedBuffers(input) < 768)
             std::this_thread::yield();
         ASSERT_EQ(transport.closeInput(), 0);

@@ -243,8 +243,7 @@ protected:
         afterFirstUse = countCalls();
         if (losesDevice) {
             sim::clearHooks();
-            sim::plugInInput(input);
-            sim::plugInOutput(output);
+            sim::plugIn();
             EXPECT_LE(closing, 50u);
         }
         const sim::Resources kept = function && !losesDevice && sim::callCount(function) >= n

@@ -2,6 +2,7 @@
 // the record queue keeps room for the notices that hand the buffers back.
 
 #include "tests/stress/Stress.h"
+#include "workbench/device/InputPort.h"
 
 #include <random>
 
@@ -56,7 +57,7 @@ TEST_P(OverloadTest, OnlyShortMessagesThatWouldTouchTheReserveAreLostAndAllElseC
     StalledObserver observer;
     transport->registerMIDIobserver(&observer);
     ASSERT_NE(transport->openInput(1), nullptr);
-    sim::shortMessage(input, sim::floodShort(0));
+    sim::shortMessage(input, device::floodWord(0));
     observer.reached.wait(); // the queue is empty, and nobody empties it from here on
     observer.expected.push_back({0x90, 0, 0, 0});
 
@@ -75,7 +76,7 @@ TEST_P(OverloadTest, OnlyShortMessagesThatWouldTouchTheReserveAreLostAndAllElseC
             buffers -= pieces;
             room -= pieces * 8;
         } else {
-            const DWORD message = sim::floodShort(n);
+            const DWORD message = device::floodWord(DWORD(n));
             sim::shortMessage(input, message);
             if (room < 6160) {
                 ++dropped;
@@ -119,13 +120,10 @@ TEST_P(OverloadTest, AfterStallsThatFillTheQueueEverySysExIsByteExactAndEveryBuf
     };
     transport->registerMIDIobserver(&checker);
     ASSERT_NE(transport->openInput(1), nullptr);
-    sim::FloodOptions flood;
-    flood.sysExEvery = 20;
-    flood.sysExLength = kLength;
-    sim::startFlood(input, flood);
+    sim::Flood flood(input, 20, kLength);
     while (stalls < kStalls)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    const sim::FloodReport report = sim::stopFlood(input);
+    const sim::FloodReport report = flood.stop();
 
     while (sim::queuedBuffers(input) < kBuffers || checker.sysExMessages < report.sysExMessages)
         std::this_thread::yield();

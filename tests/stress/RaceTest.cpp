@@ -18,7 +18,6 @@ protected:
         sim::DeviceOptions options;
         options.kind = GetParam();
         options.completion = sim::Completion::Thread;
-        options.keepSent = false;
         output = sim::addOutput(u"Out", options);
         accessor.maps[false][uuid(1)] = "1;In";
         accessor.maps[true][uuid(2)] = "1;Out";
@@ -29,14 +28,6 @@ protected:
         sim::DeviceOptions options;
         options.kind = GetParam();
         return sim::addInput(name, options);
-    }
-
-    static void startFlood(int input)
-    {
-        sim::FloodOptions flood;
-        flood.sysExEvery = 4;
-        flood.sysExLength = kSysExLength;
-        sim::startFlood(input, flood);
     }
 
     static void waitForMessages(const FloodChecker& checker, std::uint64_t count)
@@ -69,14 +60,14 @@ TEST_P(RaceTest, AnObserverCallsBackWhileTheHostOpensAndCloses)
     };
     transport.registerMIDIobserver(&checker);
     ASSERT_NE(transport.openOutput(1), nullptr);
-    startFlood(input);
+    sim::Flood flood(input, 4, kSysExLength);
     for (int round = 0; round < 20; ++round) {
         watchdog.alive();
         ASSERT_NE(transport.openInput(1), nullptr);
         waitForMessages(checker, 20);
         ASSERT_EQ(transport.closeInput(), 0);
     }
-    sim::stopFlood(input);
+    flood.stop();
     EXPECT_EQ(wrong, 0u);
     EXPECT_EQ(checker.errors, 0u);
     transport.Release();
@@ -93,14 +84,14 @@ TEST_P(RaceTest, AnObserverThatOpensAndClosesTheOutputDoesNotHoldUpTheClosingOfT
             transport.closeOutput();
     };
     transport.registerMIDIobserver(&checker);
-    startFlood(input);
+    sim::Flood flood(input, 4, kSysExLength);
     for (int round = 0; round < 20; ++round) {
         watchdog.alive();
         ASSERT_NE(transport.openInput(1), nullptr);
         waitForMessages(checker, 20);
         ASSERT_EQ(transport.closeInput(), 0);
     }
-    sim::stopFlood(input);
+    flood.stop();
     transport.Release();
 }
 
@@ -115,7 +106,7 @@ TEST_P(RaceTest, TerminateStopsADeliveryInProgress)
         terminated.onRead = [&] { later += terminated.messages() > before; };
         transport.registerMIDIobserver(&terminated);
         ASSERT_NE(transport.openInput(1), nullptr);
-        startFlood(input);
+        sim::Flood flood(input, 4, kSysExLength);
         waitForMessages(terminated, 50);
         transport.terminate();
         before = terminated.messages();
@@ -123,7 +114,7 @@ TEST_P(RaceTest, TerminateStopsADeliveryInProgress)
         while (sim::callCount("SetEvent") < sent + 500) // one for each message
             std::this_thread::yield();
         ASSERT_EQ(transport.closeInput(), 0); // after one more drain
-        sim::stopFlood(input);
+        flood.stop();
         EXPECT_LE(later, 1) << "only the call that was under way comes to its end";
         EXPECT_EQ(terminated.errors, 0u);
         transport.Release();
@@ -139,13 +130,13 @@ TEST_P(RaceTest, ReleaseDuringDeliveryEndsItAndClosesThePorts)
         transport.registerMIDIobserver(&released);
         ASSERT_NE(transport.openInput(1), nullptr);
         ASSERT_NE(transport.openOutput(1), nullptr);
-        startFlood(input);
+        sim::Flood flood(input, 4, kSysExLength);
         waitForMessages(released, 50);
         EXPECT_EQ(transport.Release(), 0u);
         const std::uint64_t messages = released.messages();
         EXPECT_EQ(released.errors, 0u);
         EXPECT_EQ(sim::inUse(), sim::Resources());
-        sim::stopFlood(input); // on and on until here
+        flood.stop(); // on and on until here
         EXPECT_EQ(released.messages(), messages);
     }
 }
@@ -168,13 +159,13 @@ TEST_P(RaceTest, TwoTransportsWorkOnTwoInputsAtOnce)
         EXPECT_EQ(own.errors, 0u);
         transport.Release();
     };
-    startFlood(input);
-    startFlood(second);
+    sim::Flood flood(input, 4, kSysExLength);
+    sim::Flood secondFlood(second, 4, kSysExLength);
     std::thread other([&] { host(two, second + 1); });
     host(one, input + 1);
     other.join();
-    sim::stopFlood(input);
-    sim::stopFlood(second);
+    flood.stop();
+    secondFlood.stop();
 }
 
 TEST_P(RaceTest, DumpsGoOutWhileInputComesIn)
@@ -190,14 +181,14 @@ TEST_P(RaceTest, DumpsGoOutWhileInputComesIn)
     ASSERT_NE(sender.openInput(input + 1), nullptr);
     ASSERT_NE(sender.openOutput(1), nullptr);
     ASSERT_NE(receiver.openInput(returning + 1), nullptr);
-    startFlood(input);
+    sim::Flood flood(input, 4, kSysExLength);
     for (std::uint64_t n = 0; n < 100; ++n) {
         const Bytes dump = sim::floodSysEx(n, 10'000);
         ASSERT_TRUE(sender.outputData(static_cast<int>(dump.size()), dump.data()));
     }
     while (returned.sysExMessages < 100)
         std::this_thread::yield();
-    sim::stopFlood(input);
+    flood.stop();
     EXPECT_EQ(returned.errors, 0u);
     EXPECT_EQ(returned.cut, 0u);
     EXPECT_EQ(checker.errors, 0u);
@@ -213,7 +204,8 @@ TEST_P(RaceTest, ClosingTheOutputEndsALongDumpOfAnotherThread)
     // The dump's later pauses last until the port is closed, so that it cannot end before.
     std::atomic<int> pauses{0};
     std::atomic<bool> closed{false};
-    sim::onSleep([&](DWORD milliseconds) {
+    sim::onCall("Sleep", [&](const sim::Call& call) {
+        const std::uint64_t milliseconds = call.arguments[0];
         if (milliseconds <
             100) { // no pause: the closing thread waits, and the sender needs its time
             std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));

@@ -107,7 +107,7 @@ private:
     void checkShort(const unsigned char* bytes, int length)
     {
         ++shortMessages;
-        if (length != 4 || bytes[0] != 0x90 || bytes[1] > 127 || bytes[2] > 127 || bytes[3] != 0)
+        if (length != 4 || bytes[0] >> 4 != 9 || bytes[1] > 127 || bytes[2] > 127 || bytes[3] != 0)
             ++errors;
     }
 

@@ -178,9 +178,9 @@ TEST_F(DeviceOpenCloseTest, OpeningAnInputPreparesAndQueuesAllHeadersThenStarts)
     for (int i = 0; i < 768; ++i) {
         EXPECT_EQ(names[std::size_t(1 + 2 * i)], "midiInPrepareHeader");
         EXPECT_EQ(names[std::size_t(2 + 2 * i)], "midiInAddBuffer");
-        EXPECT_EQ(prepares[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(prepares[std::size_t(i)].header, device().inHeaders.begin() + i);
         EXPECT_EQ(prepares[std::size_t(i)].headerFlags, 0u);
-        EXPECT_EQ(adds[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(adds[std::size_t(i)].header, device().inHeaders.begin() + i);
         EXPECT_EQ(adds[std::size_t(i)].headerLength, 4096u);
     }
 }
@@ -238,7 +238,7 @@ TEST_F(DeviceOpenCloseTest, ClosingAnInputRunsTheStepsInOrder)
     const std::vector<sim::Call> unprepares = sim::calls("midiInUnprepareHeader");
     for (int i = 0; i < 768; ++i) {
         EXPECT_EQ(names[std::size_t(2 + i)], "midiInUnprepareHeader");
-        EXPECT_EQ(unprepares[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(unprepares[std::size_t(i)].header, device().inHeaders.begin() + i);
         EXPECT_EQ(unprepares[std::size_t(i)].result, DWORD(MMSYSERR_NOERROR));
     }
     EXPECT_EQ(names.back(), "midiInClose");
@@ -323,7 +323,8 @@ TEST_F(DeviceOpenCloseTest, AnOutputIsOpenedWithoutPreparingAHeader)
     ASSERT_EQ(names.size(), 10u);
     EXPECT_EQ(names.front(), "midiOutReset");
     for (int i = 0; i < 8; ++i)
-        EXPECT_EQ(sim::calls("midiOutUnprepareHeader")[std::size_t(i)].headerIndex, i);
+        EXPECT_EQ(sim::calls("midiOutUnprepareHeader")[std::size_t(i)].header,
+                  device().outHeaders.begin() + i);
     EXPECT_EQ(names.back(), "midiOutClose");
     EXPECT_FALSE(device().closingOutput);
 }
@@ -454,7 +455,7 @@ TEST_F(DeviceOpenCloseTest, AClosingOutputWaitsForASenderThatHasJustLooked)
     std::atomic<bool> waits{false};
     std::atomic<bool> closed{false};
     std::atomic<bool> sent{false};
-    sim::onSleep([&](DWORD) {
+    sim::onCall("Sleep", [&](const sim::Call&) {
         waits = true;
         while (!sent)
             std::this_thread::yield();
@@ -558,12 +559,12 @@ TEST_F(DeviceOpenCloseTest, AnObserverThatClosesTheOutputWaitsForAnOpenInProgres
     std::atomic<bool> waits{false};
     std::atomic<bool> spins{false};
     std::atomic<int> closed{-2};
-    const std::uint64_t here = sim::currentThread();
-    sim::onSleep([&](DWORD milliseconds) {
-        if (sim::currentThread() == here)
+    const std::thread::id here = std::this_thread::get_id();
+    sim::onCall("Sleep", [&](const sim::Call& call) {
+        if (std::this_thread::get_id() == here)
             return;
         waits = true;
-        spins = spins || milliseconds == 0;
+        spins = spins || call.arguments[0] == 0;
     });
     recorder.onRead = [&] { closed = transport->closeOutput(); };
     sim::onCall("midiOutOpen", [&](const sim::Call&) {
@@ -632,15 +633,12 @@ TEST_F(DeviceOpenCloseTest, ManyCyclesGiveAllBuffersBackEveryTime)
          {sim::DriverKind::WaitsInReset, sim::DriverKind::WaitsInClose,
           sim::DriverKind::WaitsInNeither, sim::DriverKind::Windows11}) {
         sim::setDriverKind(kind);
-        sim::FloodOptions options;
-        options.sysExEvery = 5;
-        sim::startFlood(input, options);
+        const sim::Flood flood(input, 5);
         for (int round = 0; round < 50; ++round) {
             ASSERT_NE(transport->openInput(1), nullptr);
             ASSERT_EQ(transport->closeInput(), 0);
             EXPECT_EQ(sim::inUse().inputBuffers, 0);
         }
-        sim::stopFlood(input);
     }
     expectClosed();
 }

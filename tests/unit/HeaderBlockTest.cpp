@@ -107,8 +107,7 @@ TEST_F(HeaderBlockTest, ALowRegionThatAnotherThreadTakesFirstIsPassedOver)
 
 TEST_F(HeaderBlockTest, WithNoLowAddressLeftThereAreNoHeaders)
 {
-    sim::setHeapHigh(true);
-    sim::setLowRangeOccupied(true);
+    sim::setHeapHigh(true, true);
     EXPECT_FALSE(block.allocateHeaders());
     EXPECT_EQ(block.begin(), nullptr);
     EXPECT_EQ(sim::inUse(), sim::Resources());

@@ -51,9 +51,8 @@ TEST_F(InputBufferTest, ABufferIsMarkedEmptyBeforeItIsPreparedAgain)
     // Whether the driver does that itself is the driver's business.
     int prepared = 0;
     sim::onCall("midiInPrepareHeader", [&](const sim::Call& call) {
-        const auto* const header = reinterpret_cast<const MIDIHDR*>(call.header);
-        EXPECT_EQ(header->dwBytesRecorded, 0u);
-        EXPECT_EQ(header->dwFlags, 0u);
+        EXPECT_EQ(call.header->dwBytesRecorded, 0u);
+        EXPECT_EQ(call.header->dwFlags, 0u);
         ++prepared;
     });
     receive(kSysEx);
@@ -65,8 +64,7 @@ TEST_F(InputBufferTest, ABufferIsMarkedEmptyBeforeItIsPreparedAgain)
 TEST_F(InputBufferTest, ABufferIsCopiedBeforeTheDeviceHasItAgain)
 {
     sim::onCall("midiInAddBuffer", [](const sim::Call& call) {
-        const auto* const header = reinterpret_cast<const MIDIHDR*>(call.header);
-        std::memset(header->lpData, 0x55, header->dwBufferLength);
+        std::memset(call.header->lpData, 0x55, call.header->dwBufferLength);
     });
     receive(kSysEx);
     Bytes dump = sim::floodSysEx(1, 10000);
@@ -159,7 +157,7 @@ TEST_F(InputBufferTest, NoticesOfBuffersThatAreNotBackDoNotShortenTheWaitForThem
     }
     sim::failCall("midiInReset", 1, MMSYSERR_NOERROR); // the buffers come later
     int waits = 0;
-    sim::onSleep([&](DWORD) {
+    sim::onCall("Sleep", [&](const sim::Call&) {
         ++waits;
         while (sim::returnBuffer(input, 0)) {
         }
@@ -223,7 +221,7 @@ TEST_F(InputBufferTest, ACallbackThatOutlivesTheCloseOfItsPortQueuesAndSignalsNo
         driver = std::thread([&] { Access::midiInProc(*transport, MIM_DATA, 0x643C90, handle); });
         while (!device().gate->isBusy())
             std::this_thread::yield();
-        sim::onSleep([&](DWORD) { // the close waits for it
+        sim::onCall("Sleep", [&](const sim::Call&) { // the close waits for it
             letGo();
             while (device().gate->isBusy())
                 std::this_thread::yield();

@@ -213,16 +213,16 @@ TEST_F(LateDeviceTest, ACallbackWhoseThreadWasEndedDoesNotKeepTheInputFromClosin
     std::atomic<bool> leave{false};
     ASSERT_NE(transport->openInput(1), nullptr);
     const DWORD_PTR instance = Access::instance(*transport);
-    std::atomic<std::uint64_t> driverThread{0};
+    std::atomic<std::thread::id> driverThread;
     sim::onCall("SetEvent", [&](const sim::Call&) {
-        if (sim::currentThread() != driverThread)
+        if (std::this_thread::get_id() != driverThread)
             return;
         inCallback = true;
         while (!leave)
             std::this_thread::yield();
     });
     std::thread driver([&] {
-        driverThread = sim::currentThread();
+        driverThread = std::this_thread::get_id();
         Access::midiInProc(instance, MIM_DATA, 0x643C90);
     });
     while (!inCallback)
@@ -255,7 +255,7 @@ TEST_F(LateDeviceTest, TheObserversDumpToADeviceThatWasPulledOutDoesNotKeepTheIn
     // Several, each of which sends a dump when it is delivered.
     for (int i = 0; i < 10; ++i)
         sim::shortMessage(input, 0x643C90);
-    while (!sending || sim::pendingOutputs(output) == 0)
+    while (!sending || sim::inUse().outputBuffers == 0)
         std::this_thread::yield();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(transport->closeInput(), 0);
@@ -316,13 +316,14 @@ TEST_F(LateDeviceTest, AnOutputWaitsForTheChunkThatItsResetDidNotFinish)
         ASSERT_TRUE(transport->outputData(3, note));
         const std::uint64_t closes = sim::callCount("midiOutClose");
         const DWORD start = timeGetTime();
-        sim::onSleep([&](DWORD) {
+        sim::onCall("Sleep", [&](const sim::Call&) {
             if (timeGetTime() - start >= late)
                 sim::completeOutput(output);
         });
         EXPECT_EQ(transport->closeOutput(), 0);
         EXPECT_EQ(sim::callCount("midiOutClose"), closes + 1) << "a handle is closed only once";
         EXPECT_EQ(sim::inUse().outputPorts, 0);
+        sim::clearHooks();
     }
 }
 
@@ -337,7 +338,7 @@ TEST_F(LateDeviceTest, AChunkThatIsReportedButNeverMarkedDoneIsNotWaitedForWitho
         sent = transport->outputData(int(dump.size()), dump.data());
         ended = true;
     });
-    while (sim::pendingOutputs(output) == 0)
+    while (sim::inUse().outputBuffers == 0)
         std::this_thread::yield();
     sim::rawOutput(output, MOM_DONE, low32(sim::sent(output)[0].header), 0);
     for (int i = 0; i < 500 && !ended; ++i)
@@ -355,9 +356,8 @@ TEST_F(LateDeviceTest, ARefusedChunkThatTheDriverReportsAllTheSameEndsNoLaterWai
     ASSERT_NE(transport->openOutput(1), nullptr);
     const Bytes dump(4097, 0x11);
     sim::onCall("midiOutLongMsg", [&](const sim::Call& call) {
-        MIDIHDR* const header = reinterpret_cast<MIDIHDR*>(call.header);
-        header->dwFlags |= MHDR_DONE;
-        sim::rawOutput(output, MOM_DONE, low32(header), 0);
+        call.header->dwFlags |= MHDR_DONE;
+        sim::rawOutput(output, MOM_DONE, low32(call.header), 0);
     });
     sim::failCall("midiOutLongMsg");
     EXPECT_FALSE(transport->outputData(int(dump.size()), dump.data()));
@@ -399,9 +399,8 @@ TEST_F(LateDeviceTest, ARefusedChunkThatTheDriverKeepsIsNotUsedAgain)
 {
     ASSERT_NE(transport->openOutput(1), nullptr);
     const unsigned char note[] = {0x90, 1, 2};
-    sim::onCall("midiOutLongMsg", [&](const sim::Call& call) {
-        reinterpret_cast<MIDIHDR*>(call.header)->dwFlags |= MHDR_INQUEUE;
-    });
+    sim::onCall("midiOutLongMsg",
+                [&](const sim::Call& call) { call.header->dwFlags |= MHDR_INQUEUE; });
     sim::failCall("midiOutLongMsg");
     EXPECT_FALSE(transport->outputData(3, note));
     sim::clearHooks();

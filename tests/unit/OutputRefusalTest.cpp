@@ -46,7 +46,7 @@ TEST_F(OutputRefusalTest, WhateverFlagsARefusalLeavesTheHeaderIsFree)
         sim::failCall(function);
         sim::onCall(function, [&](const sim::Call& call) {
             sim::clearHooks();
-            refused = reinterpret_cast<MIDIHDR*>(call.header);
+            refused = call.header;
             refused->dwFlags |= MHDR_PREPARED | 0x100;
         });
         EXPECT_FALSE(send(kNote));
@@ -77,7 +77,7 @@ TEST_F(OutputRefusalTest, AWaitThatFailsEndsTheWaitingForThatChunk)
             completeAll(); // or the sender would wait without end
     });
     EXPECT_TRUE(send(Bytes(4097, 0x11)));
-    EXPECT_EQ(sim::pendingOutputs(output), 2u) << "neither chunk is done yet";
+    EXPECT_EQ(sim::inUse().outputBuffers, 2) << "neither chunk is done yet";
     EXPECT_EQ(chunkSizes(), (Sizes{4096, 1}));
     completeAll();
 }

@@ -127,7 +127,7 @@ TEST_F(OutputTest, APauseThatEndsEarlyIsSleptToItsEnd)
 
 TEST_F(OutputTest, APauseAcrossTheClocksWrapAroundIsNoLonger)
 {
-    sim::setTime(0xFFFFFFFFu - 50);
+    sim::useVirtualTime(0xFFFFFFFFu - 50);
     EXPECT_TRUE(send(bytes(4097)));
     EXPECT_EQ(sim::calls("Sleep").size(), 1u);
     EXPECT_EQ(timeGetTime(), 49u);
@@ -204,13 +204,13 @@ TEST_F(OutputTest, HeadersAreTakenInOrderAndADoneOneIsUnpreparedFirst)
     const std::vector<sim::Sent> sent = sim::sent(output);
     for (std::ptrdiff_t i = 0; i < 8; ++i)
         EXPECT_EQ(sent[std::size_t(i)].header, device().outHeaders.begin() + i);
-    EXPECT_EQ(sim::pendingOutputs(output), 8u);
+    EXPECT_EQ(sim::inUse().outputBuffers, 8);
 
     sim::completeOutput(output);
     sim::completeOutput(output);
     sim::clearCalls();
     EXPECT_TRUE(send({0x90, 9, 1}));
-    EXPECT_EQ(sim::calls("midiOutUnprepareHeader").at(0).headerIndex, 0);
+    EXPECT_EQ(sim::calls("midiOutUnprepareHeader").at(0).header, sent[0].header);
     EXPECT_EQ(sim::sent(output).back().header, device().outHeaders.begin());
     while (sim::completeOutput(output)) {
     }
@@ -222,8 +222,8 @@ TEST_F(OutputTest, WithAllHeadersBusyASendYieldsUntilOneIsDone)
     for (unsigned char i = 0; i < 8; ++i)
         ASSERT_TRUE(send({0x90, i, 1}));
     int yields = 0;
-    sim::onSleep([&](DWORD milliseconds) {
-        EXPECT_EQ(milliseconds, 0u);
+    sim::onCall("Sleep", [&](const sim::Call& call) {
+        EXPECT_EQ(call.arguments[0], 0u);
         if (++yields == 5)
             sim::completeOutput(output);
     });
@@ -243,7 +243,7 @@ TEST_F(OutputTest, AWaitedChunkBlocksUntilItsOwnCompletion)
         EXPECT_TRUE(send(data));
         returned = true;
     });
-    while (sim::pendingOutputs(output) == 0)
+    while (sim::inUse().outputBuffers == 0)
         std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(returned);
@@ -262,7 +262,7 @@ TEST_F(OutputTest, ALateCallbackOfTheHeadersLastChunkDoesNotEndTheWaitForTheNext
     sim::setCompletion(output, sim::Completion::Manual);
     const Bytes data = bytes(4096 + 1);
     std::thread sender([&] { EXPECT_TRUE(send(data)); });
-    while (sim::pendingOutputs(output) == 0)
+    while (sim::inUse().outputBuffers == 0)
         std::this_thread::yield();
     const auto header = reinterpret_cast<std::uintptr_t>(device().outHeaders.begin());
     Access::midiOutProc(MOM_DONE, static_cast<DWORD>(header));
@@ -279,8 +279,8 @@ TEST_F(OutputTest, ALateCallbackOfTheHeadersLastChunkDoesNotEndTheWaitForTheNext
 TEST_F(OutputTest, TheRestOfADumpIsNotSentToAnotherPort)
 {
     const int second = sim::addOutput(u"Second");
-    sim::onSleep([&](DWORD) {
-        sim::onSleep(nullptr);
+    sim::onCall("Sleep", [&](const sim::Call&) {
+        sim::clearHooks();
         EXPECT_EQ(transport->closeOutput(), 0);
         EXPECT_NE(transport->openOutput(2), nullptr);
     });
@@ -297,12 +297,12 @@ TEST_F(OutputTest, ClosingThePortReleasesASenderThatWaits)
     // The port is closed long before the pause behind a chunk ends, and its closing has time enough
     // for the sender to leave.
     std::atomic<bool> closed{false};
-    sim::onSleep([&](DWORD milliseconds) {
-        while (milliseconds >= 100 ? !closed : device().senders.any())
+    sim::onCall("Sleep", [&](const sim::Call& call) {
+        while (call.arguments[0] >= 100 ? !closed : device().senders.any())
             std::this_thread::yield();
     });
     std::thread sender([&] { result = send(data); });
-    while (sim::pendingOutputs(output) == 0)
+    while (sim::inUse().outputBuffers == 0)
         std::this_thread::yield();
     EXPECT_EQ(transport->closeOutput(), 0);
     closed = true;

@@ -94,10 +94,10 @@ TEST_F(PortAccessorTest, ANameThatFillsItsFieldNeedsNoTerminator)
 
 TEST_F(PortAccessorTest, ADriverThatFillsNothingGivesAnEmptyName)
 {
-    sim::DeviceOptions silent;
-    silent.fillsCaps = false;
-    sim::addInput(u"In", silent);
-    sim::addOutput(u"Out", silent);
+    sim::addInput(u"In");
+    sim::addOutput(u"Out");
+    sim::failCall("midiInGetDevCapsW", 1, MMSYSERR_NOERROR);
+    sim::failCall("midiOutGetDevCapsW", 1, MMSYSERR_NOERROR);
     EXPECT_EQ(accessor.systemPortName(0, kInput), QString());
     EXPECT_EQ(accessor.systemPortName(0, kOutput), QString());
 }

@@ -42,7 +42,7 @@ protected:
 
     static void setInputs(const std::vector<std::u16string>& names)
     {
-        sim::removeDevices();
+        sim::reset();
         for (const std::u16string& name : names)
             sim::addInput(name);
     }

@@ -158,7 +158,6 @@ protected:
     void TearDown() override
     {
         sim::clearHooks();
-        sim::onSleep(nullptr);
         sim::clearFailures();
         releaseTransport();
         SimTest::TearDown();

@@ -22,17 +22,13 @@ __declspec(dllexport) HRESULT WINAPI
     return S_OK;
 }
 
-__declspec(dllexport) HRESULT WINAPI GetAudioEndpoint(void*, void*, void** client)
+__declspec(dllexport) HRESULT WINAPI GetAudioEndpoint(void*, void*, void**)
 {
-    if (client)
-        *client = nullptr;
-    return E_NOTIMPL;
+    return E_NOTIMPL; // nobody asks for one without an identifier
 }
 
-__declspec(dllexport) HRESULT WINAPI GetAudioSessionManager(void*, void** manager)
+__declspec(dllexport) HRESULT WINAPI GetAudioSessionManager(void*, void**)
 {
-    if (manager)
-        *manager = nullptr;
     return E_NOTIMPL;
 }
 

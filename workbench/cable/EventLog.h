@@ -1,17 +1,15 @@
 // The log that LUMORA_CABLE_LOG asks for: a line for each event, from any number of processes.
-
 #pragma once
 
-#include <windows.h>
+#include <string>
 
 namespace cable {
 
 // Appends "MS DIRECTION POSITION TEXT" and flushes it; does nothing unless a log is asked for. Any
 // thread.
-void logEvent(const char* direction, unsigned position, const char* format, ...)
-    __attribute__((format(gnu_printf, 3, 4)));
+void logEvent(const char* direction, unsigned position, const std::string& text);
 
 // One sentence on the standard error stream.
-void complain(const char* sentence);
+void complain(const std::string& sentence);
 
 } // namespace cable

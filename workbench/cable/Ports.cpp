@@ -2,98 +2,139 @@
 
 #include "workbench/cable/EventLog.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <utility>
 
 namespace cable {
 
 namespace {
 
-template <class AnyPlace>
-void fill(std::vector<std::unique_ptr<AnyPlace>>& places, std::vector<PortDescription>& ports)
+// Other processes reach the input while it is open.
+class InputPort : public device::InputPort
 {
-    for (PortDescription& port : ports) {
-        auto place = std::make_unique<AnyPlace>();
-        place->description = std::move(port);
-        place->position = static_cast<unsigned>(places.size() + 1);
-        places.push_back(std::move(place));
+public:
+    InputPort(const Place& place, Callback callback)
+        : device::InputPort(place.description, std::move(callback)), listener(place.position, *this)
+    {}
+    void released() override { listener.stop(); }
+
+private:
+    Listener listener;
+};
+
+// What an output feeds: an input of this process, else one of another, else nothing.
+class Lead : public device::Wire
+{
+public:
+    explicit Lead(const Place& itsOutput) : output(itsOutput), to(inputOf(itsOutput)), remote(to) {}
+
+    void noteShort(DWORD word) override
+    {
+        char text[16];
+        std::snprintf(text, sizeof text, "short %06lX", word & 0xFFFFFF);
+        output.log(text);
     }
-}
+    void noteLong(const MIDIHDR& header) override
+    {
+        output.log("long " + std::to_string(header.dwBufferLength));
+    }
+
+    bool connect() override
+    {
+        remote.allow();
+        auto& inputs = PortTable::instance().inputs;
+        if (to > 0 && to <= inputs.size())
+            local = inputs[to - 1].clients();
+        local.erase(std::remove_if(local.begin(), local.end(),
+                                   [](const auto& input) { return input->isUnplugged(); }),
+                    local.end());
+        return !local.empty() || to == 0;
+    }
+    bool take(const MIDIPiece& piece) override
+    {
+        for (const auto& input : local)
+            static_cast<InputPort&>(*input).take(source, piece);
+        return !local.empty() || (to != 0 && remote.take(piece));
+    }
+    void disconnect() override { local.clear(); }
+    void cancel() override { remote.cancel(); }
+
+private:
+    static unsigned inputOf(const Place& output)
+    {
+        const bool hasOpposite = output.position <= PortTable::instance().inputs.size();
+        return output.description.to.value_or(hasOpposite ? output.position : 0);
+    }
+
+    const Place& output;
+    const unsigned to;
+    const device::SourceId source = device::nextSourceId();
+    std::vector<Place::Client> local; // the input, if this process has it open
+    RemoteInput remote;               // otherwise
+};
 
 } // namespace
+
+// ---- A place ------------------------------------------------------------------------------------
+
+Place::Place(const PortDescription& itsDescription, std::size_t itsPosition)
+    : description(itsDescription), position(static_cast<unsigned>(itsPosition))
+{}
+
+Place::Client Place::open(device::Port::Callback callback)
+{
+    const std::lock_guard<std::mutex> guard(mutex);
+    // Lost ports keep their headers until the driver is unloaded.
+    if (description.kind != device::DriverKind::Windows11 &&
+        std::any_of(all.begin(), all.end(), [](const auto& port) { return !port->isUnplugged(); }))
+        return nullptr;
+    if (description.isInput)
+        all.push_back(std::make_shared<InputPort>(*this, std::move(callback)));
+    else
+        all.push_back(std::make_shared<device::OutputPort>(
+            description, std::make_unique<Lead>(*this), std::move(callback)));
+    return all.back();
+}
+
+void Place::remove(const Client& client)
+{
+    const std::lock_guard<std::mutex> guard(mutex);
+    all.erase(std::remove(all.begin(), all.end(), client), all.end());
+}
+
+std::vector<Place::Client> Place::clients()
+{
+    const std::lock_guard<std::mutex> guard(mutex);
+    return all;
+}
+
+Place::Client Place::client(DWORD_PTR address)
+{
+    for (auto& port : clients()) {
+        if (reinterpret_cast<DWORD_PTR>(port.get()) == address)
+            return port;
+    }
+    return nullptr;
+}
+
+void Place::log(const std::string& event) const
+{
+    logEvent(description.isInput ? "in" : "out", position, event);
+}
 
 PortTable& PortTable::instance()
 {
     // Never destroyed: the ports' threads may run until the process has ended.
     static PortTable& table = *[] {
         auto* const made = new PortTable;
-        Description description = readDescription();
-        for (const std::string& complaint : description.complaints)
-            complain(complaint.c_str());
-        fill(made->inputs, description.inputs);
-        fill(made->outputs, description.outputs);
+        for (const PortDescription& port : readDescription()) {
+            auto& places = port.isInput ? made->inputs : made->outputs;
+            places.emplace_back(port, places.size() + 1);
+        }
         return made;
     }();
     return table;
-}
-
-InputPort::InputPort(const PortDescription& description, unsigned position, Callback callback)
-    : device::InputPort(description, std::move(callback)), listener(position)
-{}
-
-OutputPort::OutputPort(const PortDescription& description, unsigned position, Callback callback)
-    : device::OutputPort(description, std::make_unique<Lead>(position, description.to),
-                         std::move(callback))
-{}
-
-// ---- The lead -----------------------------------------------------------------------------------
-
-Lead::Lead(unsigned outputPosition, unsigned inputPosition)
-    : position(outputPosition), to(inputPosition), remote(inputPosition)
-{}
-
-void Lead::noteShort(DWORD word)
-{
-    logEvent("out", position, "short %06X", static_cast<unsigned>(word & 0xFFFFFF));
-}
-
-void Lead::noteLong(const MIDIHDR& header)
-{
-    logEvent("out", position, "long %lu", header.dwBufferLength);
-}
-
-bool Lead::connect()
-{
-    remote.allow();
-    const auto& inputs = PortTable::instance().inputs;
-    if (to > 0 && to <= inputs.size())
-        local = inputs[to - 1]->current();
-    local.erase(std::remove_if(local.begin(), local.end(),
-                               [](const auto& input) { return input->isUnplugged(); }),
-                local.end());
-    if (local.empty())
-        return to == 0;
-    return std::all_of(local.begin(), local.end(),
-                       [](const auto& input) { return input->takesAtOnce(); });
-}
-
-void Lead::take(const MIDIPiece& piece, const device::Pause& pause)
-{
-    if (local.empty() && to != 0) {
-        remote.take(piece);
-        return;
-    }
-    for (const auto& input : local)
-        input->take(source, piece, pause);
-    (local.empty() ? dropped : delivered).count(piece);
-}
-
-void Lead::disconnect(device::Counters& counters)
-{
-    local.clear();
-    for (device::Delivery* const taken : {&delivered, &remote.sent})
-        counters.delivered += std::exchange(*taken, {});
-    for (device::Delivery* const lost : {&dropped, &remote.lost})
-        counters.dropped += std::exchange(*lost, {});
 }
 
 } // namespace cable

@@ -1,25 +1,28 @@
-// The rules for a header between a client and a driver.
+// The flags of a header, shared between the driver's threads and whoever polls them. Their offset
+// of 24 in the packed header keeps them aligned, which a compiler does not know.
 #pragma once
 
-#include "workbench/device/Settings.h"
+#include <cstddef>
+#include <windows.h>
+
+#include <mmsystem.h>
 
 namespace device {
 
-// The part of a header that Windows 11's driver asks for.
-constexpr DWORD_PTR kLeastHeader = 32;
+inline DWORD* flagsAddress(const MIDIHDR& header)
+{
+    const char* const bytes = reinterpret_cast<const char*>(&header);
+    return reinterpret_cast<DWORD*>(const_cast<char*>(bytes + offsetof(MIDIHDR, dwFlags)));
+}
 
-// dwFlags is shared between the driver's threads and whoever polls it. Its offset of 24 in the
-// packed header keeps it aligned.
-DWORD flagsOf(const MIDIHDR& header);
-void setFlags(MIDIHDR& header, DWORD flags);
+inline DWORD flagsOf(const MIDIHDR& header)
+{
+    return __atomic_load_n(flagsAddress(header), __ATOMIC_ACQUIRE);
+}
 
-// The header becomes the driver's, and the client's again.
-void markQueued(MIDIHDR& header);
-void markDone(MIDIHDR& header);
-
-MMRESULT prepareHeader(MIDIHDR* header, DWORD_PTR size);
-MMRESULT unprepareHeader(MIDIHDR* header, DWORD_PTR size);
-// Whether a client may hand the header over now.
-MMRESULT checkHeader(const MIDIHDR* header, DWORD_PTR size);
+inline void setFlags(MIDIHDR& header, DWORD flags)
+{
+    __atomic_store_n(flagsAddress(header), flags, __ATOMIC_RELEASE);
+}
 
 } // namespace device

@@ -14,12 +14,6 @@ constexpr std::size_t kMostPending = 1u << 20;
 
 constexpr DWORD kDumpPiece = 4096; // bytes a dump composes at a time
 
-bool sleepAnyway(DWORD milliseconds)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-    return true;
-}
-
 } // namespace
 
 SourceId nextSourceId()
@@ -28,25 +22,10 @@ SourceId nextSourceId()
     return ++last;
 }
 
-DWORD floodWord(DWORD number)
-{
-    const DWORD channel = (number >> 14) & 0x0F;
-    return 0x90 | channel | ((number >> 7) & 0x7F) << 8 | (number & 0x7F) << 16;
-}
-
-BYTE dumpByte(DWORD offset, DWORD length, DWORD number)
-{
-    if (offset == 0)
-        return kSysExStart;
-    if (offset == length - 1)
-        return kSysExEnd;
-    if (offset == 1)
-        return 0x7D; // the manufacturer number for what is not for sale
-    return static_cast<BYTE>((offset + offset / 128 + number) & 0x7F);
-}
-
 InputPort::InputPort(const Settings& itsSettings, Callback itsCallback)
-    : Port(itsSettings, {MIM_OPEN, MIM_CLOSE}, std::move(itsCallback))
+    : Port(itsSettings, MIM_OPEN, MIM_CLOSE,
+           itsSettings.ownThread || itsSettings.kind == DriverKind::Windows11,
+           std::move(itsCallback))
 {}
 
 InputPort::~InputPort()
@@ -66,20 +45,18 @@ MMRESULT InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
     if (isWindows11()) { // whatever the flags say
         if (!header || size < kLeastHeader)
             return MMSYSERR_INVALPARAM;
-    } else if (const MMRESULT refusal = checkHeader(header, size)) {
+    } else if (const MMRESULT refusal = check(header, size)) {
         return refusal;
     }
     header->dwBytesRecorded = 0;
     markQueued(*header);
     buffers.push_back(header);
-    bufferAdded.notifyAll();
+    bufferAdded.notify_all();
     return MMSYSERR_NOERROR;
 }
 
 MMRESULT InputPort::start()
 {
-    if (settings.startResult != MMSYSERR_NOERROR)
-        return settings.startResult;
     if (const MMRESULT refusal = lookUp())
         return refusal;
     const Lock held(lock);
@@ -88,9 +65,9 @@ MMRESULT InputPort::start()
     const std::int64_t now = settings.clock();
     startedAt.store(now, std::memory_order_relaxed);
     progress = {};
-    progress.since = progress.lastPlayed = now;
+    progress.since = now;
     started.store(true);
-    wakeThread();
+    changed.notify_all();
     return MMSYSERR_NOERROR;
 }
 
@@ -99,7 +76,9 @@ MMRESULT InputPort::stop()
     if (const MMRESULT refusal = stopWorker())
         return refusal;
     Lock held(lock);
-    conclude(held, stopAndTakePartial(), false);
+    endWork();
+    if (filled > 0)
+        tell(held, giveBackPartial());
     return MMSYSERR_NOERROR;
 }
 
@@ -108,26 +87,20 @@ MMRESULT InputPort::reset()
     if (const MMRESULT refusal = stopWorker())
         return refusal;
     // Windows 11's driver holds it while it calls the client.
-    std::unique_lock<std::recursive_mutex> own(portLock, std::defer_lock);
-    if (isWindows11())
-        own.lock();
+    const DriverLock own = isWindows11() ? DriverLock(portLock) : DriverLock();
     Lock held(lock);
-    Notices due = stopAndTakePartial();
-    if (!settings.ownThread && kind() == DriverKind::WaitsInReset) {
-        held.unlock();
-        waitForOthers();
-        held.lock();
-    }
-    for (MIDIHDR* const header : buffers)
-        due.push_back(noticeOf(MIM_LONGDATA, header, 0, timeStamp()));
-    buffers.clear();
-    conclude(held, std::move(due), true);
+    endWork();
+    waitInReset(held);
+    Notices due;
+    if (filled > 0)
+        due.push_back(giveBackPartial());
+    while (!buffers.empty())
+        due.push_back(giveBackFirst(MIM_LONGDATA));
+    tellReset(held, due);
     return MMSYSERR_NOERROR;
 }
 
-// ---- Windows 11's worker ------------------------------------------------------------------------
-
-// Waits for its callback in progress.
+// Waits for the worker's callback in progress.
 MMRESULT InputPort::stopWorker()
 {
     if (!isWindows11())
@@ -138,196 +111,111 @@ MMRESULT InputPort::stopWorker()
         const Lock held(lock);
         started.store(false);
         startedAt.store(0, std::memory_order_relaxed); // stamps are the machine's time from here on
-        bufferAdded.notifyAll();
+        bufferAdded.notify_all();
     }
     waitForOthers();
     return MMSYSERR_NOERROR;
 }
 
-void InputPort::leaveToWorker(SourceId source, const MIDIPiece& piece)
+// ---- What arrives -------------------------------------------------------------------------------
+
+void InputPort::take(SourceId source, const MIDIPiece& piece)
 {
-    const Lock held(lock);
     if (isUnplugged())
         return;
+    if (!isWindows11()) {
+        deliver(source, piece);
+        return;
+    }
+    const Lock held(lock);
     if (arrivals.size() >= kMostPending) {
-        ++tally.dropped.shortMessages;
+        lost.count(piece);
         return;
     }
     arrivals.push_back(
         {source, piece, {piece.bytes, piece.bytes + piece.length}, settings.clock()});
-    wakeThread();
+    changed.notify_all();
 }
 
-// The driver takes it for every byte. Once for all of them makes the same threads wait for each
-// other, and not so slowly.
-void InputPort::awaitPortLock()
+bool InputPort::shortMessage(DWORD word)
 {
-    const std::lock_guard<std::recursive_mutex> once(portLock);
+    return !isUnplugged() && deliverShort(word);
 }
 
-bool InputPort::handleShort(DWORD word)
+std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece)
+{
+    return isUnplugged() ? 0 : deliverSysEx(source, piece);
+}
+
+std::size_t InputPort::deliver(SourceId source, const MIDIPiece& piece)
+{
+    return piece.kind == MIDIPiece::Kind::Short ? deliverShort(piece.word)
+                                                : deliverSysEx(source, piece);
+}
+
+// Without the lock, where the sender itself calls back: it would order the sender behind whoever
+// adds buffers.
+bool InputPort::deliverShort(DWORD word)
 {
     const InProgress inProgress(*this);
+    awaitPortLock();
+    Lock held(lock, std::defer_lock);
+    const auto status = static_cast<unsigned char>(word);
+    // No messages to Windows 11's driver, and no realtime: they end a SysEx message.
+    const bool breaksOff = isWindows11() && (status == 0xF9 || status == 0xFD);
+    if (settings.ownThread || breaksOff)
+        held.lock();
     if (!started.load())
         return false;
-    const auto status = static_cast<unsigned char>(word);
-    awaitPortLock();
-    // No messages to this driver, and no realtime: they end a SysEx message.
-    if (status == 0xF9 || status == 0xFD) {
-        Lock held(lock);
+    const Notice notice{MIM_DATA, word, timeStamp()};
+    if (breaksOff)
         breakOff(held);
-        return true;
-    }
-    shortsCalled.fetch_add(1, std::memory_order_relaxed);
-    call(MIM_DATA, word, timeStamp());
+    else if (!settings.ownThread)
+        call(notice);
+    else if (notices.size() >= kMostPending)
+        ++lost.shortMessages;
+    else
+        tell(held, notice);
     return true;
 }
 
-std::size_t InputPort::handle(SourceId source, MIDIPiece piece)
+std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
 {
     const InProgress inProgress(*this);
-    if (!started.load())
-        return 0;
     awaitPortLock();
     Lock held(lock);
-    if (piece.first) {
+    if (!started.load())
+        return 0;
+    const Windows11& waits = settings.windows11;
+    if (piece.first) { // as on a wire, it ends one that is unfinished
         breakOff(held);
         sysExSource = source;
-        found = awaitBuffer(held, found ? settings.windows11.bufferAtStart : 0);
+        found = !isWindows11() || awaitBuffer(held, found ? waits.bufferAtStart : 0);
         dropping = !found;
-    } else if (sysExSource != source) {
-        tally.dropped.bytes += piece.length;
-        return 0;
     }
+    const auto arrives = [&] { return started.load() && sysExSource == source; };
+    if (piece.kind == MIDIPiece::Kind::Broken && arrives())
+        breakOff(held);
     std::size_t taken = 0;
-    while (piece.length > 0 && started.load()) {
-        dropping = dropping || !awaitBuffer(held, settings.windows11.bufferWithin);
-        if (dropping) {
-            tally.dropped.bytes += piece.length;
-            break;
-        }
-        taken += fillFirst(held, piece);
+    while (piece.length > 0 && arrives() && !dropping) {
+        dropping = !awaitBuffer(held, waits.bufferWithin);
+        taken += dropping ? 0 : fillFirst(held, piece);
     }
-    if (piece.last && started.load()) {
-        dropping = false;
-        endSysEx(held, MIM_LONGDATA);
+    lost.bytes += piece.length;
+    if (piece.last && arrives()) {
+        sysExSource = 0;
+        if (filled > 0)
+            tell(held, giveBackFirst(MIM_LONGDATA));
     }
     return taken;
 }
 
-bool InputPort::awaitBuffer(Lock& held, DWORD milliseconds)
+// Windows 11's driver takes it for every byte. Once for all of them makes the same threads wait for
+// each other, and not so slowly.
+void InputPort::awaitPortLock()
 {
-    return bufferAdded.waitFor(held, milliseconds, [&] {
-        return !buffers.empty() || !started.load();
-    }) && started.load();
-}
-
-// Where a buffer has just been returned there is nothing to report; the next one comes back empty.
-void InputPort::breakOff(Lock& held)
-{
-    if (sysExSource == 0)
-        return;
-    sysExSource = 0;
-    if (filled > 0)
-        giveBackFirst(held, MIM_LONGERROR);
-    else if (!dropping && !buffers.empty())
-        giveBackFirst(held, MIM_LONGDATA);
-    dropping = false;
-}
-
-void InputPort::touchKept(Lock& held)
-{
-    if (buffers.empty() || (flagsOf(*buffers.front()) & MHDR_INQUEUE) == 0)
-        return;
-    if (filled > 0)
-        giveBackFirst(held, MIM_LONGERROR);
-}
-
-// ---- What arrives -------------------------------------------------------------------------------
-
-// Without the lock, where the sender itself calls back: it would order the sender behind whoever
-// adds buffers.
-bool InputPort::shortMessage(DWORD word)
-{
-    if (isUnplugged())
-        return false;
     if (isWindows11())
-        return handleShort(word);
-    if (!settings.ownThread) {
-        const InProgress inProgress(*this);
-        if (!started.load())
-            return false;
-        shortsCalled.fetch_add(1, std::memory_order_relaxed);
-        call(MIM_DATA, word, timeStamp());
-        return true;
-    }
-    Lock held(lock);
-    if (!started.load())
-        return false;
-    if (waitingNotices() >= kMostPending)
-        ++tally.dropped.shortMessages;
-    else
-        tell(held, {MIM_DATA, word, timeStamp()});
-    return true;
-}
-
-void InputPort::take(SourceId source, const MIDIPiece& piece, const Pause& pause)
-{
-    if (settings.worker)
-        leaveToWorker(source, piece);
-    else if (piece.kind == MIDIPiece::Kind::Short)
-        shortMessage(piece.word);
-    else if (piece.kind == MIDIPiece::Kind::SysEx)
-        sysEx(source, piece, pause);
-    else if (piece.kind == MIDIPiece::Kind::Broken)
-        sysExBroken(source);
-}
-
-std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece, const Pause& pause)
-{
-    if (isUnplugged())
-        return 0;
-    if (isWindows11())
-        return handle(source, piece);
-    const std::int64_t hold = std::int64_t(settings.hold) * 1000;
-    std::int64_t lastTaken = settings.clock();
-    bool goOn = true;
-    std::size_t roomFound = 0;
-    const InProgress inProgress(*this);
-    Lock held(lock);
-    while (accepts(held, source, piece)) {
-        piece.first = false;
-        const std::size_t taken = fillFirst(held, piece);
-        roomFound += taken;
-        if (piece.length == 0)
-            break;
-        const std::int64_t now = settings.clock();
-        if (taken > 0) {
-            lastTaken = now;
-        } else if (goOn && now - lastTaken < hold) {
-            held.unlock();
-            goOn = pause ? pause(1) : sleepAnyway(1);
-            held.lock();
-        } else {
-            tally.dropped.bytes += piece.length;
-            break;
-        }
-    }
-    if (piece.last && sysExSource == source)
-        endSysEx(held, MIM_LONGDATA);
-    return roomFound;
-}
-
-void InputPort::sysExBroken(SourceId source)
-{
-    const InProgress inProgress(*this);
-    Lock held(lock);
-    if (!started.load() || sysExSource != source)
-        return;
-    if (isWindows11())
-        breakOff(held);
-    else
-        endSysEx(held, MIM_LONGERROR);
+        DriverLock{portLock}.unlock();
 }
 
 MIDIHDR* InputPort::returnBuffer(UINT code, DWORD bytesRecorded, const void* bytes,
@@ -338,12 +226,11 @@ MIDIHDR* InputPort::returnBuffer(UINT code, DWORD bytesRecorded, const void* byt
     if (buffers.empty())
         return nullptr;
     MIDIHDR* const header = buffers.front();
-    buffers.pop_front();
-    filled = 0;
     const std::size_t count = std::min<std::size_t>(length, header->dwBufferLength);
     if (count > 0)
         std::memcpy(header->lpData, bytes, count);
-    tell(held, noticeOf(code, header, bytesRecorded, timeStamp()));
+    filled = bytesRecorded;
+    tell(held, giveBackFirst(code));
     return header;
 }
 
@@ -360,34 +247,27 @@ DWORD InputPort::work(Lock& held)
 {
     if (arrivals.empty())
         return play(held);
-    const Arrival arrival = std::move(arrivals.front());
+    Arrival arrival = std::move(arrivals.front());
     arrivals.pop_front();
     held.unlock();
     // What came before the start is not for the client.
     if (arrival.at >= startedAt.load(std::memory_order_relaxed)) {
-        MIDIPiece piece = arrival.piece;
-        piece.bytes = arrival.bytes.data();
-        if (piece.kind == MIDIPiece::Kind::Short)
-            handleShort(piece.word);
-        else if (piece.kind == MIDIPiece::Kind::SysEx)
-            handle(arrival.source, piece);
-        else
-            sysExBroken(arrival.source);
+        arrival.piece.bytes = arrival.bytes.data();
+        deliver(arrival.source, arrival.piece);
     }
     held.lock();
     return 0;
-}
-
-DWORD InputPort::queuedHeaders() const
-{
-    return static_cast<DWORD>(buffers.size());
 }
 
 void InputPort::endWork()
 {
     started.store(false);
     sysExSource = 0;
-    tally.dropped.shortMessages += dropNotices(MIM_DATA);
+    bufferAdded.notify_all();
+    const auto isShort = [](const Notice& notice) { return notice.message == MIM_DATA; };
+    const auto kept = std::remove_if(notices.begin(), notices.end(), isShort);
+    lost.shortMessages += static_cast<std::uint64_t>(notices.end() - kept);
+    notices.erase(kept, notices.end());
 }
 
 void InputPort::discardWork()
@@ -396,160 +276,137 @@ void InputPort::discardWork()
     filled = 0;
 }
 
-DWORD InputPort::timeStamp() const
+void InputPort::touchKept(Lock& held)
 {
-    const std::int64_t since = startedAt.load(std::memory_order_relaxed);
-    return since == kNever ? 0 : static_cast<DWORD>((settings.clock() - since) / 1000);
+    if (!buffers.empty() && (flagsOf(*buffers.front()) & MHDR_INQUEUE) && filled > 0)
+        tell(held, giveBackFirst(MIM_LONGERROR));
 }
 
-// Whether the piece belongs to the message that is arriving, or begins one. As on a wire, a new
-// message puts an end to one that is unfinished.
-bool InputPort::accepts(Lock& held, SourceId source, const MIDIPiece& piece)
+DWORD InputPort::timeStamp() const
 {
-    if (!started.load())
-        return false;
-    if (piece.first) {
-        endSysEx(held, MIM_LONGERROR);
-        sysExSource = source;
-    } else if (sysExSource != source) {
-        tally.dropped.bytes += piece.length;
-        return false;
-    }
-    return started.load();
+    return static_cast<DWORD>((settings.clock() - startedAt.load(std::memory_order_relaxed)) /
+                              1000);
+}
+
+// False if there is none by then, or the input has been stopped. Only Windows 11's driver waits.
+bool InputPort::awaitBuffer(Lock& held, DWORD milliseconds)
+{
+    if (isWindows11())
+        bufferAdded.wait_for(held, std::chrono::milliseconds(milliseconds),
+                             [&] { return !buffers.empty() || !started.load(); });
+    return !buffers.empty() && started.load();
 }
 
 // Takes what fits into the first buffer, and from the piece. Returns how many bytes it is.
 std::size_t InputPort::fillFirst(Lock& held, MIDIPiece& piece)
 {
-    if (buffers.empty())
-        return 0;
     const MIDIHDR* const header = buffers.front();
-    const DWORD most =
-        settings.split ? std::min(settings.split, header->dwBufferLength) : header->dwBufferLength;
-    const std::size_t length = std::min<std::size_t>(most - filled, piece.length);
+    const std::size_t length = std::min<std::size_t>(header->dwBufferLength - filled, piece.length);
     if (length > 0) // a spoiled header may have no room, and no memory either
         std::memcpy(header->lpData + filled, piece.bytes, length);
     filled += static_cast<DWORD>(length);
     piece.bytes += length;
     piece.length -= length;
-    if (filled == most)
-        giveBackFirst(held, MIM_LONGDATA);
+    if (filled == header->dwBufferLength)
+        tell(held, giveBackFirst(MIM_LONGDATA));
     return length;
 }
 
-// `message` is what the client hears if its buffer holds bytes of the message.
-void InputPort::endSysEx(Lock& held, UINT message)
+// Ends an unfinished message. Where Windows 11's driver has just returned a buffer there is nothing
+// to report; the next one comes back empty.
+void InputPort::breakOff(Lock& held)
 {
-    sysExSource = 0;
+    if (std::exchange(sysExSource, 0) == 0)
+        return;
     if (filled > 0)
-        giveBackFirst(held, message);
+        tell(held, giveBackFirst(MIM_LONGERROR));
+    else if (isWindows11() && !dropping && !buffers.empty())
+        tell(held, giveBackFirst(MIM_LONGDATA));
 }
 
-void InputPort::giveBackFirst(Lock& held, UINT message)
+Port::Notice InputPort::giveBackFirst(UINT message)
 {
     MIDIHDR* const header = buffers.front();
     buffers.pop_front();
-    tell(held, noticeOf(message, header, std::exchange(filled, 0), timeStamp()));
+    header->dwBytesRecorded = std::exchange(filled, 0);
+    return giveBack(message, header, timeStamp());
 }
 
-Port::Notices InputPort::stopAndTakePartial()
+Port::Notice InputPort::giveBackPartial()
 {
-    Notices due;
-    if (filled > 0) {
-        due.push_back(noticeOf(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA, buffers.front(),
-                               std::exchange(filled, 0), timeStamp()));
-        buffers.pop_front();
-    }
-    endWork();
-    return due;
+    return giveBackFirst(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA);
 }
 
 // ---- Generators ---------------------------------------------------------------------------------
 
+DWORD floodWord(DWORD number)
+{
+    const DWORD channel = (number >> 14) & 0x0F;
+    return 0x90 | channel | ((number >> 7) & 0x7F) << 8 | (number & 0x7F) << 16;
+}
+
+BYTE dumpByte(DWORD offset, DWORD length, DWORD number)
+{
+    if (offset == 0)
+        return kSysExStart;
+    if (offset == length - 1)
+        return kSysExEnd;
+    if (offset == 1)
+        return 0x7D; // the manufacturer number for what is not for sale
+    return static_cast<BYTE>((offset + offset / 128 + number) & 0x7F);
+}
+
+// Sends what is due as any sender would. Returns a millisecond to wait if it was not heard, or
+// another's message has to end first: so that who brings a buffer, or closes the port, gets its
+// lock.
 DWORD InputPort::play(Lock& held)
 {
-    const InProgress inProgress(*this);
     const std::vector<Generator>& generators = settings.generators;
-    const bool over = settings.repeat != 0 && progress.round == settings.repeat;
+    const bool over = settings.repeat != 0 && progress.turn == settings.repeat * generators.size();
     if (!started.load() || isUnplugged() || generators.empty() || over)
         return INFINITE;
-    const Generator& playing = generators[progress.generator];
+    const Generator& playing = generators[progress.turn % generators.size()];
     const std::int64_t now = settings.clock();
     const std::int64_t due = playing.perSecond ? progress.since + std::int64_t(progress.produced) *
                                                                       1000000 / playing.perSecond
                                                : now;
     if (now < due)
         return static_cast<DWORD>((due - now + 999) / 1000);
-    DWORD pause = 0;
-    if (playing.kind == Generator::Kind::Flood) {
-        ++progress.produced;
-        tell(held, {MIM_DATA, floodWord(progress.floods++), timeStamp()});
-    } else {
-        pause = playDump(held, playing, now);
-    }
-    if (progress.produced == playing.count)
-        nextGenerator();
-    return pause;
-}
-
-// Plays the next piece of the dump, or loses it. Returns a millisecond to wait if there was no
-// buffer, or another's message has to end first: so that who brings a buffer, or closes the port,
-// gets its lock.
-DWORD InputPort::playDump(Lock& held, const Generator& dump, std::int64_t now)
-{
-    const bool first = progress.produced == 0;
-    if (first && sysExSource != 0 && sysExSource != self)
+    if (playing.kind == Generator::Kind::Dump && progress.produced == 0 && sysExSource != 0)
         return 1;
-
-    BYTE bytes[kDumpPiece];
-    const DWORD most =
-        dump.perSecond ? std::clamp<DWORD>(dump.perSecond / 100, 1, kDumpPiece) : kDumpPiece;
-    const DWORD length = std::min(most, dump.count - progress.produced);
-    for (DWORD i = 0; i < length; ++i)
-        bytes[i] = dumpByte(progress.produced + i, dump.count, progress.dumps);
-
-    MIDIPiece piece{MIDIPiece::Kind::SysEx, 0, bytes, length, first, false};
-    if (isWindows11()) {
-        progress.produced += length;
-        piece.last = progress.produced == dump.count;
-        progress.dumps += piece.last ? 1 : 0;
-        held.unlock();
-        const std::size_t heard = handle(self, piece);
-        held.lock();
-        return heard > 0 ? 0 : 1;
-    }
-    if (!accepts(held, self, piece)) { // another message has put an end to this one
-        progress.produced = dump.count;
-        ++progress.dumps;
-        return 0;
-    }
-    while (piece.length > 0 && fillFirst(held, piece) > 0) {
-    }
-    const DWORD taken = length - static_cast<DWORD>(piece.length);
-    progress.produced += taken;
-    if (taken > 0)
-        progress.lastPlayed = now;
-    if (piece.length > 0 && now - progress.lastPlayed >= std::int64_t(settings.hold) * 1000) {
-        tally.dropped.bytes += piece.length;
-        progress.produced += static_cast<DWORD>(piece.length);
-    }
-    if (progress.produced == dump.count) {
-        ++progress.dumps;
-        if (sysExSource == self)
-            endSysEx(held, MIM_LONGDATA);
-    }
-    return taken > 0 ? 0 : 1;
+    BYTE buffer[kDumpPiece];
+    const MIDIPiece piece = compose(playing, buffer);
+    held.unlock();
+    const bool heard = deliver(self, piece) > 0;
+    held.lock();
+    return heard ? 0 : 1;
 }
 
-void InputPort::nextGenerator()
+// The next message of a flood, or the next piece of a dump.
+MIDIPiece InputPort::compose(const Generator& playing, BYTE* buffer)
 {
-    progress.produced = 0;
-    progress.since = progress.lastPlayed = settings.clock();
-    if (++progress.generator == settings.generators.size()) {
-        progress.generator = 0;
-        if (settings.repeat != 0)
-            ++progress.round;
+    MIDIPiece piece{MIDIPiece::Kind::Short};
+    if (playing.kind == Generator::Kind::Flood) {
+        piece.word = floodWord(progress.floods++);
+        ++progress.produced;
+    } else {
+        const DWORD most = playing.perSecond
+                               ? std::clamp<DWORD>(playing.perSecond / 100, 1, kDumpPiece)
+                               : kDumpPiece;
+        const DWORD begin = progress.produced;
+        progress.produced = std::min(begin + most, playing.count);
+        for (DWORD at = begin; at < progress.produced; ++at)
+            buffer[at - begin] = dumpByte(at, playing.count, progress.dumps);
+        piece = {MIDIPiece::Kind::SysEx,    0,          buffer,
+                 progress.produced - begin, begin == 0, progress.produced == playing.count};
+        progress.dumps += piece.last ? 1 : 0;
     }
+    if (progress.produced == playing.count) {
+        ++progress.turn;
+        progress.produced = 0;
+        progress.since = settings.clock();
+    }
+    return piece;
 }
 
 } // namespace device

@@ -11,9 +11,6 @@ namespace device {
 using SourceId = std::uint64_t;
 SourceId nextSourceId();
 
-// Lets a sender wait; false if it shall give up instead. Called without any lock of the input.
-using Pause = std::function<bool(DWORD milliseconds)>;
-
 class InputPort : public Port
 {
 public:
@@ -28,15 +25,12 @@ public:
 
     bool isStarted() const { return started.load(); }
 
-    // From the senders, on any thread. Nothing is heard while the input is stopped: false. SysEx
-    // without a buffer may wait, by `pause`, as long as the settings' `hold` says.
+    // From the senders, on any thread. Nothing is heard while the input is stopped.
+    void take(SourceId source,
+              const MIDIPiece& piece); // the Windows 11 kind leaves it to its worker
+    // Now, on this thread. Tells whether the message was taken, and how many bytes found room.
     bool shortMessage(DWORD word);
-    // Any of these, by the worker if the port has one.
-    void take(SourceId source, const MIDIPiece& piece, const Pause& pause);
-    // Returns how many bytes found room.
-    std::size_t sysEx(SourceId source, MIDIPiece piece, const Pause& pause = nullptr);
-    void sysExBroken(SourceId source);
-    bool takesAtOnce() const { return settings.hold == 0 || settings.worker; }
+    std::size_t sysEx(SourceId source, MIDIPiece piece);
 
     // Hands the next queued buffer back with any code and any dwBytesRecorded, started or not. As
     // many of the bytes as fit are copied into it. Null if no buffer is queued.
@@ -46,12 +40,6 @@ public:
     std::size_t room(std::size_t enough);
 
 private:
-    DWORD work(Lock& held) override;
-    DWORD queuedHeaders() const override;
-    void endWork() override;
-    void discardWork() override;
-    void touchKept(Lock& held) override;
-
     // What waits for the worker.
     struct Arrival
     {
@@ -60,48 +48,47 @@ private:
         std::vector<unsigned char> bytes; // of the piece
         std::int64_t at;
     };
-    void leaveToWorker(SourceId source, const MIDIPiece& piece);
 
-    // Of the Windows 11 kind.
+    DWORD work(Lock& held) override;
+    std::size_t queuedHeaders() const override { return buffers.size(); }
+    void endWork() override;
+    void discardWork() override;
+    void touchKept(Lock& held) override;
+
     MMRESULT stopWorker();
     void awaitPortLock();
-    std::size_t handle(SourceId source, MIDIPiece piece);
-    bool handleShort(DWORD word);
-    bool awaitBuffer(Lock& held, DWORD milliseconds);
-    void breakOff(Lock& held);
+    std::size_t deliver(SourceId source, const MIDIPiece& piece);
+    bool deliverShort(DWORD word);
+    std::size_t deliverSysEx(SourceId source, MIDIPiece piece);
 
     // With the lock held.
     DWORD timeStamp() const;
-    bool accepts(Lock& held, SourceId source, const MIDIPiece& piece);
+    bool awaitBuffer(Lock& held, DWORD milliseconds);
     std::size_t fillFirst(Lock& held, MIDIPiece& piece);
-    void endSysEx(Lock& held, UINT message);
-    void giveBackFirst(Lock& held, UINT message);
-    Notices stopAndTakePartial();
+    void breakOff(Lock& held);
+    Notice giveBackFirst(UINT message);
+    Notice giveBackPartial();
     DWORD play(Lock& held);
-    DWORD playDump(Lock& held, const Generator& dump, std::int64_t now);
-    void nextGenerator();
+    MIDIPiece compose(const Generator& playing, BYTE* buffer);
 
     std::deque<MIDIHDR*> buffers; // queued by the client; the first one may be partly filled
     DWORD filled = 0;             // bytes in the first buffer
+    Condition bufferAdded;        // or the input stopped
     std::atomic<bool> started{false};
-    static constexpr std::int64_t kNever = -1;
-    std::atomic<std::int64_t> startedAt{kNever};
-    SourceId sysExSource = 0; // whose SysEx message is arriving, 0: none
+    std::atomic<std::int64_t> startedAt{0}; // 0: stamps are the machine's time
 
+    SourceId sysExSource = 0; // whose SysEx message is arriving, 0: none
+    bool dropping = false;    // its rest
+    bool found = true;        // a buffer, at the last F0; of the Windows 11 kind
     std::deque<Arrival> arrivals;
-    Condition bufferAdded;
-    bool dropping = false; // the rest of the message that arrives
-    bool found = true;     // a buffer, at the last F0
 
     // Where the generators are since the start.
     struct Progress
     {
-        std::size_t generator = 0;
-        DWORD round = 0;
-        DWORD produced = 0;          // messages or bytes of the generator at work
-        std::int64_t since = 0;      // when that began
-        std::int64_t lastPlayed = 0; // when a dump last found room in a buffer
-        DWORD floods = 0;            // messages of all floods
+        std::size_t turn = 0;   // of the generators, one after the other
+        DWORD produced = 0;     // messages or bytes of the generator at work
+        std::int64_t since = 0; // when that began
+        DWORD floods = 0;       // messages of all floods
         DWORD dumps = 0;
     };
     Progress progress;

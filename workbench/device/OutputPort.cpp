@@ -7,11 +7,8 @@ namespace device {
 
 namespace {
 
-// Of what does not wait in the queue, and cannot be taken away from there.
-constexpr std::uint64_t kUnnumbered = 0;
-
 // Windows 11's driver hands a long message to its service in pieces of so many bytes.
-constexpr DWORD kServicePiece = 2048;
+constexpr std::size_t kServicePiece = 2048;
 
 // A paced message arrives in slices of 10 ms, as from a small FIFO.
 constexpr DWORD kSlicesPerSecond = 100;
@@ -27,13 +24,23 @@ std::size_t wireLength(DWORD word)
 
 OutputPort::OutputPort(const Settings& itsSettings, std::unique_ptr<Wire> itsWire,
                        Callback itsCallback)
-    : Port(itsSettings, {MOM_OPEN, MOM_CLOSE}, std::move(itsCallback)), wire(std::move(itsWire)),
-      completion(itsSettings.completion)
+    : Port(itsSettings, MOM_OPEN, MOM_CLOSE,
+           itsSettings.completion == Completion::Thread &&
+               itsSettings.kind != DriverKind::Windows11,
+           std::move(itsCallback)),
+      wire(std::move(itsWire)), completion(itsSettings.completion)
 {}
 
 OutputPort::~OutputPort()
 {
     endThread();
+}
+
+OutputPort::Item::Item(MIDIHDR* itsHeader, DWORD itsWord, std::int64_t itsTime)
+    : header(itsHeader), word(itsWord), queuedAt(itsTime)
+{
+    if (header)
+        bytes.assign(header->lpData, header->lpData + header->dwBufferLength);
 }
 
 // ---- The client's calls -------------------------------------------------------------------------
@@ -60,7 +67,7 @@ MMRESULT OutputPort::sendLong(MIDIHDR* header, DWORD_PTR size)
     Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
-    if (const MMRESULT refusal = checkHeader(header, size))
+    if (const MMRESULT refusal = check(header, size))
         return refusal;
     wire->noteLong(*header);
     markQueued(*header);
@@ -73,23 +80,19 @@ MMRESULT OutputPort::reset()
     if (isWindows11())
         return lookUp(settings.windows11.cleansUpAfterRemoval); // and nothing else
     Lock held(lock);
-    if (!settings.ownThread && kind() == DriverKind::WaitsInReset) {
-        held.unlock();
-        waitForOthers();
-        held.lock();
-    }
+    waitInReset(held);
     Notices due;
-    std::deque<Item> shortMessages;
     for (Item& item : items) {
-        if (item.plays && item.header)
-            stopPlaying();
-        if (item.header)
-            due.push_back(noticeOf(MOM_DONE, item.header, 0, 0));
-        else
-            shortMessages.push_back(std::move(item));
+        if (!item.header)
+            continue;
+        due.push_back(giveBack(MOM_DONE, std::exchange(item.header, nullptr), 0));
+        if (item.plays) {
+            wire->cancel();
+            changed.notify_all();
+        }
     }
-    items.swap(shortMessages);
-    conclude(held, std::move(due), true);
+    items.remove_if([](const Item& item) { return item.isTakenAway() && !item.plays; });
+    tellReset(held, due);
     return MMSYSERR_NOERROR;
 }
 
@@ -98,7 +101,7 @@ MIDIHDR* OutputPort::completeNext()
     Lock held(lock);
     const auto next =
         std::find_if(items.begin(), items.end(), [](const Item& item) { return !item.plays; });
-    return next == items.end() ? nullptr : play(held, next->number, false);
+    return next == items.end() ? nullptr : play(held, next);
 }
 
 // ---- Windows 11's driver ------------------------------------------------------------------------
@@ -107,7 +110,7 @@ MMRESULT OutputPort::sendShortNow(DWORD word)
 {
     if (const MMRESULT refusal = lookUp())
         return refusal;
-    const std::lock_guard<std::recursive_mutex> own(portLock);
+    const DriverLock own(portLock);
     Lock held(lock);
     std::vector<MIDIPiece> pieces;
     if (!stream.shortMessage(word, [&](const MIDIPiece& piece) { pieces.push_back(piece); }))
@@ -115,11 +118,7 @@ MMRESULT OutputPort::sendShortNow(DWORD word)
     wire->noteShort(word);
     if (!settings.windows11.shortsDoNotWait && !awaitService(held))
         return MMSYSERR_ERROR;
-    if (isUnplugged())
-        return MMSYSERR_NOERROR; // lost
-    wire->connect();
-    carry(held, pieces, kUnnumbered, false);
-    wire->disconnect(tally);
+    carry(held, pieces);
     return MMSYSERR_NOERROR;
 }
 
@@ -127,45 +126,27 @@ MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
 {
     if (const MMRESULT refusal = lookUp())
         return refusal;
-    const std::lock_guard<std::recursive_mutex> own(portLock);
+    const DriverLock own(portLock);
     if (!header || size < kLeastHeader || header->dwBufferLength == 0)
         return MMSYSERR_INVALPARAM;
     if ((flagsOf(*header) & MHDR_PREPARED) == 0)
         return MMSYSERR_INVALFLAG;
     Lock held(lock);
     wire->noteLong(*header);
-    wire->connect();
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(header->lpData);
-    MMRESULT result = MMSYSERR_NOERROR;
-    for (DWORD at = 0; at < header->dwBufferLength && result == MMSYSERR_NOERROR;) {
-        const DWORD length = std::min(kServicePiece, header->dwBufferLength - at);
-        if (settings.pace) {
-            wireFreeAt = std::max(wireFreeAt, settings.clock()) +
-                         std::int64_t(length) * 1000000 / settings.pace;
-            waitForWire(held, kUnnumbered, wireFreeAt);
-        }
-        if (!awaitService(held)) {
-            result = MMSYSERR_ERROR;
-            break;
-        }
-        std::vector<MIDIPiece> pieces;
-        stream.bytes(bytes + at, length, [&](const MIDIPiece& piece) { pieces.push_back(piece); });
-        carry(held, pieces, kUnnumbered, false);
-        at += length;
-    }
-    wire->disconnect(tally);
+    const bool sent = transmitLong(held, {header, 0, settings.clock()});
     const auto failed = settings.windows11.failedLong;
-    if (result == MMSYSERR_NOERROR || failed != Windows11::FailedLong::StaysWithClient)
-        conclude(held, {noticeOf(MOM_DONE, header, 0, 0)}, false);
-    return failed == Windows11::FailedLong::DoneWithSuccess ? MMRESULT(MMSYSERR_NOERROR) : result;
+    if (sent || failed != Windows11::FailedLong::StaysWithClient)
+        tell(held, giveBack(MOM_DONE, header, 0));
+    return sent || failed == Windows11::FailedLong::DoneWithSuccess ? MMRESULT(MMSYSERR_NOERROR)
+                                                                    : MMRESULT(MMSYSERR_ERROR);
 }
 
 // Until a piece is taken. Once that took too long, further sends fail at once until the service
 // moves.
 bool OutputPort::awaitService(Lock& held)
 {
-    timedOut = !serviceMoves.waitFor(held, timedOut ? 0 : settings.windows11.sendPiece,
-                                     [&] { return !stalled && !isUnplugged(); });
+    const std::chrono::milliseconds limit(timedOut ? 0 : settings.windows11.sendPiece);
+    timedOut = !changed.wait_for(held, limit, [&] { return !stalled && !isUnplugged(); });
     return !timedOut;
 }
 
@@ -173,7 +154,7 @@ void OutputPort::stall(bool on)
 {
     const Lock held(lock);
     stalled = on;
-    serviceMoves.notifyAll();
+    changed.notify_all();
 }
 
 // ---- Sending ------------------------------------------------------------------------------------
@@ -182,159 +163,128 @@ void OutputPort::stall(bool on)
 // end takes everything at once.
 bool OutputPort::passesAtOnce()
 {
-    if (sending || items.size() > 1 || settings.pace != 0)
+    if (items.size() > 1 || settings.pace != 0)
         return false;
     const bool passes = wire->connect();
-    if (!passes)
-        wire->disconnect(tally);
+    wire->disconnect();
     return passes;
 }
 
 void OutputPort::queue(Lock& held, MIDIHDR* header, DWORD word)
 {
-    const std::uint64_t number = ++lastNumber;
-    items.push_back({number, header, word, {}, settings.clock()});
-    if (header)
-        items.back().bytes.assign(header->lpData, header->lpData + header->dwBufferLength);
+    const auto item = items.emplace(items.end(), header, word, settings.clock());
     const Completion how = completion.load(std::memory_order_relaxed);
     if (settings.ownThread ? passesAtOnce()
-                           : how == Completion::Inline || (!header && how == Completion::Manual)) {
-        play(held, number, settings.ownThread);
-    } else if (how == Completion::Thread) {
-        if (!hasThread())
-            startThread(nullptr);
-        wakeThread();
-    }
+                           : how == Completion::Inline || (!header && how == Completion::Manual))
+        play(held, item);
+    else
+        changed.notify_all();
 }
 
-MIDIHDR* OutputPort::play(Lock& held, std::uint64_t number, bool keepLock)
+MIDIHDR* OutputPort::play(Lock& held, std::list<Item>::iterator item)
 {
     const InProgress inProgress(*this);
-    const auto begun = find(number);
-    begun->plays = true;
-    const Item item{number, begun->header, begun->word, std::move(begun->bytes), begun->queuedAt};
-    transmit(held, item, keepLock);
-    wire->disconnect(tally);
-    const auto ended = find(number);
-    if (ended == items.end())
-        return nullptr;
-    items.erase(ended);
-    if (item.header)
-        tell(held, noticeOf(MOM_DONE, item.header, 0, 0));
-    return item.header;
+    item->plays = true;
+    if (item->isShort())
+        transmitShort(held, *item);
+    else
+        transmitLong(held, *item);
+    MIDIHDR* const header = item->header;
+    items.erase(item);
+    if (!items.empty())
+        changed.notify_all();
+    if (header)
+        tell(held, giveBack(MOM_DONE, header, 0));
+    return header;
 }
 
 DWORD OutputPort::work(Lock& held)
 {
-    if (items.empty() || completion.load(std::memory_order_relaxed) != Completion::Thread)
+    if (items.empty() || items.front().plays ||
+        completion.load(std::memory_order_relaxed) != Completion::Thread)
         return INFINITE;
-    sending = true;
-    wire->connect();
-    play(held, items.front().number, false);
-    sending = false;
+    play(held, items.begin());
     return 0;
 }
 
-void OutputPort::transmit(Lock& held, const Item& item, bool keepLock)
+void OutputPort::transmitShort(Lock& held, const Item& item)
 {
-    wireFreeAt = std::max(wireFreeAt, item.queuedAt);
+    awaitWire(held, item, wireLength(item.word));
     std::vector<MIDIPiece> pieces;
-    const auto collect = [&](const MIDIPiece& piece) { pieces.push_back(piece); };
-    if (!item.header) {
-        if (settings.pace) {
-            wireFreeAt += std::int64_t(wireLength(item.word)) * 1000000 / settings.pace;
-            waitForWire(held, item.number, wireFreeAt);
-        }
-        if (!stream.shortMessage(item.word, collect))
-            pieces.push_back({MIDIPiece::Kind::Noise, 0, nullptr, 1});
-        carry(held, pieces, item.number, keepLock);
-        return;
-    }
+    if (!stream.shortMessage(item.word, [&](const MIDIPiece& piece) { pieces.push_back(piece); }))
+        pieces.push_back({MIDIPiece::Kind::Noise, 0, nullptr, 1});
+    carry(held, pieces);
+}
+
+// False if a reset takes the message away, or Windows 11's service does not take it.
+bool OutputPort::transmitLong(Lock& held, const Item& item)
+{
     const std::size_t total = item.bytes.size();
-    const std::size_t slice =
-        settings.pace ? std::max<DWORD>(1, settings.pace / kSlicesPerSecond) : total;
-    const std::int64_t begin = wireFreeAt;
+    const std::size_t slice = isWindows11()   ? kServicePiece
+                              : settings.pace ? std::max<DWORD>(1, settings.pace / kSlicesPerSecond)
+                                              : total;
     for (std::size_t at = 0; at < total; at += slice) {
         const std::size_t length = std::min(slice, total - at);
-        if (settings.pace) {
-            wireFreeAt = begin + static_cast<std::int64_t>(at + length) * 1000000 / settings.pace;
-            if (!waitForWire(held, item.number, wireFreeAt)) {
-                wireFreeAt = settings.clock();
-                return;
-            }
-        }
-        pieces.clear();
-        stream.bytes(item.bytes.data() + at, length, collect);
-        carry(held, pieces, item.number, keepLock);
+        if (!awaitWire(held, item, length) || (isWindows11() && !awaitService(held)))
+            return false;
+        std::vector<MIDIPiece> pieces;
+        stream.bytes(item.bytes.data() + at, length,
+                     [&](const MIDIPiece& piece) { pieces.push_back(piece); });
+        carry(held, pieces);
     }
+    return true;
 }
 
-// Hands the pieces over; short messages in a row go on together.
-void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::uint64_t number,
-                       bool keepLock)
+// Until so many more bytes are through at the wire's pace. False if the item has been taken away
+// before; the wire is free then.
+bool OutputPort::awaitWire(Lock& held, const Item& item, std::size_t length)
 {
-    const Pause pause = [&](DWORD milliseconds) {
-        Lock again(lock);
-        return waitForWire(again, number, settings.clock() + std::int64_t(milliseconds) * 1000);
-    };
-    const bool flushes = !keepLock && (items.size() < 2 || items[0].header || items[1].header);
-    if (!keepLock)
-        held.unlock();
-    std::size_t noise = 0;
-    for (const MIDIPiece& piece : pieces) {
-        if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged())
-            noise += piece.length;
-        else
-            wire->take(piece, pause);
-    }
-    if (flushes)
-        wire->flush();
-    if (!keepLock)
-        held.lock();
-    tally.dropped.bytes += noise;
-}
-
-// False if the item has been taken away before.
-bool OutputPort::waitForWire(Lock& held, std::uint64_t number, std::int64_t due)
-{
-    while (number == kUnnumbered || find(number) != items.end()) {
+    if (settings.pace == 0)
+        return true;
+    wireFreeAt = std::max(wireFreeAt, item.queuedAt) +
+                 static_cast<std::int64_t>(length) * 1000000 / settings.pace;
+    while (!item.isTakenAway()) {
         const std::int64_t now = settings.clock();
-        if (now >= due)
+        if (now >= wireFreeAt)
             return true;
-        cancelled.wait(held, static_cast<DWORD>((due - now + 999) / 1000));
+        changed.wait_for(held, std::chrono::milliseconds((wireFreeAt - now + 999) / 1000));
     }
+    wireFreeAt = settings.clock();
     return false;
 }
 
-std::deque<OutputPort::Item>::iterator OutputPort::find(std::uint64_t number)
+void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces)
 {
-    return std::find_if(items.begin(), items.end(),
-                        [&](const Item& item) { return item.number == number; });
-}
-
-void OutputPort::stopPlaying()
-{
-    wire->cancel();
-    cancelled.notifyAll();
+    held.unlock();
+    wire->connect();
+    Loss now;
+    for (const MIDIPiece& piece : pieces) {
+        if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged() || !wire->take(piece))
+            now.count(piece);
+    }
+    wire->disconnect();
+    held.lock();
+    lost.shortMessages += now.shortMessages;
+    lost.bytes += now.bytes;
 }
 
 // ---- The end ------------------------------------------------------------------------------------
 
-DWORD OutputPort::queuedHeaders() const
+std::size_t OutputPort::queuedHeaders() const
 {
-    return static_cast<DWORD>(
+    return static_cast<std::size_t>(
         std::count_if(items.begin(), items.end(), [](const Item& item) { return item.header; }));
 }
 
-// What waits are short messages at most, and they still go out.
-void OutputPort::endWork() {}
-
 void OutputPort::discardWork()
 {
-    for (const Item& item : items)
-        tally.dropped.shortMessages += item.header ? 0u : 1u;
-    items.clear();
-    stopPlaying();
+    for (Item& item : items) {
+        lost.shortMessages += item.isShort() ? 1u : 0u;
+        item.header = nullptr;
+    }
+    items.remove_if([](const Item& item) { return !item.plays; });
+    wire->cancel();
+    changed.notify_all();
 }
 
 } // namespace device

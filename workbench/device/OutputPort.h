@@ -4,6 +4,8 @@
 
 #include "workbench/device/InputPort.h"
 
+#include <list>
+
 namespace device {
 
 // What an output's messages go into; each host has its own. Calls of connect() to disconnect() come
@@ -19,12 +21,10 @@ public:
 
     // Looks who is at the far end. True if that takes everything at once.
     virtual bool connect() { return true; }
-    virtual void take(const MIDIPiece& piece, const Pause& pause) = 0;
-    // Adds to `tally` what has been delivered and dropped since the last time.
-    virtual void disconnect(Counters&) {}
-    // What was taken must not wait any longer. Returns when it is delivered or lost.
-    virtual void flush() {}
-    // Ends a flush that is under way, and further ones until the next connect(). From any thread.
+    // Returns when the piece is delivered; false if it is lost.
+    virtual bool take(const MIDIPiece& piece) = 0;
+    virtual void disconnect() {}
+    // Ends a take() that is under way, and further ones until the next connect(). From any thread.
     virtual void cancel() {}
 };
 
@@ -44,22 +44,26 @@ public:
     // Windows 11 kind then run into their time-out.
     void stall(bool on);
 
+    // To Thread only before the opening.
     void setCompletion(Completion to) { completion.store(to, std::memory_order_relaxed); }
     // Plays the oldest message that waits. Returns its header, null if there is none or a reset
     // finishes it meanwhile.
     MIDIHDR* completeNext();
 
 private:
-    // Something that waits for its turn on the wire, or plays.
+    // Something that waits for its turn on the wire, or plays. A long message without a header has
+    // been taken away by a reset.
     struct Item
     {
-        std::uint64_t number;
-        MIDIHDR* header; // null for a short message
+        Item(MIDIHDR* itsHeader, DWORD itsWord, std::int64_t itsTime);
+        bool isShort() const { return bytes.empty(); }
+        bool isTakenAway() const { return !isShort() && !header; }
+
+        MIDIHDR* header;
         DWORD word;
-        std::vector<unsigned char>
-            bytes; // a copy: the header may be the client's before all is sent
+        std::vector<unsigned char> bytes; // a copy: the header goes back before all is sent
         std::int64_t queuedAt;
-        bool plays = false;
+        bool plays = false; // whoever plays it removes it
     };
 
     // Of the Windows 11 kind: sends are over when they return.
@@ -68,33 +72,26 @@ private:
     bool awaitService(Lock& held);
 
     DWORD work(Lock& held) override;
-    DWORD queuedHeaders() const override;
-    void endWork() override;
+    std::size_t queuedHeaders() const override;
     void discardWork() override;
 
     // With the lock held.
     bool passesAtOnce();
     void queue(Lock& held, MIDIHDR* header, DWORD word);
-    MIDIHDR* play(Lock& held, std::uint64_t number, bool keepLock);
-    void transmit(Lock& held, const Item& item, bool keepLock);
-    void carry(Lock& held, const std::vector<MIDIPiece>& pieces, std::uint64_t number,
-               bool keepLock);
-    bool waitForWire(Lock& held, std::uint64_t number, std::int64_t due);
-    std::deque<Item>::iterator find(std::uint64_t number);
-    void stopPlaying();
+    MIDIHDR* play(Lock& held, std::list<Item>::iterator item);
+    void transmitShort(Lock& held, const Item& item);
+    bool transmitLong(Lock& held, const Item& item);
+    bool awaitWire(Lock& held, const Item& item, std::size_t length);
+    void carry(Lock& held, const std::vector<MIDIPiece>& pieces);
 
     const std::unique_ptr<Wire> wire;
     std::atomic<Completion> completion;
-    std::deque<Item> items;
-    std::uint64_t lastNumber = 0;
-    bool sending = false; // the thread has the wire
-    Condition cancelled;  // an item that plays has been taken away
+    std::list<Item> items;
     MIDIByteStream stream;
     std::int64_t wireFreeAt = 0;
 
     bool stalled = false;
     bool timedOut = false; // and the service has not moved since
-    Condition serviceMoves;
 };
 
 } // namespace device

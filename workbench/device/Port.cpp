@@ -1,6 +1,6 @@
 #include "workbench/device/Port.h"
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
@@ -10,36 +10,25 @@ namespace device {
 
 // ---- Callbacks in progress ----------------------------------------------------------------------
 
-namespace {
-
-// The innermost callback that the calling thread is inside of.
-void*& innermost()
-{
-    thread_local void* callback = nullptr;
-    return callback;
-}
-
-} // namespace
+thread_local const Port::InProgress* Port::InProgress::innermost = nullptr;
 
 Port::InProgress::InProgress(Port& port, std::memory_order order)
-    : count(port.callbacks), outer(static_cast<InProgress*>(innermost())),
-      ofArrival(order != kUnordered)
+    : count(port.callbacks), outer(innermost), ofArrival(order != kUnordered)
 {
     count.fetch_add(1, order);
-    innermost() = this;
+    innermost = this;
 }
 
 Port::InProgress::~InProgress()
 {
-    innermost() = outer;
+    innermost = outer;
     count.fetch_sub(1, std::memory_order_release);
 }
 
-bool Port::waitForOthers(std::chrono::milliseconds limit)
+void Port::waitForOthers(std::chrono::milliseconds limit)
 {
-    const auto end = std::chrono::steady_clock::now() + limit;
     int own = 0;
-    for (const auto* c = static_cast<InProgress*>(innermost()); c; c = c->outer) {
+    for (const InProgress* c = InProgress::innermost; c; c = c->outer) {
         if (&c->count != &callbacks)
             continue;
         ++own;
@@ -48,22 +37,23 @@ bool Port::waitForOthers(std::chrono::milliseconds limit)
             std::abort();
         }
     }
+    const auto end = std::chrono::steady_clock::now() + limit;
     for (int round = 0; callbacks.load() > own; ++round) {
         if (round < 100)
             std::this_thread::yield();
         else if (std::chrono::steady_clock::now() > end)
-            return false;
+            return;
         else
             std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
-    return true;
 }
 
 // ---- Windows 11's driver ------------------------------------------------------------------------
 
 namespace {
 
-using DriverLock = std::unique_lock<std::recursive_mutex>;
+// That a close waits for the worker.
+constexpr std::chrono::seconds kCloseLimit{10};
 
 // Of all ports of the process.
 std::recursive_mutex& tableLock()
@@ -106,126 +96,135 @@ void Port::unload()
     {
         Lock held(lock);
         touchKept(held);
-        discardWork();
-        open.store(false);
-        closing = true;
-        silent = true;
-        wakeThread();
     }
-    released();
-    announce(messages.close);
+    abandon();
+    announce(closed);
 }
 
-// WinMM looks at the flags before it asks the driver; the driver leaves the rest to WinMM.
+// ---- Headers ------------------------------------------------------------------------------------
+
+namespace {
+
+// All that a client of any age must have; what follows is the driver's own.
+bool isWhole(const MIDIHDR* header, DWORD_PTR size)
+{
+    return header && size >= offsetof(MIDIHDR, dwOffset);
+}
+
+bool hasData(const MIDIHDR& header)
+{
+    return header.lpData && header.dwBufferLength > 0;
+}
+
+} // namespace
+
+// Once prepared it stays so, whatever else the flags say.
 MMRESULT Port::prepare(MIDIHDR* header, DWORD_PTR size)
 {
-    const MMRESULT refusal = lookUp();
-    return refusal == MMSYSERR_NOERROR ? prepareHeader(header, size) : refusal;
+    if (const MMRESULT refusal = lookUp())
+        return refusal;
+    if (!isWhole(header, size) || !hasData(*header))
+        return MMSYSERR_INVALPARAM;
+    const DWORD flags = flagsOf(*header);
+    if ((flags & MHDR_PREPARED) == 0)
+        setFlags(*header, (flags & ~DWORD(MHDR_DONE | MHDR_INQUEUE)) | MHDR_PREPARED);
+    return MMSYSERR_NOERROR;
 }
 
+// WinMM looks at the flags before it asks the driver.
 MMRESULT Port::unprepare(MIDIHDR* header, DWORD_PTR size)
 {
-    const bool asksDriver =
-        header && (flagsOf(*header) & (MHDR_PREPARED | MHDR_INQUEUE)) == MHDR_PREPARED;
-    const MMRESULT refusal = asksDriver ? lookUp() : MMRESULT(MMSYSERR_NOERROR);
-    return refusal == MMSYSERR_NOERROR ? unprepareHeader(header, size) : refusal;
+    if (!isWhole(header, size))
+        return MMSYSERR_INVALPARAM;
+    const DWORD flags = flagsOf(*header);
+    if ((flags & MHDR_PREPARED) == 0)
+        return MMSYSERR_NOERROR;
+    if (flags & MHDR_INQUEUE)
+        return MIDIERR_STILLPLAYING;
+    if (const MMRESULT refusal = lookUp())
+        return refusal;
+    setFlags(*header, flags & ~DWORD(MHDR_PREPARED));
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT Port::check(const MIDIHDR* header, DWORD_PTR size)
+{
+    if (!isWhole(header, size))
+        return MMSYSERR_INVALPARAM;
+    const DWORD flags = flagsOf(*header);
+    if ((flags & MHDR_PREPARED) == 0)
+        return MIDIERR_UNPREPARED;
+    if (flags & MHDR_INQUEUE)
+        return MIDIERR_STILLPLAYING;
+    return hasData(*header) ? MMRESULT(MMSYSERR_NOERROR) : MMRESULT(MMSYSERR_INVALPARAM);
+}
+
+void Port::markQueued(MIDIHDR& header)
+{
+    setFlags(header, (flagsOf(header) & ~DWORD(MHDR_DONE)) | MHDR_INQUEUE);
 }
 
 // ---- Opening and closing ------------------------------------------------------------------------
 
-Port::Port(const Settings& itsSettings, Messages itsMessages, Callback itsCallback)
-    : settings(itsSettings), messages(itsMessages), callback(std::move(itsCallback)),
-      driverKind(itsSettings.kind)
+Port::Port(const Settings& itsSettings, UINT itsOpened, UINT itsClosed, bool isThreaded,
+           Callback itsCallback)
+    : settings(itsSettings), opened(itsOpened), closed(itsClosed), threaded(isThreaded),
+      callback(std::move(itsCallback))
 {}
-
-Port::~Port() = default;
-
-void Port::endThread()
-{
-    if (!thread.joinable())
-        return;
-    if (onOwnThread()) {
-        thread.detach();
-        return;
-    }
-    {
-        const Lock held(lock);
-        closing = true;
-        silent = true;
-        wakeThread();
-    }
-    thread.join();
-}
 
 bool Port::begin(std::shared_ptr<void> owner)
 {
-    DriverLock table(tableLock(), std::defer_lock);
-    if (isWindows11())
-        table.lock();
-    if (!settings.ownThread) {
-        announce(messages.open);
-        return !settings.worker || startThread(std::move(owner));
+    const DriverLock table = isWindows11() ? DriverLock(tableLock()) : DriverLock();
+    if (threaded) {
+        try {
+            thread = std::thread([this, keeps = std::move(owner)] { run(); });
+        } catch (const std::system_error&) {
+            return false;
+        }
     }
-    Lock held(lock);
-    tell(held, {messages.open, 0, 0});
-    return startThread(std::move(owner));
+    announce(opened);
+    return true;
 }
 
-bool Port::startThread(std::shared_ptr<void> owner)
+void Port::endThread()
 {
-    try {
-        thread = std::thread([this, keeps = std::move(owner)] { run(); });
-    } catch (const std::system_error&) {
-        return false;
+    if (onOwnThread()) {
+        thread.detach();
+    } else if (thread.joinable()) {
+        {
+            const Lock held(lock);
+            open.store(false);
+            changed.notify_all();
+        }
+        thread.join();
     }
-    return true;
 }
 
 MMRESULT Port::close()
 {
-    DriverLock table(tableLock(), std::defer_lock);
-    if (isWindows11()) {
-        table.lock();
-        lookUp(true);
-    }
+    const DriverLock table = isWindows11() ? DriverLock(tableLock()) : DriverLock();
+    lookUp(true);
     Lock held(lock);
     if (!open.load())
         return MMSYSERR_INVALHANDLE;
-    if (queuedHeaders() + headersInNotices() > 0) {
-        refused = true;
+    if (queuedHeaders() > 0)
         return MIDIERR_STILLPLAYING;
-    }
     endWork();
     open.store(false);
-    const bool waits = kind() != DriverKind::WaitsInNeither;
-    const bool threadTells = settings.ownThread && waits;
-    silent = !threadTells;
-    if (settings.ownThread && !waits) {
-        discardWork();
-        callAll(held, notices);
-    }
-    closing = true;
-    wakeThread();
+    changed.notify_all();
+    const bool waits = settings.kind != DriverKind::WaitsInNeither;
+    if (!waits || onOwnThread())
+        callAll(held, std::exchange(notices, {}));
     held.unlock();
 
     released();
-    if (isWindows11()) {
-        waitForOthers(std::chrono::milliseconds(settings.windows11.closeLimit));
-        table.unlock();
-    } else if (waits && !threadTells) {
-        waitForOthers();
+    if (waits) {
+        waitForOthers(isWindows11() ? kCloseLimit : kNoLimit);
+        if (thread.joinable() && !onOwnThread())
+            thread.join();
     }
-    if (waits && thread.joinable() && !onOwnThread())
-        thread.join();
-    if (!threadTells)
-        announce(messages.close);
+    announce(closed);
     return MMSYSERR_NOERROR;
-}
-
-bool Port::wasRefused()
-{
-    const Lock held(lock);
-    return refused;
 }
 
 void Port::abandon()
@@ -234,23 +233,17 @@ void Port::abandon()
         const Lock held(lock);
         endWork();
         discardWork();
-        open.store(false);
-        closing = true;
-        silent = true;
-        finished += notices.size();
         notices.clear();
-        wakeThread();
+        open.store(false);
+        changed.notify_all();
     }
     released();
 }
 
-Counters Port::counters()
+Loss Port::loss()
 {
     const Lock held(lock);
-    Counters result = tally;
-    result.delivered.shortMessages += shortsCalled.load(std::memory_order_relaxed);
-    result.queuedBuffers = queuedHeaders() + headersInNotices();
-    return result;
+    return lost;
 }
 
 std::size_t Port::queued()
@@ -261,17 +254,17 @@ std::size_t Port::queued()
 
 // ---- Callbacks ----------------------------------------------------------------------------------
 
-void Port::call(UINT message, DWORD_PTR parameter1, DWORD parameter2) const
+void Port::call(const Notice& notice) const
 {
     if (callback)
-        callback(message, parameter1, parameter2);
+        callback(notice.message, notice.parameter1, notice.parameter2);
 }
 
 // Inside a call of the client.
 void Port::announce(UINT message)
 {
     const InProgress inProgress(*this, InProgress::kUnordered);
-    call(message, 0, 0);
+    call({message, 0, 0});
 }
 
 bool Port::raw(UINT message, DWORD parameter1, DWORD parameter2)
@@ -279,138 +272,85 @@ bool Port::raw(UINT message, DWORD parameter1, DWORD parameter2)
     const InProgress inProgress(*this);
     if (!open.load())
         return false;
-    call(message, parameter1, parameter2);
+    call({message, parameter1, parameter2});
     return true;
 }
 
-Port::Notice Port::noticeOf(UINT message, MIDIHDR* header, DWORD bytes, DWORD parameter2)
+Port::Notice Port::giveBack(UINT message, MIDIHDR* header, DWORD timeStamp)
 {
-    return {message, reinterpret_cast<DWORD_PTR>(header), parameter2, header, bytes};
+    setFlags(*header, (flagsOf(*header) & ~DWORD(MHDR_INQUEUE)) | MHDR_DONE);
+    return {message, reinterpret_cast<DWORD_PTR>(header), timeStamp};
 }
 
-void Port::tell(Lock& held, Notice notice)
+void Port::tell(Lock& held, const Notice& notice)
 {
     if (settings.ownThread) {
         notices.push_back(notice);
-        ++posted;
-        wakeThread();
-        return;
+        changed.notify_all();
+    } else {
+        callAll(held, {notice});
     }
-    callBack(held, notice);
 }
 
-void Port::conclude(Lock& held, Notices due, bool isReset)
+// Where the port's own thread calls back, tellReset() waits for that.
+void Port::waitInReset(Lock& held)
+{
+    if (settings.ownThread || settings.kind != DriverKind::WaitsInReset)
+        return;
+    held.unlock();
+    waitForOthers();
+    held.lock();
+}
+
+void Port::tellReset(Lock& held, const Notices& due)
 {
     if (!settings.ownThread) {
         callAll(held, due);
         return;
     }
-    posted += due.size();
     notices.insert(notices.end(), due.begin(), due.end());
-    wakeThread();
-    if (!isReset)
-        return;
-    if (kind() == DriverKind::WaitsInNeither) {
-        callAll(held, notices);
-        return;
+    changed.notify_all();
+    if (settings.kind == DriverKind::WaitsInNeither) // its thread may be deep in a callback
+        callAll(held, std::exchange(notices, {}));
+    else if (settings.kind == DriverKind::WaitsInReset && !onOwnThread())
+        changed.wait_for(held, kNoLimit, [&] { return notices.empty() && !calling; });
+}
+
+// Inside the call that brings them about, or by whoever lets data arrive.
+void Port::callAll(Lock& held, const Notices& due)
+{
+    held.unlock();
+    {
+        const InProgress inProgress(*this, InProgress::kUnordered);
+        for (const Notice& notice : due)
+            call(notice);
     }
-    for (Notice& notice : notices)
-        giveBack(notice);
-    if (kind() == DriverKind::WaitsInClose || onOwnThread())
-        return;
-    const std::uint64_t target = posted;
-    while (finished < target)
-        idle.wait(held);
-}
-
-std::size_t Port::dropNotices(UINT message)
-{
-    const auto kept = std::remove_if(notices.begin(), notices.end(), [&](const Notice& notice) {
-        return notice.message == message;
-    });
-    const auto dropped = static_cast<std::size_t>(notices.end() - kept);
-    notices.erase(kept, notices.end());
-    finished += dropped;
-    return dropped;
-}
-
-DWORD Port::headersInNotices() const
-{
-    return static_cast<DWORD>(
-        std::count_if(notices.begin(), notices.end(),
-                      [](const Notice& notice) { return notice.header && !notice.given; }));
+    held.lock();
 }
 
 void Port::run()
 {
     Lock held(lock);
-    threadId.store(std::this_thread::get_id());
     for (;;) {
         if (!notices.empty()) {
-            const Notice first = notices.front();
+            const Notice next = notices.front();
             notices.pop_front();
-            callBack(held, first);
-            ++finished;
-            idle.notifyAll();
+            calling = true;
+            held.unlock();
+            call(next);
+            held.lock();
+            calling = false;
+            if (notices.empty())
+                changed.notify_all();
             continue;
         }
         const DWORD pause = work(held);
         if (pause == 0)
             continue;
-        if (closing)
+        if (!open.load())
             break;
-        wake.wait(held, pause);
+        changed.wait_for(held, std::chrono::milliseconds(pause));
     }
-    const bool tells = !silent;
-    held.unlock();
-    if (tells)
-        call(messages.close, 0, 0);
-}
-
-void Port::callBack(Lock& held, Notice notice)
-{
-    giveBack(notice);
-    held.unlock();
-    {
-        const InProgress inProgress(*this);
-        call(notice.message, notice.parameter1, notice.parameter2);
-    }
-    held.lock();
-}
-
-// On the thread of the call that brings them about; of a driver that waits for nothing, also what
-// its thread, perhaps deep in a callback, has not come to yet.
-void Port::callAll(Lock& held, Notices& source)
-{
-    Notices due;
-    due.swap(source);
-    for (Notice& notice : due)
-        giveBack(notice);
-    held.unlock();
-    {
-        const InProgress inProgress(*this, InProgress::kUnordered);
-        for (const Notice& notice : due)
-            call(notice.message, notice.parameter1, notice.parameter2);
-    }
-    held.lock();
-    finished += due.size();
-    idle.notifyAll();
-}
-
-// Counts the notice; its header, if it brings one back, becomes the client's.
-void Port::giveBack(Notice& notice)
-{
-    if (notice.given)
-        return;
-    notice.given = true;
-    if (notice.message == MIM_DATA)
-        ++tally.delivered.shortMessages;
-    if (!notice.header)
-        return;
-    if (messages.open == MIM_OPEN)
-        notice.header->dwBytesRecorded = notice.bytes;
-    markDone(*notice.header);
-    tally.delivered.bytes += notice.bytes;
 }
 
 } // namespace device

@@ -1,13 +1,24 @@
 // What a driver's port is like.
 #pragma once
 
-#include "workbench/device/Threads.h"
-
+#include <chrono>
+#include <cstdint>
 #include <vector>
+
+#include <windows.h>
 
 #include <mmsystem.h>
 
 namespace device {
+
+// Microseconds since an arbitrary moment.
+using Clock = std::int64_t (*)();
+
+inline std::int64_t steadyMicroseconds()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
 
 // Which call of a client waits for a callback in progress on another thread. Waiting for it in
 // neither, as some drivers do, lets a callback outlive the close. Windows 11's own driver waits in
@@ -29,9 +40,6 @@ struct Windows11
     DWORD bufferWithin = 10;
     // Milliseconds for each piece of a long message to be taken, before the send fails.
     DWORD sendPiece = 4000;
-
-    // Milliseconds that a close waits for the worker.
-    DWORD closeLimit = 10000;
 
     // The driver's own switches. A removal is noticed, and from then on every call but the close
     // answers MMSYSERR_NODRIVER; else nothing tells, and sends run into their time-out.
@@ -64,23 +72,18 @@ struct Generator
 struct Settings
 {
     DriverKind kind = DriverKind::WaitsInReset;
-    // True: a thread of the port's own calls the client back. False: whoever lets data arrive, or
-    // makes the call that returns a header, does.
+    // True: a thread of the port's own calls the client back, save that it has been opened or
+    // closed; an output needs Completion::Thread, too. False: whoever lets data arrive, or makes
+    // the call that returns a header, does. Not of the Windows 11 kind.
     bool ownThread = false;
-    // Inputs of the Windows 11 kind only: a thread of the port's own is the worker. Else whoever
-    // lets data arrive is.
-    bool worker = false;
     Windows11 windows11;
     Clock clock = steadyMicroseconds;
 
     // What the client is answered.
     MMRESULT capsResult = MMSYSERR_NOERROR;
     MMRESULT openResult = MMSYSERR_NOERROR;
-    MMRESULT startResult = MMSYSERR_NOERROR;
 
     // Inputs
-    DWORD split = 0; // bytes after which a buffer goes back although there is room; 0: when full
-    DWORD hold = 0;  // milliseconds that SysEx bytes wait for a buffer before they are dropped
     std::vector<Generator> generators; // need a thread of the port's own
     DWORD repeat = 1;                  // rounds of all generators; 0: for ever
 

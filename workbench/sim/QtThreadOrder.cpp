@@ -8,16 +8,13 @@
 
 #include <QMutex>
 #include <QThread>
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <pthread.h>
 #include <sanitizer/tsan_interface.h>
-#include <sched.h>
 
 namespace {
 
@@ -36,9 +33,7 @@ constexpr unsigned kMutexFlags = __tsan_mutex_linker_init | __tsan_mutex_write_r
 
 // ---- The end of a QThread -----------------------------------------------------------------------
 // QThread::wait returns while the thread is still on its way out, ordered by a mutex inside Qt that
-// nobody sees. Here it waits on until the thread has left Qt altogether, which is seen.
-
-using Ended = std::atomic<bool>;
+// nobody sees. Here it also joins the thread, which is seen.
 
 std::mutex& threadsLock() // guards threads()
 {
@@ -46,25 +41,10 @@ std::mutex& threadsLock() // guards threads()
     return lock;
 }
 
-std::map<const void*, std::shared_ptr<Ended>>& threads() // by QThread
+std::map<const void*, pthread_t>& threads() // not waited for yet, by QThread
 {
-    static std::map<const void*, std::shared_ptr<Ended>> map;
+    static std::map<const void*, pthread_t> map;
     return map;
-}
-
-struct Start
-{
-    void* (*routine)(void*);
-    void* argument;
-    std::shared_ptr<Ended> ended;
-};
-
-extern "C" void* runAndTell(void* argument)
-{
-    const std::unique_ptr<Start> start(static_cast<Start*>(argument));
-    void* const result = start->routine(start->argument);
-    start->ended->store(true);
-    return result;
 }
 
 bool isInQt(void* (*routine)(void*))
@@ -74,59 +54,38 @@ bool isInQt(void* (*routine)(void*))
            std::strstr(info.dli_fname, "Qt5Core");
 }
 
-bool waitOn(const QThread* thread, bool finished)
-{
-    if (!finished)
-        return false;
-    std::shared_ptr<Ended> ended;
-    {
-        const std::lock_guard<std::mutex> guard(threadsLock());
-        const auto found = threads().find(thread);
-        if (found == threads().end())
-            return true; // waited for before, or never started
-        ended = found->second;
-        threads().erase(found);
-    }
-    while (!ended->load())
-        sched_yield();
-    return true;
-}
-
 } // namespace
 
 extern "C" int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*),
                                             void*);
 
-// Qt hands its QThread to the routine that it starts.
+// Qt hands its QThread to the routine that it starts, detached.
 extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
                               void* (*routine)(void*), void* argument)
 {
     if (!isInQt(routine))
         return __interceptor_pthread_create(id, attributes, routine, argument);
-    auto ended = std::make_shared<Ended>(false);
-    auto start = std::make_unique<Start>(Start{routine, argument, ended});
-    {
-        const std::lock_guard<std::mutex> guard(threadsLock());
-        threads()[argument] = std::move(ended);
-    }
-    const int result = __interceptor_pthread_create(id, attributes, runAndTell, start.get());
+    pthread_attr_setdetachstate(const_cast<pthread_attr_t*>(attributes), PTHREAD_CREATE_JOINABLE);
+    const std::lock_guard<std::mutex> guard(threadsLock());
+    const int result = __interceptor_pthread_create(id, attributes, routine, argument);
     if (result == 0)
-        start.release();
+        threads()[argument] = *id;
     return result;
 }
 
+// The one that the library calls, of two.
 bool QThread::wait(unsigned long time)
 {
     using Wait = bool (*)(QThread*, unsigned long);
-    static const Wait wait = qtFunction<Wait>("_ZN7QThread4waitEm");
-    return waitOn(this, wait(this, time));
-}
-
-bool QThread::wait(QDeadlineTimer deadline)
-{
-    using Wait = bool (*)(QThread*, QDeadlineTimer);
-    static const Wait wait = qtFunction<Wait>("_ZN7QThread4waitE14QDeadlineTimer");
-    return waitOn(this, wait(this, deadline));
+    static const Wait qtWait = qtFunction<Wait>("_ZN7QThread4waitEm");
+    if (!qtWait(this, time))
+        return false;
+    std::unique_lock<std::mutex> guard(threadsLock());
+    const auto ended = threads().extract(this);
+    guard.unlock();
+    if (ended) // else it was never started
+        pthread_join(ended.mapped(), nullptr);
+    return true;
 }
 
 void QMutex::lock() noexcept

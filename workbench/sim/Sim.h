@@ -17,13 +17,13 @@
 
 #include "workbench/device/Settings.h"
 
+#include <atomic>
 #include <climits>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace sim {
@@ -31,8 +31,8 @@ namespace sim {
 // ---- The whole ----------------------------------------------------------------------------------
 
 // Back to the fresh state: no devices, no handles, no failures or hooks, counters at zero, log on
-// and empty, real time, heap low. Stops every driver thread. What was still in use is released by
-// force, except task memory. No other thread may be inside the simulation.
+// and empty, real time, heap low. What was still in use is released by force, except task memory.
+// No other thread may be inside the simulation.
 void reset();
 
 // What the product holds at this moment.
@@ -73,12 +73,10 @@ struct Call
 {
     const char* function = nullptr;
     std::uint64_t handle = 0;        // first handle of the call, or the address freed
-    std::uint64_t header = 0;        // address of the MIDIHDR, 0 if the call has none
-    int headerIndex = 0;             // in its memory block of 112-byte headers, or -1; no hook's
+    MIDIHDR* header = nullptr;       // may be gone when the log is read
     std::uint64_t arguments[2] = {}; // further arguments in the order of the call
     DWORD headerFlags = 0;           // dwFlags as the call began
     DWORD headerLength = 0;          // dwBufferLength as the call began
-    std::uint64_t thread = 0;        // as currentThread() gives it
     bool returned = false;           // false while the call is still blocked
     std::uint64_t result = 0;        // what it returned
 };
@@ -88,11 +86,8 @@ std::vector<Call> calls(std::string_view function = {});
 // Only the names, in order: handy for comparing sequences.
 std::vector<std::string> callNames();
 void clearCalls();
-// For stress runs. The log holds 1,048,576 calls and ends the process when it is full.
+// For stress runs. The log holds 131,072 calls and ends the process when it is full.
 void logCalls(bool on);
-
-// A small number that names the calling thread in the log.
-std::uint64_t currentThread();
 
 // Runs `hook` on the calling thread before each call of the function does its work: the place to
 // let something happen in the middle of a sequence. Hooks see the calls that they make themselves
@@ -102,27 +97,21 @@ void clearHooks();
 
 // ---- Time ---------------------------------------------------------------------------------------
 
-// From here on timeGetTime is a counter that only Sleep and setTime() move; Sleep returns at once
-// (and yields). Waits with a time-out still take real time.
+// From here on timeGetTime is a counter that begins at `now` and that only Sleep moves; Sleep
+// returns at once (and yields). Waits with a time-out still take real time.
 void useVirtualTime(DWORD now = 1000);
-void setTime(DWORD now);
 // Virtual time only: Sleep returns this much too late, or, when negative, too early. A Sleep of at
 // least 1 ms always takes at least 1 ms.
 void setSleepError(int milliseconds);
-// Runs `hook`, in place of an earlier one, at every Sleep, Sleep(0) included, before the time
-// passes. It goes with all hooks.
-void onSleep(std::function<void(DWORD milliseconds)> hook);
 
 // ---- Memory -------------------------------------------------------------------------------------
-// A heap block ends where an inaccessible page begins (or up to 15 bytes before it), so that an
-// overrun stops the program; the bytes around it are poisoned for AddressSanitizer. Blocks not
-// asked to be zeroed are filled with kMemoryFill. Freed blocks stay inaccessible for a while.
+// AddressSanitizer stops the program at an access beside a heap block. Freed ones stay inaccessible
+// for a while. Memory not asked to be zeroed is filled with kMemoryFill.
 constexpr unsigned char kMemoryFill = 0xA5;
 
-// The heap gives addresses below 4 GB (the default, false) or above them.
-void setHeapHigh(bool high);
-// VirtualQuery shows the whole range below 4 GB as taken, and VirtualAlloc refuses it.
-void setLowRangeOccupied(bool occupied);
+// The heap gives addresses below 4 GB (the default, false) or above them. With `nothingLow`
+// VirtualQuery shows the whole range below as taken.
+void setHeapHigh(bool high, bool nothingLow = false);
 
 // ---- Events -------------------------------------------------------------------------------------
 
@@ -133,30 +122,22 @@ bool isSignalled(HANDLE event);
 
 // ---- Devices ------------------------------------------------------------------------------------
 
-// Of the model of a driver's port. Windows 11's own driver lets a device have any number of
-// clients; outputs of it finish every send before it returns, whatever their completion is.
+// What a device is like, as the model of a driver's port knows it; the clock is the simulation's to
+// set, and the script lets messages arrive on its own thread. Windows 11's own driver lets a device
+// have several clients; what concerns one port is then done to the first.
 using device::Completion;
 using device::DriverKind;
 using device::Windows11;
+using DeviceOptions = device::Settings;
 
-struct DeviceOptions
-{
-    MMRESULT capsResult = MMSYSERR_NOERROR; // what the capability query answers
-    DriverKind kind = DriverKind::WaitsInReset;
-    Windows11 windows11;                        // the switches and times of that kind
-    Completion completion = Completion::Inline; // outputs only
-    bool fillsCaps = true;                      // false: reports success and writes nothing
-    bool keepSent = true;                       // outputs only: record for sent()
-};
-
-// Add a device and return its index (WinMM's device identifier). The name is cut to 32 characters,
-// of which the last then stands where the terminating zero should be.
+// Add a device and return its index (WinMM's device identifier), while no other thread is inside
+// the simulation. The name is cut to 32 characters, of which the last then stands where the
+// terminating zero should be.
 int addInput(const std::u16string& name, const DeviceOptions& options = {});
 int addOutput(const std::u16string& name, const DeviceOptions& options = {});
-// Take all devices away, as between two runs. No port may be open.
-void removeDevices();
 
-void setDriverKind(DriverKind kind); // of all devices present
+// Of all devices present, for the ports that are opened from here on.
+void setDriverKind(DriverKind kind);
 
 // Pulls the device out, with its ports open or not: nothing arrives, nothing is sent, and it cannot
 // be opened (MMSYSERR_NODRIVER); it keeps its place among the devices. A port that the Windows 11
@@ -165,12 +146,10 @@ void setDriverKind(DriverKind kind); // of all devices present
 // go on working, for what was on its way.
 void unplugInput(int input);
 void unplugOutput(int output);
-// The device is back and can be opened anew. Ports that lost it stay lost.
-void plugInInput(int input);
-void plugInOutput(int output);
+// All devices are back and can be opened anew. Ports that lost theirs stay lost.
+void plugIn();
 // Windows 11's driver is unloaded: touches what lost ports kept, and calls back, on this thread.
 void unloadDriver();
-void setCompletion(int output, Completion completion);
 
 // ---- Input ------------------------------------------------------------------------------------
 // All of these act as the driver: they call the callback on the calling thread and return when it
@@ -192,32 +171,32 @@ bool raw(int input, UINT message, DWORD parameter1, DWORD parameter2);
 bool isStarted(int input);
 std::size_t queuedBuffers(int input);
 
-struct FloodOptions
-{
-    unsigned sysExEvery = 0;          // every n-th message is a SysEx message; 0: none, 1: all
-    std::size_t sysExLength = 5000;   // with F0 and F7; at least 8
-    unsigned pauseEvery = 0;          // a millisecond's pause after so many messages; 0: never
-    std::uint64_t limit = UINT64_MAX; // messages, after which the thread stops by itself
-};
-
 struct FloodReport
 {
     std::uint64_t shortMessages = 0; // taken by the port
     std::uint64_t sysExMessages = 0; // taken whole
-    std::uint64_t refused = 0;       // port closed or stopped, or too few buffers for the SysEx
 };
 
 // A driver thread that injects without end. Messages are numbered from 0 as they are attempted;
-// number n is floodShort(n) or floodSysEx(n, length). A SysEx message is only begun when the
-// buffers queued hold it whole, but a reset may still cut it short; such a one is counted as
-// refused.
-void startFlood(int input, const FloodOptions& options = {});
-FloodReport stopFlood(int input);    // waits for the thread
-FloodReport waitForFlood(int input); // waits until the limit is reached
+// every `sysExEvery`-th is floodSysEx(n, sysExLength), the others are device::floodWord(n). A SysEx
+// message is only begun when the buffers queued hold it whole, but a reset may still cut it short.
+class Flood
+{
+public:
+    Flood(int input, unsigned sysExEvery, std::size_t sysExLength = 5000);
+    ~Flood() { stop(); }
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
 
-// 0x90 and the low 14 bits of n as its two data bytes, lower 7 first.
-DWORD floodShort(std::uint64_t n);
-// F0 7D, n in four 7-bit bytes, lowest first, then bytes that follow from n, then F7.
+    FloodReport stop(); // waits for the thread
+
+private:
+    std::atomic<bool> stopping{false};
+    FloodReport report; // the thread's own until it is joined
+    std::thread thread;
+};
+
+// F0 7D, n in four 7-bit bytes, lowest first, then as device::dumpByte(). At least 8 bytes.
 std::vector<unsigned char> floodSysEx(std::uint64_t n, std::size_t length);
 
 // ---- Output -------------------------------------------------------------------------------------
@@ -229,13 +208,13 @@ struct Sent
     DWORD time = 0; // timeGetTime as it was accepted
     const MIDIHDR* header = nullptr;
 };
-// What the output has accepted since reset(), in order.
+// What the output has accepted since reset() or clearSent(), in order.
 std::vector<Sent> sent(int output);
 void clearSent(int output);
 
-std::size_t pendingOutputs(int output); // accepted, not yet finished
-// Finishes the oldest pending send: MHDR_DONE, then MOM_DONE on the calling thread. Null if none
-// is.
+void setCompletion(int output, Completion completion);
+// Finishes the oldest send that is not: MHDR_DONE, then MOM_DONE on the calling thread. Null if
+// there is none.
 MIDIHDR* completeOutput(int output);
 // Calls the output callback with arbitrary arguments. False if no port is open.
 bool rawOutput(int output, UINT message, DWORD parameter1, DWORD parameter2);

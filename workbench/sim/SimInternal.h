@@ -3,16 +3,7 @@
 
 #include "Sim.h"
 
-#include <atomic>
 #include <type_traits>
-
-#if defined(__SANITIZE_ADDRESS__)
-#define SIM_ADDRESS_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define SIM_ADDRESS_SANITIZER 1
-#endif
-#endif
 
 // Every simulated function, and what it gives back when a test makes it fail.
 #define SIM_FUNCTIONS(X)                                                                           \
@@ -63,6 +54,16 @@ enum class Function {
 #undef SIM_NAME
 };
 
+// A failure that the test has ordered.
+struct Fault
+{
+    Function function;
+    std::uint64_t first; // calls since reset()
+    std::uint64_t last;
+    DWORD result;
+    bool isReturned; // else null or FALSE is, and the result is left to GetLastError
+};
+
 struct LogRecord;
 
 void setLastError(DWORD error);
@@ -72,7 +73,7 @@ void setLastError(DWORD error);
 class Entry
 {
 public:
-    explicit Entry(Function function, const void* handle = nullptr, const MIDIHDR* header = nullptr,
+    explicit Entry(Function function, const void* handle = nullptr, MIDIHDR* header = nullptr,
                    std::uint64_t argument1 = 0, std::uint64_t argument2 = 0);
     ~Entry();
     Entry(const Entry&) = delete;
@@ -83,7 +84,7 @@ public:
     auto serve(Work work)
     {
         using Result = decltype(work());
-        const Result value = failing ? failed<Result>() : work();
+        const Result value = fault ? failed<Result>() : work();
         if constexpr (std::is_pointer_v<Result>)
             result = reinterpret_cast<std::uintptr_t>(value);
         else
@@ -99,25 +100,20 @@ private:
     Result failed() const
     {
         if constexpr (!std::is_pointer_v<Result>) {
-            if (returnsFailure)
-                return static_cast<Result>(failure);
+            if (fault->isReturned)
+                return static_cast<Result>(fault->result);
         }
-        setLastError(failure);
+        setLastError(fault->result);
         return Result{};
     }
 
-    LogRecord* record = nullptr;
+    LogRecord* record = nullptr; // null: not logged
     std::uint64_t result = 0;
-    DWORD failure = 0;
-    bool failing = false;
-    bool returnsFailure = false;
+    const Fault* fault = nullptr; // the script wants the call to fail
 };
 
 // timeGetTime without the log.
 DWORD now();
-
-// The position of an address in its memory block, in units of `size`; -1 if no block holds it.
-int positionInBlock(std::uint64_t address, std::size_t size);
 
 void countKernel(Resources& resources);
 void countMemory(Resources& resources);

@@ -26,39 +26,20 @@ thread_local DWORD lastError = 0;
 // threads that set the same event are not ordered by it.
 using Event = std::atomic<std::uint32_t>;
 
-// An open handle. Handles of one named event share the event.
+// What a handle points to. Handles of one named event share the event.
 struct HandleSlot
 {
     std::atomic<Event*> event{nullptr}; // null: closed or never opened
     Event own{0};
 };
 
-// A handle value is never used a second time before reset(), so that a stale one is always found
-// out and a waiter whose handle is closed under it still waits on valid memory. All zero, so that
-// the kernel backs only what is used.
-constexpr std::size_t kHandleSlots = std::size_t(1) << 21;
+// A handle is never used a second time before reset(), so that a stale one is always found out and
+// a waiter whose handle is closed under it still waits on valid memory. All zero, and
+// few enough for the compiler to see that, so that the kernel backs only what is used.
+constexpr std::size_t kHandleSlots = std::size_t(1) << 17;
 HandleSlot slots[kHandleSlots];
 std::atomic<std::size_t> slotsUsed{0};
 std::atomic<int> openHandles{0};
-
-HANDLE handleOf(std::size_t index)
-{
-    return reinterpret_cast<HANDLE>((index + 1) * 4);
-}
-
-HandleSlot* slotOf(HANDLE handle)
-{
-    const std::uintptr_t value = reinterpret_cast<std::uintptr_t>(handle);
-    if (value == 0 || value % 4 != 0 || value / 4 > slotsUsed.load(std::memory_order_relaxed))
-        return nullptr;
-    return &slots[value / 4 - 1];
-}
-
-Event* eventOf(HANDLE handle)
-{
-    HandleSlot* const slot = slotOf(handle);
-    return slot ? slot->event.load(std::memory_order_relaxed) : nullptr;
-}
 
 struct NamedEvent
 {
@@ -70,39 +51,35 @@ struct NamedEvent
 std::mutex namesLock; // guards namedEvents
 std::vector<NamedEvent> namedEvents;
 
-void set(Event& event)
+// Null, and the last error, if the handle is not open.
+Event* eventOf(HANDLE handle)
 {
-    // Whoever found it unsignalled wakes a waiter; a second signal has nobody more to wake.
-    if (event.exchange(1, std::memory_order_release) == 0)
-        syscall(SYS_futex, &event, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    auto* const slot = static_cast<HandleSlot*>(handle);
+    Event* const event = slot ? slot->event.load(std::memory_order_relaxed) : nullptr;
+    if (!event)
+        setLastError(ERROR_INVALID_HANDLE);
+    return event;
 }
 
 // INFINITE is 49 days.
-DWORD waitFor(Event& event, DWORD milliseconds)
+DWORD waitFor(HANDLE handle, DWORD milliseconds)
 {
+    Event* const event = eventOf(handle);
+    if (!event)
+        return WAIT_FAILED;
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
     for (;;) {
         std::uint32_t expected = 1;
-        if (event.compare_exchange_strong(expected, 0, std::memory_order_acquire,
-                                          std::memory_order_relaxed))
+        if (event->compare_exchange_strong(expected, 0, std::memory_order_acquire,
+                                           std::memory_order_relaxed))
             return WAIT_OBJECT_0;
         const std::int64_t left = std::chrono::nanoseconds(end - Clock::now()).count();
         if (left <= 0)
             return WAIT_TIMEOUT;
         const timespec timeout{left / 1'000'000'000, left % 1'000'000'000};
-        syscall(SYS_futex, &event, FUTEX_WAIT_PRIVATE, 0, &timeout, nullptr, 0);
+        syscall(SYS_futex, event, FUTEX_WAIT_PRIVATE, 0, &timeout, nullptr, 0);
     }
-}
-
-// `action` on the event of the handle; without one, `refusal` and the last error.
-template <typename Result, typename Action>
-Result onEvent(HANDLE handle, Result refusal, Action action)
-{
-    if (Event* const event = eventOf(handle))
-        return action(*event);
-    setLastError(ERROR_INVALID_HANDLE);
-    return refusal;
 }
 
 // ---- Time ---------------------------------------------------------------------------------------
@@ -140,10 +117,7 @@ void resetKernel()
     }
     slotsUsed.store(0, std::memory_order_relaxed);
     openHandles.store(0, std::memory_order_relaxed);
-    {
-        const std::lock_guard<std::mutex> guard(namesLock);
-        namedEvents.clear();
-    }
+    namedEvents.clear();
     virtualTime.store(false, std::memory_order_relaxed);
     sleepError.store(0, std::memory_order_relaxed);
     lastError = 0;
@@ -157,11 +131,6 @@ void useVirtualTime(DWORD start)
 {
     virtualNow.store(start, std::memory_order_relaxed);
     virtualTime.store(true, std::memory_order_relaxed);
-}
-
-void setTime(DWORD time)
-{
-    virtualNow.store(time, std::memory_order_relaxed);
 }
 
 void setSleepError(int milliseconds)
@@ -183,7 +152,7 @@ bool isSignalled(HANDLE handle)
     const Event* const event = eventOf(handle);
     if (!event)
         stopWith("isSignalled: not an open event");
-    return event->load(std::memory_order_acquire) == 1;
+    return event->load() == 1;
 }
 
 } // namespace sim
@@ -221,53 +190,53 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
         slot.event.store(event, std::memory_order_relaxed);
         openHandles.fetch_add(1, std::memory_order_relaxed);
         setLastError(error);
-        return handleOf(index);
+        return static_cast<HANDLE>(&slot);
     });
 }
 
 BOOL CloseHandle(HANDLE handle)
 {
     return Entry(Function::CloseHandle, handle).serve([&] {
-        return onEvent(handle, FALSE, [&](const Event& event) {
-            if (!slotOf(handle)->event.exchange(nullptr, std::memory_order_relaxed))
-                return FALSE; // another thread was quicker
-            const std::lock_guard<std::mutex> guard(namesLock);
-            const auto named = std::find_if(
-                namedEvents.begin(), namedEvents.end(),
-                [&](const NamedEvent& candidate) { return candidate.event == &event; });
-            if (named != namedEvents.end() && --named->handles == 0)
-                namedEvents.erase(named);
-            openHandles.fetch_sub(1, std::memory_order_relaxed);
-            return TRUE;
-        });
+        const Event* const event = eventOf(handle);
+        if (!event)
+            return FALSE;
+        static_cast<HandleSlot*>(handle)->event.store(nullptr, std::memory_order_relaxed);
+        openHandles.fetch_sub(1, std::memory_order_relaxed);
+        const std::lock_guard<std::mutex> guard(namesLock);
+        const auto named =
+            std::find_if(namedEvents.begin(), namedEvents.end(),
+                         [&](const NamedEvent& candidate) { return candidate.event == event; });
+        if (named != namedEvents.end() && --named->handles == 0)
+            namedEvents.erase(named);
+        return TRUE;
     });
 }
 
 BOOL SetEvent(HANDLE handle)
 {
     return Entry(Function::SetEvent, handle).serve([&] {
-        return onEvent(handle, FALSE, [](Event& event) {
-            set(event);
-            return TRUE;
-        });
+        Event* const event = eventOf(handle);
+        // Whoever found it unsignalled wakes a waiter; a second signal has nobody more to wake.
+        if (event && event->exchange(1, std::memory_order_release) == 0)
+            syscall(SYS_futex, event, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+        return event != nullptr;
     });
 }
 
 BOOL ResetEvent(HANDLE handle)
 {
     return Entry(Function::ResetEvent, handle).serve([&] {
-        return onEvent(handle, FALSE, [](Event& event) {
-            event.store(0, std::memory_order_relaxed);
-            return TRUE;
-        });
+        Event* const event = eventOf(handle);
+        if (event)
+            event->store(0, std::memory_order_relaxed);
+        return event != nullptr;
     });
 }
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds)
 {
     return Entry(Function::WaitForSingleObject, handle, nullptr, milliseconds).serve([&] {
-        return onEvent(handle, WAIT_FAILED,
-                       [&](Event& event) { return waitFor(event, milliseconds); });
+        return waitFor(handle, milliseconds);
     });
 }
 
@@ -277,10 +246,7 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL, DWORD mil
     if (count != 1)
         stopWith("WaitForMultipleObjects: for one object only");
     Entry entry(Function::WaitForMultipleObjects, *handles, nullptr, count, milliseconds);
-    return entry.serve([&] {
-        return onEvent(*handles, WAIT_FAILED,
-                       [&](Event& event) { return waitFor(event, milliseconds); });
-    });
+    return entry.serve([&] { return waitFor(*handles, milliseconds); });
 }
 
 // One module, which is never unloaded.
@@ -323,9 +289,6 @@ HRESULT CoCreateGuid(GUID* guid)
     return Entry(Function::CoCreateGuid).serve([&] {
         if (getrandom(guid, sizeof *guid, 0) != static_cast<ssize_t>(sizeof *guid))
             stopWith("no random bytes for a GUID");
-        // Version 4, variant 1: random, as Windows makes them.
-        guid->Data3 = static_cast<unsigned short>((guid->Data3 & 0x0FFF) | 0x4000);
-        guid->Data4[0] = static_cast<unsigned char>((guid->Data4[0] & 0x3F) | 0x80);
         return S_OK;
     });
 }

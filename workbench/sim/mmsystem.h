@@ -11,8 +11,6 @@ struct HMIDIIN__;
 struct HMIDIOUT__;
 typedef struct HMIDIIN__* HMIDIIN;
 typedef struct HMIDIOUT__* HMIDIOUT;
-typedef HMIDIIN* LPHMIDIIN;
-typedef HMIDIOUT* LPHMIDIOUT;
 
 constexpr UINT MAXPNAMELEN = 32;
 
@@ -76,13 +74,11 @@ constexpr DWORD MHDR_PREPARED = 0x00000002;
 constexpr DWORD MHDR_INQUEUE = 0x00000004;
 
 constexpr DWORD CALLBACK_NULL = 0x00000000;
-constexpr DWORD CALLBACK_TYPEMASK = 0x00070000;
 constexpr DWORD CALLBACK_FUNCTION = 0x00030000;
 
 constexpr MMRESULT MMSYSERR_NOERROR = 0;
 constexpr MMRESULT MMSYSERR_ERROR = 1;
 constexpr MMRESULT MMSYSERR_BADDEVICEID = 2;
-constexpr MMRESULT MMSYSERR_NOTENABLED = 3;
 constexpr MMRESULT MMSYSERR_ALLOCATED = 4;
 constexpr MMRESULT MMSYSERR_INVALHANDLE = 5;
 constexpr MMRESULT MMSYSERR_NODRIVER = 6;
@@ -98,7 +94,7 @@ DWORD WINAPI timeGetTime(void);
 
 UINT WINAPI midiInGetNumDevs(void);
 MMRESULT WINAPI midiInGetDevCapsW(UINT_PTR device, LPMIDIINCAPSW capabilities, UINT size);
-MMRESULT WINAPI midiInOpen(LPHMIDIIN handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
+MMRESULT WINAPI midiInOpen(HMIDIIN* handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
                            DWORD flags);
 MMRESULT WINAPI midiInClose(HMIDIIN handle);
 MMRESULT WINAPI midiInStart(HMIDIIN handle);
@@ -110,7 +106,7 @@ MMRESULT WINAPI midiInAddBuffer(HMIDIIN handle, LPMIDIHDR header, UINT size);
 
 UINT WINAPI midiOutGetNumDevs(void);
 MMRESULT WINAPI midiOutGetDevCapsW(UINT_PTR device, LPMIDIOUTCAPSW capabilities, UINT size);
-MMRESULT WINAPI midiOutOpen(LPHMIDIOUT handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
+MMRESULT WINAPI midiOutOpen(HMIDIOUT* handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,
                             DWORD flags);
 MMRESULT WINAPI midiOutClose(HMIDIOUT handle);
 MMRESULT WINAPI midiOutReset(HMIDIOUT handle);

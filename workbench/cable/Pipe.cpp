@@ -1,0 +1,166 @@
+#include "workbench/cable/Pipe.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace cable {
+
+namespace {
+
+constexpr DWORD kRetryMilliseconds = 10; // between attempts to listen
+constexpr DWORD kBusyMilliseconds = 10;  // at a time, while another sender is connected
+
+// A message of the pipe: a piece as it lies in memory, then its bytes. The answer is one byte.
+struct Frame
+{
+    device::SourceId source;
+    MIDIPiece piece;
+    unsigned char bytes[32 * 1024];
+};
+
+constexpr DWORD kFrameHead = offsetof(Frame, bytes);
+constexpr BYTE kTaken = 1;
+
+// Only processes of one group reach each other.
+std::wstring pipeName(unsigned inputPosition)
+{
+    std::wstring group = environment(L"LUMORA_CABLE_GROUP").value_or(L"").substr(0, 63);
+    if (!group.empty())
+        group += L'-';
+    return L"\\\\.\\pipe\\lumora-cable-" + group + L"in-" + std::to_wstring(inputPosition);
+}
+
+} // namespace
+
+// ---- One end ------------------------------------------------------------------------------------
+
+bool PipeEnd::open(HANDLE itsHandle)
+{
+    handle.reset(itsHandle == INVALID_HANDLE_VALUE ? nullptr : itsHandle);
+    io = {};
+    io.hEvent = done.get();
+    return isOpen();
+}
+
+void PipeEnd::awaitSender()
+{
+    finish(ConnectNamedPipe(handle.get(), &io));
+}
+
+bool PipeEnd::read(void* target, DWORD size)
+{
+    return finish(ReadFile(handle.get(), target, size, nullptr, &io));
+}
+
+bool PipeEnd::write(const void* source, DWORD size)
+{
+    return finish(WriteFile(handle.get(), source, size, nullptr, &io));
+}
+
+bool PipeEnd::pause(DWORD milliseconds) const
+{
+    return WaitForSingleObject(stopped.get(), milliseconds) == WAIT_TIMEOUT;
+}
+
+bool PipeEnd::finish(BOOL begun)
+{
+    if (!begun && GetLastError() != ERROR_IO_PENDING)
+        return false;
+    const HANDLE handles[] = {done.get(), stopped.get()};
+    if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0)
+        CancelIoEx(handle.get(), &io);
+    // Until the operation has ended, the system writes to `io` and to the buffer.
+    DWORD length = 0;
+    return GetOverlappedResult(handle.get(), &io, &length, TRUE);
+}
+
+// ---- At an output -------------------------------------------------------------------------------
+
+// The source is like none of the input's own process, whose numbers are small.
+RemoteInput::RemoteInput(unsigned inputPosition)
+    : name(pipeName(inputPosition)),
+      source(device::SourceId(GetCurrentProcessId()) << 32 | device::nextSourceId())
+{}
+
+bool RemoteInput::take(MIDIPiece piece)
+{
+    if (!connect())
+        return false;
+    bool taken = false;
+    do {
+        Frame frame;
+        frame.source = source;
+        frame.piece = piece;
+        frame.piece.length = std::min(piece.length, sizeof frame.bytes);
+        frame.piece.last = piece.last && frame.piece.length == piece.length;
+        std::copy_n(piece.bytes, frame.piece.length, frame.bytes);
+        BYTE answer = 0;
+        taken = pipe.write(&frame, kFrameHead + static_cast<DWORD>(frame.piece.length)) &&
+                pipe.read(&answer, sizeof answer);
+        piece.first = false;
+        piece.bytes += frame.piece.length;
+        piece.length -= frame.piece.length;
+    } while (taken && piece.length > 0);
+    pipe.close();
+    return taken;
+}
+
+bool RemoteInput::connect()
+{
+    while (!pipe.open(CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                  OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr))) {
+        if (GetLastError() != ERROR_PIPE_BUSY || !pipe.pause(0))
+            return false;
+        WaitNamedPipeW(name.c_str(), kBusyMilliseconds);
+    }
+    return true;
+}
+
+// ---- At an open input ---------------------------------------------------------------------------
+
+// Senders find the input from here on, even before the thread runs.
+Listener::Listener(unsigned inputPosition, device::InputPort& itsInput)
+    : name(pipeName(inputPosition)), input(itsInput)
+{
+    offer();
+    thread = std::thread([this] { run(); });
+}
+
+void Listener::stop()
+{
+    pipe.stop();
+    if (thread.joinable())
+        thread.join();
+}
+
+bool Listener::offer()
+{
+    constexpr DWORD instances = 1; // in all processes
+    return pipe.open(CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                      PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
+                                      instances, sizeof(Frame), sizeof(Frame), 0, nullptr));
+}
+
+void Listener::run()
+{
+    do {
+        if (pipe.isOpen() || offer())
+            serveSender();
+    } while (pipe.pause(pipe.isOpen() ? 0 : kRetryMilliseconds));
+    pipe.close();
+}
+
+void Listener::serveSender()
+{
+    pipe.awaitSender();
+    Frame frame;
+    while (pipe.read(&frame, sizeof frame) && pipe.transferred() >= kFrameHead &&
+           pipe.transferred() - kFrameHead == frame.piece.length) {
+        frame.piece.bytes = frame.bytes;
+        input.take(frame.source, frame.piece);
+        pipe.write(&kTaken, sizeof kTaken);
+    }
+    pipe.disconnect();
+}
+
+} // namespace cable
