@@ -64,9 +64,8 @@ public:
     Child& operator=(const Child&) = delete;
     ~Child()
     {
-        if (!endsWithin(60000))
-            TerminateProcess(process, 99);
-        WaitForSingleObject(process, INFINITE);
+        EXPECT_TRUE(endsWithin(60000));
+        TerminateProcess(process, 99); // if it runs on
         DWORD exitCode = 98;
         GetExitCodeProcess(process, &exitCode);
         CloseHandle(process);
@@ -242,19 +241,15 @@ TEST(CableWire, TheVolumeOfAnOutputIsNotSupported)
 
 TEST(CableWire, BytesTakeTheirTimeOnIt)
 {
-    if (ranWithPorts("in \"a\"\nout \"b\" pace=wire"))
+    if (ranWithPorts("out \"b\" pace=wire"))
         return;
-    Input input;
     Output output;
-    input.giveBuffers(8, 64);
-    input.start();
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     ASSERT_TRUE(output.sendLong(sysEx(500)));
     const std::chrono::duration<double, std::milli> taken = Clock::now() - start;
     EXPECT_LE(159, taken.count());
     EXPECT_GE(400, taken.count());
-    EXPECT_EQ(sysEx(500), input.recorder.waitForLong(500));
 }
 
 // ---- Generators -------------------------------------------------------------------------------
@@ -521,10 +516,9 @@ TEST(CableAcrossProcesses, TheSecondListenerHearsItsOwnProcessAndTakesOverFromTh
         Output output;
         input.start();
         output.sendShort(kNoteOn);
-        const std::vector<DWORD> heard = input.recorder.waitForShort(2);
-        ASSERT_LE(2u, heard.size());
-        EXPECT_EQ(kNoteOn, heard[0]);
-        EXPECT_EQ(0xF8u, heard[1]);
+        std::vector<DWORD> heard = input.recorder.waitForShort(2);
+        heard.resize(2); // more may have come
+        EXPECT_EQ((std::vector<DWORD>{kNoteOn, 0xF8}), heard);
         return;
     }
     if (ranWithPorts())
