@@ -23,7 +23,6 @@
 
 namespace {
 
-using contract::Buffer;
 using contract::Bytes;
 using contract::Input;
 using contract::Notice;
@@ -323,18 +322,10 @@ TEST(CableWait, IsWhereTheDescriptionSays)
 
 // ---- Windows 11's driver ----------------------------------------------------------------------
 
-TEST(CableWindows11, ReachesEveryClientOfADeviceThatWasPulledOutAndPluggedIn)
+TEST(CableWindows11, ReachesEveryClientOfADevice)
 {
     if (ranWithPorts("in \"a\" driver=windows11\nout \"b\" driver=windows11"))
         return;
-    Input lost;
-    Buffer& kept = *lost.giveBuffers(1, 16).front();
-    ASSERT_TRUE(controlCable(LUMORA_CABLE_UNPLUG, true, 0));
-    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInClose(lost.handle));
-    lost.handle = nullptr;
-    EXPECT_EQ(MMSYSERR_NODRIVER, Input().result);
-
-    ASSERT_TRUE(controlCable(LUMORA_CABLE_PLUG_IN, true, 0));
     Input first;
     Input second;
     Output output;
@@ -343,11 +334,6 @@ TEST(CableWindows11, ReachesEveryClientOfADeviceThatWasPulledOutAndPluggedIn)
     output.sendShort(kNoteOn);
     EXPECT_EQ(std::vector<DWORD>{kNoteOn}, first.recorder.waitForShort(1));
     EXPECT_EQ(std::vector<DWORD>{kNoteOn}, second.recorder.waitForShort(1));
-
-    EXPECT_EQ(1u, lost.recorder.notices().size()); // the opening
-    ASSERT_TRUE(controlCable(LUMORA_CABLE_UNLOAD, true, 0));
-    EXPECT_EQ(1u, lost.recorder.notices(MIM_CLOSE).size());
-    EXPECT_NE(0u, kept.flags() & MHDR_INQUEUE);
 }
 
 TEST(CableWindows11, HasSwitches)
