@@ -131,9 +131,8 @@ std::vector<PortDescription> parse(std::istream& utf8)
     if (utf8.peek() == 0xEF)
         utf8.ignore(3); // a byte order mark
     std::vector<PortDescription> ports;
-    int lineNumber = 0;
-    for (std::string text; std::getline(utf8, text);) {
-        ++lineNumber;
+    std::string text;
+    for (int lineNumber = 1; std::getline(utf8, text); ++lineNumber) {
         std::istringstream line(text);
         try {
             if (auto port = parseLine(line))

@@ -74,13 +74,9 @@ bool PipeEnd::finish(BOOL begun, DWORD size)
 
 // ---- At an output -------------------------------------------------------------------------------
 
-// The source is like none of the input's own process, whose numbers are small.
-RemoteInput::RemoteInput(unsigned inputPosition)
-    : name(pipeName(inputPosition)),
-      source(device::SourceId(GetCurrentProcessId()) << 32 | device::nextSourceId())
-{}
+RemoteInput::RemoteInput(unsigned inputPosition) : name(pipeName(inputPosition)) {}
 
-bool RemoteInput::take(const MIDIPiece& piece)
+bool RemoteInput::take(device::SourceId source, const MIDIPiece& piece)
 {
     if (!connect())
         return false;

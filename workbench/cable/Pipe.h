@@ -49,7 +49,7 @@ public:
     explicit RemoteInput(unsigned inputPosition);
 
     // Returns when the input has the piece. False if nobody listens, or after cancel().
-    bool take(const MIDIPiece& piece);
+    bool take(device::SourceId source, const MIDIPiece& piece);
 
     // From any thread: gives up what is under way, and what comes until allow().
     void cancel() { pipe.stop(); }
@@ -59,7 +59,6 @@ private:
     bool connect();
 
     const std::wstring name;
-    const device::SourceId source;
     PipeEnd pipe;
 };
 

@@ -56,7 +56,7 @@ public:
     {
         for (const auto& input : local)
             static_cast<InputPort&>(*input).take(source, piece);
-        return !local.empty() || (to != 0 && remote.take(piece));
+        return !local.empty() || (to != 0 && remote.take(source, piece));
     }
     void disconnect() override { local.clear(); }
     void cancel() override { remote.cancel(); }
@@ -70,7 +70,9 @@ private:
 
     const Place& output;
     const unsigned to;
-    const device::SourceId source = device::nextSourceId();
+    // Like no other of any process.
+    const device::SourceId source =
+        device::SourceId(GetCurrentProcessId()) << 32 | device::nextSourceId();
     std::vector<Place::Client> local; // the input, if this process has it open
     RemoteInput remote;               // otherwise
 };
