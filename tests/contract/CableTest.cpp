@@ -23,7 +23,6 @@
 
 namespace {
 
-using contract::Buffer;
 using contract::Bytes;
 using contract::Input;
 using contract::Notice;
@@ -64,9 +63,8 @@ public:
     Child& operator=(const Child&) = delete;
     ~Child()
     {
-        if (!endsWithin(60000))
-            TerminateProcess(process, 99);
-        WaitForSingleObject(process, INFINITE);
+        EXPECT_TRUE(endsWithin(60000));
+        TerminateProcess(process, 99); // if it runs on
         DWORD exitCode = 98;
         GetExitCodeProcess(process, &exitCode);
         CloseHandle(process);
@@ -174,10 +172,10 @@ TEST(CableDescription, NamesThePortsAndItsBadLinesAreReportedByTheirNumber)
                                              "in \"bad\xC3\"\n"
                                              "in \"bad\" to=1\n"
                                              "out \"bad\" flood=5\n"
+                                             "in \"bad\" caps\n"
                                              "out \"bad\" pace=fast\n"
                                              "out \"bad\" pace=0\n"
                                              "in \"bad\" dump=2\n"
-                                             "in \"bad\" caps\n"
                                              "in \"bad\" flood=1@\n"
                                              "out \"bad\" long=fail@0\n"
                                              "in \"bad\" wait=never\n";
@@ -189,8 +187,11 @@ TEST(CableDescription, NamesThePortsAndItsBadLinesAreReportedByTheirNumber)
     EXPECT_EQ(Names{L"two; three; "}, names(midiOutGetDevCapsW));
     std::istringstream complaints(testing::internal::GetCapturedStderr());
     int expected = 8;
-    for (std::string line; std::getline(complaints, line); ++expected)
+    for (std::string line; std::getline(complaints, line); ++expected) {
         EXPECT_NE(std::string::npos, line.find("line " + std::to_string(expected) + " ")) << line;
+        const bool isAboutTheValue = line.find(" has a value that is not allowed") != line.npos;
+        EXPECT_EQ(expected >= 15, isAboutTheValue) << line;
+    }
     EXPECT_EQ(21, expected);
     std::filesystem::remove(file);
 }
@@ -239,19 +240,15 @@ TEST(CableWire, TheVolumeOfAnOutputIsNotSupported)
 
 TEST(CableWire, BytesTakeTheirTimeOnIt)
 {
-    if (ranWithPorts("in \"a\"\nout \"b\" pace=wire"))
+    if (ranWithPorts("out \"b\" pace=wire"))
         return;
-    Input input;
     Output output;
-    input.giveBuffers(8, 64);
-    input.start();
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     ASSERT_TRUE(output.sendLong(sysEx(500)));
     const std::chrono::duration<double, std::milli> taken = Clock::now() - start;
     EXPECT_LE(159, taken.count());
     EXPECT_GE(400, taken.count());
-    EXPECT_EQ(sysEx(500), input.recorder.waitForLong(500));
 }
 
 // ---- Generators -------------------------------------------------------------------------------
@@ -325,18 +322,10 @@ TEST(CableWait, IsWhereTheDescriptionSays)
 
 // ---- Windows 11's driver ----------------------------------------------------------------------
 
-TEST(CableWindows11, ReachesEveryClientOfADeviceThatWasPulledOutAndPluggedIn)
+TEST(CableWindows11, ReachesEveryClientOfADevice)
 {
     if (ranWithPorts("in \"a\" driver=windows11\nout \"b\" driver=windows11"))
         return;
-    Input lost;
-    Buffer& kept = *lost.giveBuffers(1, 16).front();
-    ASSERT_TRUE(controlCable(LUMORA_CABLE_UNPLUG, true, 0));
-    EXPECT_EQ(MIDIERR_STILLPLAYING, midiInClose(lost.handle));
-    lost.handle = nullptr;
-    EXPECT_EQ(MMSYSERR_NODRIVER, Input().result);
-
-    ASSERT_TRUE(controlCable(LUMORA_CABLE_PLUG_IN, true, 0));
     Input first;
     Input second;
     Output output;
@@ -345,11 +334,6 @@ TEST(CableWindows11, ReachesEveryClientOfADeviceThatWasPulledOutAndPluggedIn)
     output.sendShort(kNoteOn);
     EXPECT_EQ(std::vector<DWORD>{kNoteOn}, first.recorder.waitForShort(1));
     EXPECT_EQ(std::vector<DWORD>{kNoteOn}, second.recorder.waitForShort(1));
-
-    EXPECT_EQ(1u, lost.recorder.notices().size()); // the opening
-    ASSERT_TRUE(controlCable(LUMORA_CABLE_UNLOAD, true, 0));
-    EXPECT_EQ(1u, lost.recorder.notices(MIM_CLOSE).size());
-    EXPECT_NE(0u, kept.flags() & MHDR_INQUEUE);
 }
 
 TEST(CableWindows11, HasSwitches)
@@ -431,16 +415,19 @@ TEST(CableLog, TellsHowLongEachShortMessageHeldTheThread)
 TEST(CableAcrossProcesses, SeveralSendersLoseNeitherAMessageNorALineOfTheLog)
 {
     constexpr DWORD count = 500;
-    constexpr DWORD otherStatus = 1 << 14; // words from there on begin with 91
+    constexpr DWORD otherStatus = 1 << 14;  // words from there on begin with 91
+    const Bytes longMessage = sysEx(60000); // more than the pipe buffers
     if (kRole == "first" || kRole == "second") {
         Output output;
         for (const DWORD word : floodWords(kRole == "first" ? 0 : otherStatus, count))
             ASSERT_EQ(MMSYSERR_NOERROR, output.sendShort(word));
+        EXPECT_TRUE(kRole == "second" || output.sendLong(longMessage));
         return;
     }
     if (ranWithPorts())
         return;
     Input input;
+    input.giveBuffers(13, 5000);
     input.start();
     {
         const Child first("first");
@@ -454,33 +441,9 @@ TEST(CableAcrossProcesses, SeveralSendersLoseNeitherAMessageNorALineOfTheLog)
                      [&](DWORD word) { return (word & 0xFF) == (floodWord(number) & 0xFF); });
         EXPECT_EQ(floodWords(number, count), heard);
     }
-    EXPECT_EQ(1 + 2 * (count + 3), logLines().size()); // open here, and open, reset, close of each
-}
-
-TEST(CableAcrossProcesses, MessagesLongerThanAFrameArriveWhole)
-{
-    constexpr std::size_t length = 60000;
-    constexpr int messages = 5;
-    if (kRole == "sender") {
-        Output output;
-        for (int i = 0; i < messages; ++i)
-            ASSERT_TRUE(output.sendLong(sysEx(length)));
-        return;
-    }
-    if (ranWithPorts())
-        return;
-    Input input;
-    input.giveBuffers((length / 5000 + 1) * messages, 5000);
-    input.start();
-    {
-        const Child sender("sender");
-    }
-    Bytes expected;
-    for (int i = 0; i < messages; ++i) {
-        const Bytes message = sysEx(length);
-        expected.insert(expected.end(), message.begin(), message.end());
-    }
-    EXPECT_TRUE(expected == input.recorder.waitForLong(length * messages));
+    EXPECT_TRUE(longMessage == input.recorder.waitForLong(longMessage.size()));
+    // Here open, and of each sender open, reset and close.
+    EXPECT_EQ(1 + 2 * (count + 3) + 1, logLines().size());
 }
 
 TEST(CableAcrossProcesses, AReceiverThatHangsDoesNotHoldUpTheResetAndTheClose)
@@ -539,10 +502,9 @@ TEST(CableAcrossProcesses, TheSecondListenerHearsItsOwnProcessAndTakesOverFromTh
         Output output;
         input.start();
         output.sendShort(kNoteOn);
-        const std::vector<DWORD> heard = input.recorder.waitForShort(2);
-        ASSERT_LE(2u, heard.size());
-        EXPECT_EQ(kNoteOn, heard[0]);
-        EXPECT_EQ(0xF8u, heard[1]);
+        std::vector<DWORD> heard = input.recorder.waitForShort(2);
+        heard.resize(2); // more may have come
+        EXPECT_EQ((std::vector<DWORD>{kNoteOn, 0xF8}), heard);
         return;
     }
     if (ranWithPorts())

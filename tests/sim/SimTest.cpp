@@ -4,7 +4,6 @@
 #include "objbase.h"
 #include "tests/contract/MidiRecorder.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
 
 namespace {
@@ -12,7 +11,6 @@ namespace {
 using contract::Bytes;
 using contract::Input;
 using contract::Output;
-using Names = std::vector<std::string>;
 
 struct SimTest : testing::Test
 {
@@ -26,34 +24,19 @@ bool liesLow(const void* memory)
     return reinterpret_cast<std::uintptr_t>(memory) < std::uintptr_t(1) << 32;
 }
 
-// ---- Events and time ----------------------------------------------------------------------------
-
-TEST_F(SimTest, AnAutoResetEventReleasesOneWaitPerSignal)
-{
-    const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, nullptr);
-    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
-    EXPECT_TRUE(SetEvent(event));
-    EXPECT_TRUE(SetEvent(event));
-    EXPECT_EQ(WaitForSingleObject(event, INFINITE), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event, 1), WAIT_TIMEOUT);
-}
+// ---- Events -------------------------------------------------------------------------------------
 
 TEST_F(SimTest, SameNameOpensTheSameEventUntilItsLastHandleCloses)
 {
     const HANDLE first = CreateEventW(nullptr, FALSE, FALSE, u"shared");
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     const HANDLE second = CreateEventW(nullptr, FALSE, TRUE, u"shared");
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    EXPECT_NE(first, second);
     EXPECT_FALSE(sim::isSignalled(second));
     SetEvent(first);
     EXPECT_TRUE(CloseHandle(first));
     EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
     EXPECT_EQ(sim::eventNames(), std::vector<std::u16string>{u"shared"});
     EXPECT_TRUE(CloseHandle(second));
-    CreateEventW(nullptr, FALSE, FALSE, u"shared");
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_TRUE(sim::eventNames().empty());
 }
 
 TEST_F(SimTest, NullAndClosedHandlesAreRefusedEverywhere)
@@ -64,7 +47,6 @@ TEST_F(SimTest, NullAndClosedHandlesAreRefusedEverywhere)
     EXPECT_NE(open, closed);
     for (const HANDLE handle : {HANDLE(nullptr), closed}) {
         EXPECT_EQ(WaitForSingleObject(handle, INFINITE), WAIT_FAILED);
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
         EXPECT_FALSE(SetEvent(handle));
         EXPECT_FALSE(ResetEvent(handle));
         EXPECT_FALSE(CloseHandle(handle));
@@ -72,33 +54,13 @@ TEST_F(SimTest, NullAndClosedHandlesAreRefusedEverywhere)
     EXPECT_EQ(sim::inUse().handles, 1);
 }
 
-TEST_F(SimTest, RealTimeAgreesWithTheClock)
-{
-    const DWORD begin = timeGetTime();
-    Sleep(20);
-    const DWORD passed = timeGetTime() - begin;
-    EXPECT_GE(passed, 19u);
-    EXPECT_LT(passed, 20000u);
-}
-
 // ---- Memory -------------------------------------------------------------------------------------
-
-TEST_F(SimTest, TheHeapIsZeroedOnRequestAndGivenBack)
-{
-    for (const DWORD flags : {DWORD(0), HEAP_ZERO_MEMORY}) {
-        auto* const block = static_cast<unsigned char*>(HeapAlloc(GetProcessHeap(), flags, 86016));
-        ASSERT_TRUE(liesLow(block + 86016));
-        EXPECT_EQ(std::count(block, block + 86016, flags ? 0 : sim::kMemoryFill), 86016);
-        EXPECT_EQ(sim::inUse().heapBlocks, 1);
-        EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, block));
-    }
-    EXPECT_EQ(sim::inUse(), sim::Resources());
-}
 
 TEST_F(SimDeathTest, AccessBesideOrAfterTheLifeOfAHeapBlockStopsTheProgram)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto* const block = static_cast<volatile unsigned char*>(HeapAlloc(GetProcessHeap(), 0, 100));
+    EXPECT_EQ(block[99], sim::kMemoryFill);
     const auto free = [&] { HeapFree(GetProcessHeap(), 0, const_cast<unsigned char*>(block)); };
 #ifdef LUMORA_ADDRESS_SANITIZER
     EXPECT_DEATH(block[100] = 1, "");
@@ -110,19 +72,13 @@ TEST_F(SimDeathTest, AccessBesideOrAfterTheLifeOfAHeapBlockStopsTheProgram)
 
 TEST_F(SimTest, VirtualAllocGivesOnlyWhatIsFree)
 {
-    MEMORY_BASIC_INFORMATION region{};
-    do {
-        const auto next = reinterpret_cast<std::uintptr_t>(region.BaseAddress) + region.RegionSize;
-        ASSERT_NE(VirtualQuery(reinterpret_cast<void*>(next), &region, sizeof region), 0u);
-    } while (region.State != MEM_FREE || region.BaseAddress == nullptr ||
-             reinterpret_cast<std::uintptr_t>(region.BaseAddress) % 65536 != 0);
-    void* const place = region.BaseAddress;
+    void* const place = reinterpret_cast<void*>(0x10000000);
     const auto allocate = [&] {
         return VirtualAlloc(place, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
     };
     EXPECT_EQ(allocate(), place);
     EXPECT_EQ(allocate(), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
+    MEMORY_BASIC_INFORMATION region;
     VirtualQuery(place, &region, sizeof region);
     EXPECT_EQ(region.State, MEM_COMMIT);
     EXPECT_TRUE(VirtualFree(place, 0, MEM_RELEASE));
@@ -132,49 +88,22 @@ TEST_F(SimTest, VirtualAllocGivesOnlyWhatIsFree)
 
 // ---- Failures, counters, hooks and the log ------------------------------------------------------
 
-TEST_F(SimTest, EachKindOfFunctionFailsInItsOwnWay)
+TEST_F(SimTest, TheLogHoldsTheFlagsOfAHeaderAsTheCallBegan)
 {
-    for (const char* name : {"HeapAlloc", "SetEvent", "CoCreateGuid", "WaitForSingleObject",
-                             "midiInOpen", "midiInGetNumDevs"})
-        sim::failCall(name);
-    const HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    GUID guid;
-    HMIDIIN handle = nullptr;
-    EXPECT_FALSE(HeapAlloc(GetProcessHeap(), 0, 8));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
-    EXPECT_FALSE(SetEvent(event));
-    EXPECT_FALSE(sim::isSignalled(event));
-    EXPECT_TRUE(FAILED(CoCreateGuid(&guid)));
-    EXPECT_EQ(WaitForSingleObject(event, INFINITE), WAIT_FAILED);
-    EXPECT_EQ(midiInOpen(&handle, 0, 0, 0, CALLBACK_NULL), MMSYSERR_ERROR);
-    EXPECT_EQ(midiInGetNumDevs(), 0u);
-    EXPECT_TRUE(SetEvent(event)); // only the call ordered to fail does
-}
-
-TEST_F(SimTest, TheLogHoldsCallsInOrderUntilItIsClearedOrSwitchedOff)
-{
-    const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, nullptr);
-    WaitForSingleObject(event, 7);
-    SetEvent(event);
-    EXPECT_EQ(sim::callNames(), (Names{"CreateEventW", "WaitForSingleObject", "SetEvent"}));
-    const sim::Call wait = sim::calls("WaitForSingleObject").at(0);
-    EXPECT_EQ(wait.handle, reinterpret_cast<std::uintptr_t>(event));
-    EXPECT_EQ(wait.arguments[0], 7u);
-    EXPECT_TRUE(wait.returned);
-    EXPECT_EQ(wait.result, WAIT_OBJECT_0);
-
-    sim::logCalls(false);
-    SetEvent(event);
-    EXPECT_EQ(sim::calls("SetEvent").size(), 1u);
-    EXPECT_EQ(sim::callCount("SetEvent"), 2u);
-    sim::logCalls(true);
-    sim::clearCalls();
     MIDIHDR header = {};
     header.dwFlags = MHDR_DONE;
     midiInAddBuffer(nullptr, &header, sizeof header);
-    EXPECT_EQ(sim::callNames(), Names{"midiInAddBuffer"});
-    EXPECT_EQ(sim::calls()[0].header, &header);
-    EXPECT_EQ(sim::calls()[0].headerFlags, MHDR_DONE);
+    EXPECT_EQ(sim::calls().at(0).headerFlags, MHDR_DONE);
+}
+
+TEST_F(SimTest, CallsWhoseResultTheLibraryIgnoresFailAsWell)
+{
+    const HANDLE event = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+    GUID guid;
+    sim::failCall("CoCreateGuid");
+    sim::failCall("WaitForMultipleObjects");
+    EXPECT_EQ(CoCreateGuid(&guid), E_FAIL);
+    EXPECT_EQ(WaitForMultipleObjects(1, &event, TRUE, INFINITE), WAIT_FAILED);
 }
 
 TEST_F(SimTest, ResetGivesTheFreshState)
@@ -239,8 +168,6 @@ TEST_F(SimTest, AnUnpluggedDeviceKeepsItsPlaceAndOpensAnewWhenItIsBack)
     sim::addInput(u"In");
     sim::addOutput(u"Out");
     Input input;
-    input.giveBuffers(1, 16);
-    input.start();
     sim::unplugInput(0);
     sim::unplugOutput(0);
     MIDIINCAPSW caps;
@@ -248,10 +175,7 @@ TEST_F(SimTest, AnUnpluggedDeviceKeepsItsPlaceAndOpensAnewWhenItIsBack)
     EXPECT_EQ(midiInGetDevCapsW(0, &caps, sizeof caps), MMSYSERR_NODRIVER);
     EXPECT_EQ(Input().result, MMSYSERR_NODRIVER);
     EXPECT_EQ(Output().result, MMSYSERR_NODRIVER);
-    // Of all kinds but Windows 11's the port still serves its client.
-    EXPECT_EQ(sim::sysEx(0, "abc", 3), 0u);
-    EXPECT_EQ(input.reset(), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiInClose(input.handle), MMSYSERR_NOERROR);
+    input.close();
     sim::plugIn();
     EXPECT_EQ(Input().result, MMSYSERR_NOERROR);
     EXPECT_EQ(Output().result, MMSYSERR_NOERROR);

@@ -167,7 +167,7 @@ TEST_F(DeviceOpenCloseTest, OpeningAnInputPreparesAndQueuesAllHeadersThenStarts)
     EXPECT_EQ(handle, device().hMidiIn);
     EXPECT_NE(Access::pusher(*transport), nullptr);
     EXPECT_EQ(sim::queuedBuffers(input), 768u);
-    EXPECT_TRUE(sim::isStarted(input));
+    EXPECT_TRUE(sim::shortMessage(input, 0x643C90));
 
     std::vector<std::string> names = midiCalls();
     ASSERT_GE(names.size(), 2u + 2 * 768);

@@ -145,7 +145,7 @@ TEST_F(EventPushThreadTest, AThreadThatMissedItsSignalsIsSignalledAgain)
     // A transport of the same number in another process shares the event and may take them.
     startAndLetDrain();
     sim::clearCalls();
-    sim::failCall("SetEvent", 1, ERROR_INVALID_HANDLE, 2);
+    sim::failCall("SetEvent", 1, FALSE, 2);
     Access::stop(*transport);
     EXPECT_EQ(Access::pusher(*transport), nullptr);
     EXPECT_GE(sim::calls("SetEvent").size(), 3u);

@@ -246,9 +246,8 @@ TEST_F(InputBufferTest, OpeningOverAnOpenInputQueuesAllBuffersAnewAndReplacesThe
     EXPECT_NE(handle, first);
     EXPECT_EQ(transport->openInput(0), handle);
     EXPECT_EQ(sim::queuedBuffers(second), 768u);
-    EXPECT_TRUE(sim::isStarted(second));
     EXPECT_EQ(sim::inUse().inputPorts, 2);
-    sim::shortMessage(second, 0x643C90);
+    EXPECT_TRUE(sim::shortMessage(second, 0x643C90));
     EXPECT_TRUE(recorder.waitFor(1));
 
     EXPECT_EQ(transport->closeInput(), 0);

@@ -3,7 +3,6 @@
 #include "workbench/cable/EventLog.h"
 #include "workbench/cable/System.h"
 
-#include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +10,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 namespace cable {
 
@@ -24,101 +25,82 @@ constexpr char kDefaultDescription[] = "in \"Lumora Cable\"\nout \"Lumora Cable\
 
 // ---- Options ------------------------------------------------------------------------------------
 
-using Port = PortDescription&;
 using Text = std::string_view;
-using Play = device::Generator::Kind;
+using device::DriverKind;
+using device::Generator;
+using FailedLong = device::Windows11::FailedLong;
 
-// Each returns false if the text is no such value.
-
-bool number(Text text, DWORD least, DWORD& value)
+std::optional<DWORD> number(Text text, DWORD least)
 {
+    DWORD value = 0;
     const char* const end = text.data() + text.size();
     const auto [last, error] = std::from_chars(text.data(), end, value);
-    return error == std::errc() && last == end && value >= least;
+    const bool isOne = error == std::errc() && last == end && value >= least;
+    return isOne ? std::optional(value) : std::nullopt;
 }
 
-// The value is the position of the word in the list.
-template <class Enumeration>
-bool oneOf(Text text, std::initializer_list<Text> words, Enumeration& value)
+// Throws if the direction has no such option, or not with this value.
+void setOption(PortDescription& port, const std::string& text)
 {
-    const Text* const word = std::find(words.begin(), words.end(), text);
-    value = static_cast<Enumeration>(word - words.begin());
-    return word != words.end();
-}
+    const Text option = text;
+    const Text key = option.substr(0, option.find('=') + 1);
+    bool isKnown = false;
+    bool isAllowed = false;
+    const auto after = [&](Text beginning) {
+        isKnown |= key == beginning.substr(0, beginning.find('=') + 1);
+        const bool begins = option.substr(0, beginning.size()) == beginning;
+        return begins ? std::optional(option.substr(beginning.size())) : std::nullopt;
+    };
+    const auto set = [&](auto& target, auto value) {
+        target = static_cast<std::decay_t<decltype(target)>>(value);
+        isAllowed = true;
+    };
+    const auto word = [&](Text whole, auto& target, auto value) {
+        if (after(whole) == "")
+            set(target, value);
+    };
+    const auto amount = [&](Text beginning, DWORD least, auto& target) {
+        if (const auto value = number(after(beginning).value_or(""), least))
+            set(target, *value);
+    };
+    const auto generator = [&](Text beginning, DWORD least, Generator::Kind kind) {
+        const Text value = after(beginning).value_or(""); // N or N@R
+        const std::size_t at = value.find('@');
+        const auto count = number(value.substr(0, at), least);
+        const auto rate = at == Text::npos ? 0 : number(value.substr(at + 1), 1);
+        if (count && rate)
+            set(port.generators.emplace_back(), Generator{kind, *count, *rate});
+    };
 
-template <class Target, class Value>
-bool is(Text text, Text word, Target& target, Value value)
-{
-    if (text == word)
-        target = static_cast<Target>(value);
-    return text == word;
-}
-
-// "N" or "N@R".
-bool generator(Text text, Play kind, DWORD least, Port port)
-{
-    const std::size_t at = text.find('@');
-    device::Generator& added = port.generators.emplace_back(device::Generator{kind, 0, 0});
-    return number(text.substr(0, at), least, added.count) &&
-           (at == Text::npos || number(text.substr(at + 1), 1, added.perSecond));
-}
-
-enum Of { kInputs, kOutputs, kBoth };
-
-struct Option
-{
-    Text key;
-    Of ports;
-    bool (*set)(Port port, Text value);
-};
-
-const Option kOptions[] = {
-    {"caps", kBoth, [](Port p, Text v) { return is(v, "fail", p.capsResult, MMSYSERR_NODRIVER); }},
-    {"open", kBoth, [](Port p, Text v) { return is(v, "fail", p.openResult, MMSYSERR_ALLOCATED); }},
-    {"wait", kBoth,
-     [](Port p, Text v) {
-         return oneOf(v, {"reset", "close", "none"}, p.kind);
-     }},
-    {"driver", kBoth,
-     [](Port p, Text v) { return is(v, "windows11", p.kind, device::DriverKind::Windows11); }},
-    {"removal", kBoth,
-     [](Port p, Text v) {
-         return is(v, "unnoticed", p.windows11.noticesRemoval, false) ||
-                is(v, "cleanup", p.windows11.cleansUpAfterRemoval, true);
-     }},
-    {"flood", kInputs, [](Port p, Text v) { return generator(v, Play::Flood, 1, p); }},
-    {"dump", kInputs, [](Port p, Text v) { return generator(v, Play::Dump, kShortestDump, p); }},
-    {"repeat", kInputs, [](Port p, Text v) { return number(v, 0, p.repeat); }},
-    {"log", kInputs, [](Port p, Text v) { return is(v, "held", p.logHeld, true); }},
-    {"to", kOutputs, [](Port p, Text v) { return number(v, 0, p.to.emplace()); }},
-    {"pace", kOutputs,
-     [](Port p, Text v) {
-         return is(v, "wire", p.pace, kWireBytesPerSecond) || number(v, 1, p.pace);
-     }},
-    {"late", kOutputs, [](Port p, Text v) { return number(v, 1, p.resetTakes); }},
-    {"long", kOutputs,
-     [](Port p, Text v) {
-         return v.substr(0, 5) == "fail@" && number(v.substr(5), 1, p.failLongAt);
-     }},
-    {"timeout", kOutputs, [](Port p, Text v) { return number(v, 1, p.windows11.sendPiece); }},
-    {"failed", kOutputs,
-     [](Port p, Text v) {
-         return oneOf(v, {"kept", "error", "success"}, p.windows11.failedLong);
-     }},
-    {"shorts", kOutputs,
-     [](Port p, Text v) { return is(v, "wait", p.windows11.shortsDoNotWait, false); }},
-};
-
-bool setOption(Port port, Text text)
-{
-    const Text key = text.substr(0, text.find('='));
-    const Text value = text.substr(std::min(key.size() + 1, text.size()));
-    const Of opposite = port.isInput ? kOutputs : kInputs;
-    for (const Option& option : kOptions) {
-        if (option.key == key && option.ports != opposite)
-            return option.set(port, value);
+    device::Windows11& windows11 = port.windows11;
+    word("caps=fail", port.capsResult, MMSYSERR_NODRIVER);
+    word("open=fail", port.openResult, MMSYSERR_ALLOCATED);
+    word("wait=reset", port.kind, DriverKind::WaitsInReset);
+    word("wait=close", port.kind, DriverKind::WaitsInClose);
+    word("wait=none", port.kind, DriverKind::WaitsInNeither);
+    word("driver=windows11", port.kind, DriverKind::Windows11);
+    word("removal=unnoticed", windows11.noticesRemoval, false);
+    word("removal=cleanup", windows11.cleansUpAfterRemoval, true);
+    if (port.isInput) {
+        generator("flood=", 1, Generator::Kind::Flood);
+        generator("dump=", kShortestDump, Generator::Kind::Dump);
+        amount("repeat=", 0, port.repeat);
+        word("log=held", port.logHeld, true);
+    } else {
+        amount("to=", 0, port.to);
+        word("pace=wire", port.pace, kWireBytesPerSecond);
+        amount("pace=", 1, port.pace);
+        amount("late=", 1, port.resetTakes);
+        amount("long=fail@", 1, port.failLongAt);
+        amount("timeout=", 1, windows11.sendPiece);
+        word("failed=error", windows11.failedLong, FailedLong::DoneWithError);
+        word("failed=success", windows11.failedLong, FailedLong::DoneWithSuccess);
+        word("shorts=wait", windows11.shortsDoNotWait, false);
     }
-    return false;
+    if (!isKnown)
+        throw std::invalid_argument("this direction has no option " + text);
+    if (!isAllowed)
+        throw std::invalid_argument('"' + text + "\" has a value that is not allowed");
 }
 
 // ---- Lines --------------------------------------------------------------------------------------
@@ -137,10 +119,8 @@ std::optional<PortDescription> parseLine(std::istream& line)
         throw std::invalid_argument("a name in double quotes must follow the direction");
     port.isInput = direction == "in";
     port.name = std::filesystem::u8path(name).wstring().substr(0, kLongestName);
-    for (std::string option; line >> option && option[0] != '#';) {
-        if (!setOption(port, option))
-            throw std::invalid_argument("this direction has no option " + option);
-    }
+    for (std::string option; line >> option && option[0] != '#';)
+        setOption(port, option);
     port.completion = device::Completion::Thread;
     port.ownThread = port.kind != device::DriverKind::Windows11;
     return port;
@@ -151,9 +131,8 @@ std::vector<PortDescription> parse(std::istream& utf8)
     if (utf8.peek() == 0xEF)
         utf8.ignore(3); // a byte order mark
     std::vector<PortDescription> ports;
-    int lineNumber = 0;
-    for (std::string text; std::getline(utf8, text);) {
-        ++lineNumber;
+    std::string text;
+    for (int lineNumber = 1; std::getline(utf8, text); ++lineNumber) {
         std::istringstream line(text);
         try {
             if (auto port = parseLine(line))

@@ -21,15 +21,6 @@ namespace cable {
 
 namespace {
 
-template <class Caps>
-void fillCaps(Caps caps, const std::wstring& name, DWORD_PTR target, DWORD_PTR size)
-{
-    caps.wMid = 0xFFFF; // none assigned
-    caps.vDriverVersion = 0x0100;
-    std::copy(name.begin(), name.end(), caps.szPname);
-    std::memcpy(reinterpret_cast<void*>(target), &caps, std::min<std::size_t>(size, sizeof caps));
-}
-
 DWORD copyCaps(const Place& place, DWORD_PTR target, DWORD_PTR size)
 {
     if (!target)
@@ -39,13 +30,16 @@ DWORD copyCaps(const Place& place, DWORD_PTR target, DWORD_PTR size)
     const PortDescription& description = place.description;
     if (description.capsResult != MMSYSERR_NOERROR)
         return description.capsResult;
-    MIDIOUTCAPSW output = {};
-    output.wTechnology = MOD_MIDIPORT;
-    output.wChannelMask = 0xFFFF;
-    if (description.isInput)
-        fillCaps(MIDIINCAPSW{}, description.name, target, size);
-    else
-        fillCaps(output, description.name, target, size);
+    MIDIOUTCAPSW caps = {}; // an input's begin alike
+    caps.wMid = 0xFFFF;     // none assigned
+    caps.vDriverVersion = 0x0100;
+    std::copy(description.name.begin(), description.name.end(), caps.szPname);
+    if (!description.isInput) {
+        caps.wTechnology = MOD_MIDIPORT;
+        caps.wChannelMask = 0xFFFF;
+    }
+    const std::size_t known = description.isInput ? sizeof(MIDIINCAPSW) : sizeof caps;
+    std::memcpy(reinterpret_cast<void*>(target), &caps, std::min<std::size_t>(size, known));
     return MMSYSERR_NOERROR;
 }
 
@@ -165,9 +159,10 @@ DWORD outputMessage(Place& place, const std::shared_ptr<device::OutputPort>& por
 }
 
 // Inputs and outputs have different codes for the same.
-DWORD answer(std::deque<Place>& places, UINT device, UINT message, DWORD_PTR user,
-             DWORD_PTR parameter1, DWORD_PTR parameter2)
+DWORD answer(bool ofInput, UINT device, UINT message, DWORD_PTR user, DWORD_PTR parameter1,
+             DWORD_PTR parameter2)
 try {
+    std::deque<Place>& all = places(ofInput);
     switch (message) {
     case DRVM_INIT:
     case DRVM_EXIT:
@@ -176,11 +171,11 @@ try {
         return MMSYSERR_NOERROR;
     case MIDM_GETNUMDEVS:
     case MODM_GETNUMDEVS:
-        return static_cast<DWORD>(places.size());
+        return static_cast<DWORD>(all.size());
     }
-    if (device >= places.size())
+    if (device >= all.size())
         return MMSYSERR_BADDEVICEID;
-    Place& place = places[device];
+    Place& place = all[device];
     switch (message) {
     case MIDM_GETDEVCAPS:
     case MODM_GETDEVCAPS:
@@ -224,15 +219,13 @@ extern "C" {
 __declspec(dllexport) DWORD CALLBACK midMessage(UINT device, UINT message, DWORD_PTR user,
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
-    auto& inputs = cable::PortTable::instance().inputs;
-    return cable::answer(inputs, device, message, user, parameter1, parameter2);
+    return cable::answer(true, device, message, user, parameter1, parameter2);
 }
 
 __declspec(dllexport) DWORD CALLBACK modMessage(UINT device, UINT message, DWORD_PTR user,
                                                 DWORD_PTR parameter1, DWORD_PTR parameter2)
 {
-    auto& outputs = cable::PortTable::instance().outputs;
-    return cable::answer(outputs, device, message, user, parameter1, parameter2);
+    return cable::answer(false, device, message, user, parameter1, parameter2);
 }
 
 __declspec(dllexport) LRESULT CALLBACK
@@ -245,8 +238,7 @@ __declspec(dllexport) LRESULT CALLBACK
 // For tests: see Cable.h.
 __declspec(dllexport) BOOL WINAPI LumoraCableControl(int command, BOOL input, UINT device)
 {
-    auto& table = cable::PortTable::instance();
-    auto& places = input ? table.inputs : table.outputs;
+    auto& places = cable::places(input != FALSE);
     if (device >= places.size())
         return FALSE;
     cable::Place& place = places[device];

@@ -1,7 +1,6 @@
 #include "workbench/cable/Pipe.h"
 
-#include <algorithm>
-#include <cstddef>
+#include <vector>
 
 namespace cable {
 
@@ -10,15 +9,14 @@ namespace {
 constexpr DWORD kRetryMilliseconds = 10; // between attempts to listen
 constexpr DWORD kBusyMilliseconds = 10;  // at a time, while another sender is connected
 
-// A message of the pipe: a piece as it lies in memory, then its bytes. The answer is one byte.
-struct Frame
+// The first message of the pipe: a piece as it lies in memory. Its bytes are the second message, if
+// it has some. The answer is one byte.
+struct Head
 {
     device::SourceId source;
     MIDIPiece piece;
-    unsigned char bytes[32 * 1024];
 };
 
-constexpr DWORD kFrameHead = offsetof(Frame, bytes);
 constexpr BYTE kTaken = 1;
 
 // Only processes of one group reach each other.
@@ -44,17 +42,17 @@ bool PipeEnd::open(HANDLE itsHandle)
 
 void PipeEnd::awaitSender()
 {
-    finish(ConnectNamedPipe(handle.get(), &io));
+    finish(ConnectNamedPipe(handle.get(), &io), 0);
 }
 
 bool PipeEnd::read(void* target, DWORD size)
 {
-    return finish(ReadFile(handle.get(), target, size, nullptr, &io));
+    return finish(ReadFile(handle.get(), target, size, nullptr, &io), size);
 }
 
 bool PipeEnd::write(const void* source, DWORD size)
 {
-    return finish(WriteFile(handle.get(), source, size, nullptr, &io));
+    return finish(WriteFile(handle.get(), source, size, nullptr, &io), size);
 }
 
 bool PipeEnd::pause(DWORD milliseconds) const
@@ -62,7 +60,7 @@ bool PipeEnd::pause(DWORD milliseconds) const
     return WaitForSingleObject(stopped.get(), milliseconds) == WAIT_TIMEOUT;
 }
 
-bool PipeEnd::finish(BOOL begun)
+bool PipeEnd::finish(BOOL begun, DWORD size)
 {
     if (!begun && GetLastError() != ERROR_IO_PENDING)
         return false;
@@ -71,36 +69,23 @@ bool PipeEnd::finish(BOOL begun)
         CancelIoEx(handle.get(), &io);
     // Until the operation has ended, the system writes to `io` and to the buffer.
     DWORD length = 0;
-    return GetOverlappedResult(handle.get(), &io, &length, TRUE);
+    return GetOverlappedResult(handle.get(), &io, &length, TRUE) && length == size;
 }
 
 // ---- At an output -------------------------------------------------------------------------------
 
-// The source is like none of the input's own process, whose numbers are small.
-RemoteInput::RemoteInput(unsigned inputPosition)
-    : name(pipeName(inputPosition)),
-      source(device::SourceId(GetCurrentProcessId()) << 32 | device::nextSourceId())
-{}
+RemoteInput::RemoteInput(unsigned inputPosition) : name(pipeName(inputPosition)) {}
 
-bool RemoteInput::take(MIDIPiece piece)
+bool RemoteInput::take(device::SourceId source, const MIDIPiece& piece)
 {
     if (!connect())
         return false;
-    bool taken = false;
-    do {
-        Frame frame;
-        frame.source = source;
-        frame.piece = piece;
-        frame.piece.length = std::min(piece.length, sizeof frame.bytes);
-        frame.piece.last = piece.last && frame.piece.length == piece.length;
-        std::copy_n(piece.bytes, frame.piece.length, frame.bytes);
-        BYTE answer = 0;
-        taken = pipe.write(&frame, kFrameHead + static_cast<DWORD>(frame.piece.length)) &&
-                pipe.read(&answer, sizeof answer);
-        piece.first = false;
-        piece.bytes += frame.piece.length;
-        piece.length -= frame.piece.length;
-    } while (taken && piece.length > 0);
+    const Head head{source, piece};
+    BYTE answer = 0;
+    const bool taken =
+        pipe.write(&head, sizeof head) &&
+        (piece.length == 0 || pipe.write(piece.bytes, static_cast<DWORD>(piece.length))) &&
+        pipe.read(&answer, sizeof answer);
     pipe.close();
     return taken;
 }
@@ -136,9 +121,10 @@ void Listener::stop()
 bool Listener::offer()
 {
     constexpr DWORD instances = 1; // in all processes
+    constexpr DWORD buffer = 32 * 1024;
     return pipe.open(CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
                                       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
-                                      instances, sizeof(Frame), sizeof(Frame), 0, nullptr));
+                                      instances, buffer, buffer, 0, nullptr));
 }
 
 void Listener::run()
@@ -153,12 +139,13 @@ void Listener::run()
 void Listener::serveSender()
 {
     pipe.awaitSender();
-    Frame frame;
-    while (pipe.read(&frame, sizeof frame) && pipe.transferred() >= kFrameHead &&
-           pipe.transferred() - kFrameHead == frame.piece.length) {
-        frame.piece.bytes = frame.bytes;
-        input.take(frame.source, frame.piece);
-        pipe.write(&kTaken, sizeof kTaken);
+    std::vector<unsigned char> bytes;
+    for (Head head; pipe.read(&head, sizeof head); pipe.write(&kTaken, sizeof kTaken)) {
+        bytes.resize(head.piece.length);
+        if (!bytes.empty() && !pipe.read(bytes.data(), static_cast<DWORD>(bytes.size())))
+            break;
+        head.piece.bytes = bytes.data();
+        input.take(head.source, head.piece);
     }
     pipe.disconnect();
 }

@@ -1,5 +1,5 @@
 // The way from an output of one process to an input of another: each input has a named pipe. A
-// sender connects to it for a single frame, and is answered when the input has the frame.
+// sender connects to it for a single piece, and is answered when the input has the piece.
 #pragma once
 
 #include "workbench/cable/System.h"
@@ -11,7 +11,8 @@
 
 namespace cable {
 
-// One end of a pipe. Operations return when they are done, and fail if the other end closes.
+// One end of a pipe. Operations return when they are done, and fail if the other end closes or has
+// sent a message of another length.
 class PipeEnd
 {
 public:
@@ -24,7 +25,6 @@ public:
     void disconnect() { DisconnectNamedPipe(handle.get()); }
     bool read(void* target, DWORD size);
     bool write(const void* source, DWORD size);
-    std::size_t transferred() const { return io.InternalHigh; } // bytes, by the last operation
 
     // From any thread. Operations fail, also one that is under way, until allow().
     void stop() { SetEvent(stopped.get()); }
@@ -33,7 +33,7 @@ public:
     bool pause(DWORD milliseconds) const;
 
 private:
-    bool finish(BOOL begun);
+    bool finish(BOOL begun, DWORD size);
 
     Handle handle;
     OVERLAPPED io = {};
@@ -49,7 +49,7 @@ public:
     explicit RemoteInput(unsigned inputPosition);
 
     // Returns when the input has the piece. False if nobody listens, or after cancel().
-    bool take(MIDIPiece piece);
+    bool take(device::SourceId source, const MIDIPiece& piece);
 
     // From any thread: gives up what is under way, and what comes until allow().
     void cancel() { pipe.stop(); }
@@ -59,7 +59,6 @@ private:
     bool connect();
 
     const std::wstring name;
-    const device::SourceId source;
     PipeEnd pipe;
 };
 

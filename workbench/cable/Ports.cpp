@@ -3,6 +3,7 @@
 #include "workbench/cable/EventLog.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <utility>
 
@@ -43,7 +44,7 @@ public:
     bool connect() override
     {
         remote.allow();
-        auto& inputs = PortTable::instance().inputs;
+        auto& inputs = places(true);
         if (to > 0 && to <= inputs.size())
             local = inputs[to - 1].clients();
         local.erase(std::remove_if(local.begin(), local.end(),
@@ -55,7 +56,7 @@ public:
     {
         for (const auto& input : local)
             static_cast<InputPort&>(*input).take(source, piece);
-        return !local.empty() || (to != 0 && remote.take(piece));
+        return !local.empty() || (to != 0 && remote.take(source, piece));
     }
     void disconnect() override { local.clear(); }
     void cancel() override { remote.cancel(); }
@@ -63,13 +64,15 @@ public:
 private:
     static unsigned inputOf(const Place& output)
     {
-        const bool hasOpposite = output.position <= PortTable::instance().inputs.size();
+        const bool hasOpposite = output.position <= places(true).size();
         return output.description.to.value_or(hasOpposite ? output.position : 0);
     }
 
     const Place& output;
     const unsigned to;
-    const device::SourceId source = device::nextSourceId();
+    // Like no other of any process.
+    const device::SourceId source =
+        device::SourceId(GetCurrentProcessId()) << 32 | device::nextSourceId();
     std::vector<Place::Client> local; // the input, if this process has it open
     RemoteInput remote;               // otherwise
 };
@@ -123,18 +126,18 @@ void Place::log(const std::string& event) const
     logEvent(description.isInput ? "in" : "out", position, event);
 }
 
-PortTable& PortTable::instance()
+std::deque<Place>& places(bool ofInput)
 {
     // Never destroyed: the ports' threads may run until the process has ended.
-    static PortTable& table = *[] {
-        auto* const made = new PortTable;
+    static auto& all = *[] {
+        auto* const made = new std::array<std::deque<Place>, 2>;
         for (const PortDescription& port : readDescription()) {
-            auto& places = port.isInput ? made->inputs : made->outputs;
-            places.emplace_back(port, places.size() + 1);
+            auto& direction = (*made)[port.isInput];
+            direction.emplace_back(port, direction.size() + 1);
         }
         return made;
     }();
-    return table;
+    return all[ofInput];
 }
 
 } // namespace cable

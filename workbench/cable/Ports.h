@@ -39,12 +39,8 @@ private:
     std::vector<Client> all; // guarded by `mutex`; several on Windows 11
 };
 
-// The ports that the description lists. Read when first asked for; live as long as the process.
-struct PortTable
-{
-    static PortTable& instance();
-
-    std::deque<Place> inputs, outputs;
-};
+// The ports that the description lists, of one direction. Read when first asked for; live as long
+// as the process.
+std::deque<Place>& places(bool ofInput);
 
 } // namespace cable

@@ -35,11 +35,7 @@ constexpr unsigned kMutexFlags = __tsan_mutex_linker_init | __tsan_mutex_write_r
 // QThread::wait returns while the thread is still on its way out, ordered by a mutex inside Qt that
 // nobody sees. Here it also joins the thread, which is seen.
 
-std::mutex& threadsLock() // guards threads()
-{
-    static std::mutex lock;
-    return lock;
-}
+std::mutex threadsLock; // guards threads()
 
 std::map<const void*, pthread_t>& threads() // not waited for yet, by QThread
 {
@@ -66,7 +62,7 @@ extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
     if (!isInQt(routine))
         return __interceptor_pthread_create(id, attributes, routine, argument);
     pthread_attr_setdetachstate(const_cast<pthread_attr_t*>(attributes), PTHREAD_CREATE_JOINABLE);
-    const std::lock_guard<std::mutex> guard(threadsLock());
+    const std::lock_guard<std::mutex> guard(threadsLock);
     const int result = __interceptor_pthread_create(id, attributes, routine, argument);
     if (result == 0)
         threads()[argument] = *id;
@@ -80,7 +76,7 @@ bool QThread::wait(unsigned long time)
     static const Wait qtWait = qtFunction<Wait>("_ZN7QThread4waitEm");
     if (!qtWait(this, time))
         return false;
-    std::unique_lock<std::mutex> guard(threadsLock());
+    std::unique_lock<std::mutex> guard(threadsLock);
     const auto ended = threads().extract(this);
     guard.unlock();
     if (ended) // else it was never started

@@ -58,10 +58,8 @@ Resources inUse();
 constexpr unsigned kAllFromThere = UINT_MAX;
 
 // The n-th call from now (1 is the next one), and the count - 1 calls behind it, fail without doing
-// anything. A function with an MMRESULT, an HRESULT or a wait result returns `result`; one that
-// returns a handle, a pointer or a BOOL returns null or FALSE and leaves `result` to GetLastError.
-// Without a result: MMSYSERR_ERROR, E_FAIL, WAIT_FAILED, or ERROR_NOT_ENOUGH_MEMORY respectively.
-// Functions that cannot fail (Sleep, GetLastError, timeGetTime, ...) are refused.
+// anything and return `result`; without one MMSYSERR_ERROR, E_FAIL, WAIT_FAILED, null or FALSE, as
+// befits the function. Functions that cannot fail (Sleep, timeGetTime, ...) are refused.
 void failCall(std::string_view function, unsigned n = 1, std::optional<DWORD> result = {},
               unsigned count = 1);
 void clearFailures();
@@ -168,7 +166,6 @@ MIDIHDR* returnBuffer(int input, DWORD bytesRecorded, const void* bytes = nullpt
 // Calls the callback with arbitrary arguments, started or not. False if no port is open.
 bool raw(int input, UINT message, DWORD parameter1, DWORD parameter2);
 
-bool isStarted(int input);
 std::size_t queuedBuffers(int input);
 
 struct FloodReport

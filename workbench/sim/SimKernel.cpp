@@ -17,8 +17,6 @@ namespace internal {
 
 namespace {
 
-thread_local DWORD lastError = 0;
-
 // ---- Events -------------------------------------------------------------------------------------
 
 // An event is the word that its waiters sleep on, 1 when it is signalled. Setting is a release and
@@ -41,24 +39,21 @@ HandleSlot slots[kHandleSlots];
 std::atomic<std::size_t> slotsUsed{0};
 std::atomic<int> openHandles{0};
 
+// An open handle of an event that has a name.
 struct NamedEvent
 {
     std::u16string name;
     Event* event;
-    int handles;
 };
 
 std::mutex namesLock; // guards namedEvents
 std::vector<NamedEvent> namedEvents;
 
-// Null, and the last error, if the handle is not open.
+// Null if the handle is not open.
 Event* eventOf(HANDLE handle)
 {
     auto* const slot = static_cast<HandleSlot*>(handle);
-    Event* const event = slot ? slot->event.load(std::memory_order_relaxed) : nullptr;
-    if (!event)
-        setLastError(ERROR_INVALID_HANDLE);
-    return event;
+    return slot ? slot->event.load(std::memory_order_relaxed) : nullptr;
 }
 
 // INFINITE is 49 days.
@@ -90,11 +85,6 @@ std::atomic<int> sleepError{0};
 
 } // namespace
 
-void setLastError(DWORD error)
-{
-    lastError = error;
-}
-
 DWORD now()
 {
     if (virtualTime.load(std::memory_order_relaxed))
@@ -120,7 +110,6 @@ void resetKernel()
     namedEvents.clear();
     virtualTime.store(false, std::memory_order_relaxed);
     sleepError.store(0, std::memory_order_relaxed);
-    lastError = 0;
 }
 
 } // namespace internal
@@ -162,7 +151,7 @@ using namespace sim::internal;
 // Auto-reset events only.
 HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCWSTR name)
 {
-    Entry entry(Function::CreateEventW, nullptr, nullptr, manualReset != FALSE,
+    Entry entry(SIM_FUNCTION(CreateEventW), nullptr, nullptr, manualReset != FALSE,
                 initialState != FALSE);
     return entry.serve([&] {
         const std::size_t index = slotsUsed.fetch_add(1, std::memory_order_relaxed);
@@ -173,30 +162,24 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
         HandleSlot& slot = slots[index];
         slot.own.store(initialState != FALSE, std::memory_order_relaxed);
         Event* event = &slot.own;
-        DWORD error = ERROR_SUCCESS;
         if (name && *name) {
             const std::lock_guard<std::mutex> guard(namesLock);
             const auto named =
                 std::find_if(namedEvents.begin(), namedEvents.end(),
                              [&](const NamedEvent& candidate) { return candidate.name == name; });
-            if (named == namedEvents.end()) {
-                namedEvents.push_back({name, event, 1});
-            } else {
-                ++named->handles;
+            if (named != namedEvents.end())
                 event = named->event;
-                error = ERROR_ALREADY_EXISTS;
-            }
+            namedEvents.push_back({name, event});
         }
         slot.event.store(event, std::memory_order_relaxed);
         openHandles.fetch_add(1, std::memory_order_relaxed);
-        setLastError(error);
         return static_cast<HANDLE>(&slot);
     });
 }
 
 BOOL CloseHandle(HANDLE handle)
 {
-    return Entry(Function::CloseHandle, handle).serve([&] {
+    return Entry(SIM_FUNCTION(CloseHandle), handle).serve([&] {
         const Event* const event = eventOf(handle);
         if (!event)
             return FALSE;
@@ -206,7 +189,7 @@ BOOL CloseHandle(HANDLE handle)
         const auto named =
             std::find_if(namedEvents.begin(), namedEvents.end(),
                          [&](const NamedEvent& candidate) { return candidate.event == event; });
-        if (named != namedEvents.end() && --named->handles == 0)
+        if (named != namedEvents.end())
             namedEvents.erase(named);
         return TRUE;
     });
@@ -214,7 +197,7 @@ BOOL CloseHandle(HANDLE handle)
 
 BOOL SetEvent(HANDLE handle)
 {
-    return Entry(Function::SetEvent, handle).serve([&] {
+    return Entry(SIM_FUNCTION(SetEvent), handle).serve([&] {
         Event* const event = eventOf(handle);
         // Whoever found it unsignalled wakes a waiter; a second signal has nobody more to wake.
         if (event && event->exchange(1, std::memory_order_release) == 0)
@@ -225,7 +208,7 @@ BOOL SetEvent(HANDLE handle)
 
 BOOL ResetEvent(HANDLE handle)
 {
-    return Entry(Function::ResetEvent, handle).serve([&] {
+    return Entry(SIM_FUNCTION(ResetEvent), handle).serve([&] {
         Event* const event = eventOf(handle);
         if (event)
             event->store(0, std::memory_order_relaxed);
@@ -235,9 +218,8 @@ BOOL ResetEvent(HANDLE handle)
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds)
 {
-    return Entry(Function::WaitForSingleObject, handle, nullptr, milliseconds).serve([&] {
-        return waitFor(handle, milliseconds);
-    });
+    Entry entry(SIM_FUNCTION(WaitForSingleObject), handle, nullptr, milliseconds);
+    return entry.serve([&] { return waitFor(handle, milliseconds); }, WAIT_FAILED);
 }
 
 // For one object only.
@@ -245,27 +227,28 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL, DWORD mil
 {
     if (count != 1)
         stopWith("WaitForMultipleObjects: for one object only");
-    Entry entry(Function::WaitForMultipleObjects, *handles, nullptr, count, milliseconds);
-    return entry.serve([&] { return waitFor(*handles, milliseconds); });
+    Entry entry(SIM_FUNCTION(WaitForMultipleObjects), *handles, nullptr, count, milliseconds);
+    return entry.serve([&] { return waitFor(*handles, milliseconds); }, WAIT_FAILED);
 }
 
 // One module, which is never unloaded.
 BOOL GetModuleHandleExW(DWORD flags, LPCWSTR name, HMODULE* module)
 {
-    return Entry(Function::GetModuleHandleExW, name, nullptr, flags).serve([&] {
+    return Entry(SIM_FUNCTION(GetModuleHandleExW), name, nullptr, flags).serve([&] {
         *module = reinterpret_cast<HMODULE>(std::uintptr_t(1) << 16);
         return TRUE;
     });
 }
 
+// Why a call failed is not kept, as nobody looks.
 DWORD GetLastError(void)
 {
-    return Entry(Function::GetLastError).serve([] { return lastError; });
+    return Entry(SIM_FUNCTION(GetLastError)).serve([] { return DWORD(0); });
 }
 
 void Sleep(DWORD milliseconds)
 {
-    const Entry entry(Function::Sleep, nullptr, nullptr, milliseconds);
+    const Entry entry(SIM_FUNCTION(Sleep), nullptr, nullptr, milliseconds);
     if (milliseconds > 0 && virtualTime.load(std::memory_order_relaxed)) {
         const std::int64_t passed =
             std::int64_t(milliseconds) + sleepError.load(std::memory_order_relaxed);
@@ -281,14 +264,15 @@ void Sleep(DWORD milliseconds)
 
 DWORD timeGetTime(void)
 {
-    return Entry(Function::timeGetTime).serve([] { return now(); });
+    return Entry(SIM_FUNCTION(timeGetTime)).serve([] { return now(); });
 }
 
 HRESULT CoCreateGuid(GUID* guid)
 {
-    return Entry(Function::CoCreateGuid).serve([&] {
+    const auto make = [&] {
         if (getrandom(guid, sizeof *guid, 0) != static_cast<ssize_t>(sizeof *guid))
             stopWith("no random bytes for a GUID");
         return S_OK;
-    });
+    };
+    return Entry(SIM_FUNCTION(CoCreateGuid)).serve(make, DWORD(E_FAIL));
 }

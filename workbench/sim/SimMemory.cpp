@@ -97,20 +97,20 @@ static char processHeap; // its address is the handle
 
 HANDLE GetProcessHeap(void)
 {
-    return Entry(Function::GetProcessHeap).serve([] { return static_cast<HANDLE>(&processHeap); });
+    return Entry(SIM_FUNCTION(GetProcessHeap)).serve([] {
+        return static_cast<HANDLE>(&processHeap);
+    });
 }
 
 LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
 {
-    return Entry(Function::HeapAlloc, heap, nullptr, flags, bytes).serve([&]() -> LPVOID {
+    return Entry(SIM_FUNCTION(HeapAlloc), heap, nullptr, flags, bytes).serve([&]() -> LPVOID {
         if (heap != &processHeap)
             stopWith("HeapAlloc: not the process heap");
         const int place = heapHigh.load(std::memory_order_relaxed) ? 0 : MAP_32BIT;
         const Pages pages = map(nullptr, bytes + 2 * kRedZone, place);
-        if (!pages.begin) {
-            setLastError(ERROR_NOT_ENOUGH_MEMORY);
+        if (!pages.begin)
             return nullptr;
-        }
         char* const block = static_cast<char*>(pages.begin) + kRedZone;
         if ((flags & HEAP_ZERO_MEMORY) == 0)
             std::memset(block, sim::kMemoryFill, bytes);
@@ -124,7 +124,7 @@ LPVOID HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes)
 
 BOOL HeapFree(HANDLE, DWORD flags, LPVOID memory)
 {
-    return Entry(Function::HeapFree, memory, nullptr, flags).serve([&] {
+    return Entry(SIM_FUNCTION(HeapFree), memory, nullptr, flags).serve([&] {
         const std::lock_guard<std::mutex> guard(memoryLock);
         const auto freed = heapBlocks.extract(memory);
         if (!freed)
@@ -144,15 +144,13 @@ BOOL HeapFree(HANDLE, DWORD flags, LPVOID memory)
 // Reserves and commits in one step, at an address that the caller has found free.
 LPVOID VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protection)
 {
-    return Entry(Function::VirtualAlloc, address, nullptr, bytes, type).serve([&]() -> LPVOID {
+    return Entry(SIM_FUNCTION(VirtualAlloc), address, nullptr, bytes, type).serve([&]() -> LPVOID {
         if (!address || reinterpret_cast<std::uintptr_t>(address) % kGranularity != 0 ||
             type != (MEM_RESERVE | MEM_COMMIT) || protection != PAGE_READWRITE)
             stopWith("VirtualAlloc: reserves and commits at an aligned address only");
         const Pages pages = map(address, bytes, MAP_FIXED_NOREPLACE);
-        if (!pages.begin) {
-            setLastError(ERROR_INVALID_ADDRESS);
+        if (!pages.begin)
             return nullptr;
-        }
         // The rest of the last page could be used on Windows, but nobody asked for it.
         ASAN_POISON_MEMORY_REGION(static_cast<char*>(address) + bytes, pages.length - bytes);
         const std::lock_guard<std::mutex> guard(memoryLock);
@@ -163,7 +161,7 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T bytes, DWORD type, DWORD protection)
 
 BOOL VirtualFree(LPVOID address, SIZE_T bytes, DWORD type)
 {
-    return Entry(Function::VirtualFree, address, nullptr, bytes, type).serve([&] {
+    return Entry(SIM_FUNCTION(VirtualFree), address, nullptr, bytes, type).serve([&] {
         const std::lock_guard<std::mutex> guard(memoryLock);
         const auto freed = virtualBlocks.extract(address);
         if (type != MEM_RELEASE || bytes != 0 || !freed)
@@ -176,7 +174,7 @@ BOOL VirtualFree(LPVOID address, SIZE_T bytes, DWORD type)
 // Tells what is free and how far that goes.
 SIZE_T VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION information, SIZE_T length)
 {
-    return Entry(Function::VirtualQuery, address, nullptr, length).serve([&]() -> SIZE_T {
+    return Entry(SIM_FUNCTION(VirtualQuery), address, nullptr, length).serve([&]() -> SIZE_T {
         const std::uintptr_t page = reinterpret_cast<std::uintptr_t>(address) / kPage * kPage;
         // The first mapping that ends behind it.
         std::uintptr_t begin = 0;
@@ -198,7 +196,7 @@ SIZE_T VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION information, SIZE
 // The C library's heap below, so that AddressSanitizer and LeakSanitizer watch task memory.
 LPVOID CoTaskMemAlloc(SIZE_T bytes)
 {
-    return Entry(Function::CoTaskMemAlloc, nullptr, nullptr, bytes).serve([&] {
+    return Entry(SIM_FUNCTION(CoTaskMemAlloc), nullptr, nullptr, bytes).serve([&] {
         void* const memory = bytes <= kLargestTaskBlock ? std::malloc(bytes) : nullptr;
         if (memory) {
             std::memset(memory, sim::kMemoryFill, bytes);
@@ -210,7 +208,7 @@ LPVOID CoTaskMemAlloc(SIZE_T bytes)
 
 void CoTaskMemFree(LPVOID memory)
 {
-    const Entry entry(Function::CoTaskMemFree, memory);
+    const Entry entry(SIM_FUNCTION(CoTaskMemFree), memory);
     if (memory)
         taskBlocks.fetch_sub(1, std::memory_order_relaxed);
     std::free(memory);

@@ -207,10 +207,11 @@ MMRESULT openPort(Handle* handle, UINT index, DWORD_PTR callback, DWORD_PTR inst
 template <typename Handle, typename Work>
 MMRESULT servedBy(Entry&& entry, Handle handle, Work work)
 {
-    return entry.serve([&]() -> MMRESULT {
+    const auto serve = [&]() -> MMRESULT {
         auto* const port = reinterpret_cast<Port<Handle>*>(handle);
         return port && port->isOpen() ? work(*port) : MMRESULT{MMSYSERR_INVALHANDLE};
-    });
+    };
+    return entry.serve(serve, MMSYSERR_ERROR);
 }
 
 template <typename Handle, typename Capabilities>
@@ -224,7 +225,6 @@ MMRESULT capabilities(UINT_PTR index, Capabilities* target, UINT size)
     if (device->settings.capsResult != MMSYSERR_NOERROR)
         return device->settings.capsResult;
     Capabilities found{};
-    found.vDriverVersion = 0x0100;
     std::copy(device->name.begin(), device->name.end(), found.szPname);
     std::memcpy(target, &found, std::min<std::size_t>(size, sizeof found));
     return MMSYSERR_NOERROR;
@@ -344,12 +344,6 @@ bool raw(int input, UINT message, DWORD parameter1, DWORD parameter2)
     return port && port->raw(message, parameter1, parameter2);
 }
 
-bool isStarted(int input)
-{
-    auto* const port = firstClient<HMIDIIN>(input);
-    return port && port->isStarted();
-}
-
 std::size_t queuedBuffers(int input)
 {
     auto* const port = firstClient<HMIDIIN>(input);
@@ -445,33 +439,35 @@ using namespace sim::internal;
 #define SIM_DEVICE_CALLS(In, Handle, Capabilities)                                                 \
     UINT midi##In##GetNumDevs(void)                                                                \
     {                                                                                              \
-        return Entry(Function::midi##In##GetNumDevs).serve([] {                                    \
+        return Entry(SIM_FUNCTION(midi##In##GetNumDevs)).serve([] {                                \
             return static_cast<UINT>(devices<Handle>.size());                                      \
         });                                                                                        \
     }                                                                                              \
     MMRESULT midi##In##GetDevCapsW(UINT_PTR device, Capabilities* found, UINT size)                \
     {                                                                                              \
-        Entry entry(Function::midi##In##GetDevCapsW, nullptr, nullptr, device, size);              \
-        return entry.serve([&] { return capabilities<Handle>(device, found, size); });             \
+        Entry entry(SIM_FUNCTION(midi##In##GetDevCapsW), nullptr, nullptr, device, size);          \
+        const auto serve = [&] { return capabilities<Handle>(device, found, size); };              \
+        return entry.serve(serve, MMSYSERR_ERROR);                                                 \
     }                                                                                              \
     MMRESULT midi##In##Open(Handle* handle, UINT device, DWORD_PTR callback, DWORD_PTR instance,   \
                             DWORD flags)                                                           \
     {                                                                                              \
-        Entry entry(Function::midi##In##Open, nullptr, nullptr, device, flags);                    \
-        return entry.serve([&] { return openPort(handle, device, callback, instance, flags); });   \
+        Entry entry(SIM_FUNCTION(midi##In##Open), nullptr, nullptr, device, flags);                \
+        const auto serve = [&] { return openPort(handle, device, callback, instance, flags); };    \
+        return entry.serve(serve, MMSYSERR_ERROR);                                                 \
     }
 
 #define SIM_PORT_CALL(function, Handle, call)                                                      \
     MMRESULT function(Handle handle)                                                               \
     {                                                                                              \
-        return servedBy(Entry(Function::function, handle), handle,                                 \
+        return servedBy(Entry(SIM_FUNCTION(function), handle), handle,                             \
                         [](Port<Handle>& port) { return port.call; });                             \
     }
 
 #define SIM_HEADER_CALL(function, Handle, call)                                                    \
     MMRESULT function(Handle handle, LPMIDIHDR header, UINT size)                                  \
     {                                                                                              \
-        return servedBy(Entry(Function::function, handle, header, size), handle,                   \
+        return servedBy(Entry(SIM_FUNCTION(function), handle, header, size), handle,               \
                         [&](Port<Handle>& port) { return port.call(header, size); });              \
     }
 
@@ -492,6 +488,6 @@ SIM_HEADER_CALL(midiOutLongMsg, HMIDIOUT, sendLong)
 
 MMRESULT midiOutShortMsg(HMIDIOUT handle, DWORD message)
 {
-    return servedBy(Entry(Function::midiOutShortMsg, handle, nullptr, message), handle,
+    return servedBy(Entry(SIM_FUNCTION(midiOutShortMsg), handle, nullptr, message), handle,
                     [&](Port<HMIDIOUT>& port) { return port.sendShort(message); });
 }

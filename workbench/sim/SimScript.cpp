@@ -1,10 +1,8 @@
 // Failures, counters, hooks and the call log.
 #include "SimInternal.h"
 
-#include "objbase.h"
 #include "workbench/device/Header.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -19,52 +17,14 @@ namespace internal {
 
 namespace {
 
-// How a function fails unless the test says otherwise.
-struct Failure
-{
-    DWORD usual; // 0: it cannot fail
-    bool isReturned = false;
-};
-
-constexpr Failure Null{ERROR_NOT_ENOUGH_MEMORY};
-constexpr Failure Wait{WAIT_FAILED, true};
-constexpr Failure Com{DWORD(E_FAIL), true};
-constexpr Failure Multimedia{MMSYSERR_ERROR, true};
-constexpr Failure Never{0};
-
-struct FunctionState
-{
-    const char* name;
-    Failure failure;
-    std::atomic<std::uint64_t> calls{0};
-};
-
-FunctionState functions[] = {
-#define SIM_STATE(name, failure) {#name, failure},
-    SIM_FUNCTIONS(SIM_STATE)
-#undef SIM_STATE
-};
-
-FunctionState& stateOf(Function function)
-{
-    return functions[static_cast<std::size_t>(function)];
-}
-
-Function functionNamed(std::string_view name)
-{
-    const auto* const found = std::find_if(std::begin(functions), std::end(functions),
-                                           [&](const auto& state) { return state.name == name; });
-    if (found == std::end(functions))
-        stopWith("no simulated function has the name", name);
-    return static_cast<Function>(found - functions);
-}
+std::atomic<std::uint64_t> callCounts[kFunctions.size()];
 
 // What the test has ordered. A published script never changes, so calls read it without a lock; an
 // old one is kept until reset(), as a call may still be reading it.
 struct Script
 {
     std::vector<Fault> faults;
-    std::vector<std::pair<Function, std::function<void(const Call&)>>> hooks;
+    std::vector<std::pair<std::size_t, std::function<void(const Call&)>>> hooks;
 };
 
 std::mutex scriptLock; // guards scripts
@@ -109,22 +69,19 @@ LogRecord records[kLogCapacity];
 
 } // namespace
 
-Entry::Entry(Function function, const void* handle, MIDIHDR* header, std::uint64_t argument1,
+Entry::Entry(std::size_t function, const void* handle, MIDIHDR* header, std::uint64_t argument1,
              std::uint64_t argument2)
 {
-    FunctionState& state = stateOf(function);
-    const std::uint64_t number = state.calls.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint64_t number = callCounts[function].fetch_add(1, std::memory_order_relaxed) + 1;
     const bool logs = logging.load(std::memory_order_relaxed);
     const bool scripted = currentScript.load(std::memory_order_relaxed) != nullptr;
     if (!logs && !scripted)
         return;
 
-    Call call;
-    call.function = state.name;
-    call.handle = reinterpret_cast<std::uintptr_t>(handle);
-    call.header = header;
-    call.arguments[0] = argument1;
-    call.arguments[1] = argument2;
+    Call call{kFunctions[function],
+              reinterpret_cast<std::uintptr_t>(handle),
+              header,
+              {argument1, argument2}};
     if (header) {
         call.headerFlags = device::flagsOf(*header);
         call.headerLength = header->dwBufferLength;
@@ -141,7 +98,7 @@ Entry::Entry(Function function, const void* handle, MIDIHDR* header, std::uint64
         consultScript(function, call, number);
 }
 
-void Entry::consultScript(Function function, const Call& call, std::uint64_t number)
+void Entry::consultScript(std::size_t function, const Call& call, std::uint64_t number)
 {
     if (const Script* const script = currentScript.load(std::memory_order_acquire)) {
         for (const auto& [hooked, hook] : script->hooks) {
@@ -185,8 +142,8 @@ void reset()
     resetMemory();
     currentScript.store(nullptr, std::memory_order_relaxed);
     scripts.clear();
-    for (FunctionState& state : functions)
-        state.calls.store(0, std::memory_order_relaxed);
+    for (auto& count : callCounts)
+        count.store(0, std::memory_order_relaxed);
     for (std::size_t i = logUsed.exchange(0, std::memory_order_relaxed); i > 0; --i)
         records[i - 1].state.store(LogRecord::Empty, std::memory_order_relaxed);
     logStart.store(0, std::memory_order_relaxed);
@@ -220,13 +177,11 @@ Resources inUse()
 
 void failCall(std::string_view name, unsigned n, std::optional<DWORD> result, unsigned count)
 {
-    const Function function = functionNamed(name);
-    const auto& [usual, isReturned] = stateOf(function).failure;
-    if (usual == 0)
+    const std::size_t function = functionNamed(name);
+    if (function < kCannotFail)
         stopWith("this function cannot fail:", name);
     const std::uint64_t first = callCount(name) + n;
-    const std::uint64_t last = count == kAllFromThere ? UINT64_MAX : first + (count - 1);
-    const Fault fault{function, first, last, result.value_or(usual), isReturned};
+    const Fault fault{function, first, first + count - 1, result};
     changeScript([&](Script& script) { script.faults.push_back(fault); });
 }
 
@@ -237,12 +192,12 @@ void clearFailures()
 
 std::uint64_t callCount(std::string_view function)
 {
-    return stateOf(functionNamed(function)).calls.load(std::memory_order_relaxed);
+    return callCounts[functionNamed(function)].load(std::memory_order_relaxed);
 }
 
 std::vector<Call> calls(std::string_view function)
 {
-    const char* const name = function.empty() ? nullptr : stateOf(functionNamed(function)).name;
+    const char* const name = function.empty() ? nullptr : kFunctions[functionNamed(function)];
     std::vector<Call> result;
     const std::size_t used = logUsed.load(std::memory_order_relaxed);
     for (std::size_t i = logStart.load(std::memory_order_relaxed); i < used; ++i) {

@@ -6,11 +6,6 @@
 constexpr HRESULT S_OK = 0;
 constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
 
-constexpr bool FAILED(HRESULT result)
-{
-    return result < 0;
-}
-
 extern "C" {
 LPVOID WINAPI CoTaskMemAlloc(SIZE_T bytes);
 void WINAPI CoTaskMemFree(LPVOID memory);

@@ -42,12 +42,6 @@ static_assert(sizeof(GUID) == 16, "a GUID has 16 bytes");
 static_assert(sizeof(DWORD) == 4 && sizeof(WCHAR) == 2 && sizeof(DWORD_PTR) == sizeof(void*),
               "the widths of 64-bit Windows");
 
-constexpr DWORD ERROR_SUCCESS = 0;
-constexpr DWORD ERROR_INVALID_HANDLE = 6;
-constexpr DWORD ERROR_NOT_ENOUGH_MEMORY = 8;
-constexpr DWORD ERROR_ALREADY_EXISTS = 183;
-constexpr DWORD ERROR_INVALID_ADDRESS = 487;
-
 constexpr DWORD INFINITE = 0xFFFFFFFF;
 constexpr DWORD WAIT_OBJECT_0 = 0;
 constexpr DWORD WAIT_TIMEOUT = 258;
