@@ -25,7 +25,7 @@ Port::InProgress::~InProgress()
     count.fetch_sub(1, std::memory_order_release);
 }
 
-void Port::waitForOthers(std::chrono::milliseconds limit)
+void Port::waitForOthers()
 {
     int own = 0;
     for (const InProgress* c = InProgress::innermost; c; c = c->outer) {
@@ -37,12 +37,9 @@ void Port::waitForOthers(std::chrono::milliseconds limit)
             std::abort();
         }
     }
-    const auto end = std::chrono::steady_clock::now() + limit;
     for (int round = 0; callbacks.load() > own; ++round) {
         if (round < 100)
             std::this_thread::yield();
-        else if (std::chrono::steady_clock::now() > end)
-            return;
         else
             std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
@@ -51,9 +48,6 @@ void Port::waitForOthers(std::chrono::milliseconds limit)
 // ---- Windows 11's driver ------------------------------------------------------------------------
 
 namespace {
-
-// That a close waits for the worker.
-constexpr std::chrono::seconds kCloseLimit{10};
 
 // Of all ports of the process.
 std::recursive_mutex& tableLock()
@@ -70,33 +64,26 @@ MMRESULT Port::lookUp(bool alsoRemoved)
         return MMSYSERR_NOERROR;
     const DriverLock table(tableLock());
     const DriverLock own(portLock);
-    return removed.load() && !alsoRemoved ? MMRESULT(MMSYSERR_NODRIVER)
-                                          : MMRESULT(MMSYSERR_NOERROR);
+    const bool isRemoved = isUnplugged() && settings.windows11.noticesRemoval;
+    return isRemoved && !alsoRemoved ? MMRESULT(MMSYSERR_NODRIVER) : MMRESULT(MMSYSERR_NOERROR);
 }
 
 void Port::unplug()
 {
     unplugged.store(true);
-    if (!isWindows11() || !settings.windows11.noticesRemoval)
-        return;
-    const DriverLock table(tableLock());
-    const DriverLock own(portLock);
-    removed.store(true);
+    if (settings.windows11.noticesRemoval)
+        lookUp(); // waits as any call
 }
 
 void Port::unload()
 {
-    {
-        const Lock held(lock);
-        if (!open.load())
-            return;
-        endWork();
-    }
+    Lock held(lock);
+    endWork();
+    held.unlock();
     waitForOthers();
-    {
-        Lock held(lock);
-        touchKept(held);
-    }
+    held.lock();
+    touchKept(held);
+    held.unlock();
     abandon();
     announce(closed);
 }
@@ -219,7 +206,7 @@ MMRESULT Port::close()
 
     released();
     if (waits) {
-        waitForOthers(isWindows11() ? kCloseLimit : kNoLimit);
+        waitForOthers();
         if (thread.joinable() && !onOwnThread())
             thread.join();
     }
@@ -313,7 +300,8 @@ void Port::tellReset(Lock& held, const Notices& due)
     if (settings.kind == DriverKind::WaitsInNeither) // its thread may be deep in a callback
         callAll(held, std::exchange(notices, {}));
     else if (settings.kind == DriverKind::WaitsInReset && !onOwnThread())
-        changed.wait_for(held, kNoLimit, [&] { return notices.empty() && !calling; });
+        changed.wait_for(held, std::chrono::hours(1000),
+                         [&] { return notices.empty() && !calling; });
 }
 
 // Inside the call that brings them about, or by whoever lets data arrive.

@@ -108,12 +108,11 @@ protected:
     bool isWindows11() const { return settings.kind == DriverKind::Windows11; }
     // At the head of every call to a port of the Windows 11 kind: takes the lock of all ports and
     // inside it the port's. Whoever holds the port's, as a send does, so holds up every call to any
-    // port. MMSYSERR_NODRIVER once the port knows that it is removed.
+    // port. MMSYSERR_NODRIVER after a removal that is noticed.
     MMRESULT lookUp(bool alsoRemoved = false);
-    // Until only those callbacks are left that the calling thread itself is inside of, or the limit
-    // has passed. Without the lock.
-    static constexpr std::chrono::hours kNoLimit{1000};
-    void waitForOthers(std::chrono::milliseconds limit = kNoLimit);
+    // Until only those callbacks are left that the calling thread itself is inside of. Without the
+    // lock.
+    void waitForOthers();
     void call(const Notice& notice) const;
 
     // The part of a header that Windows 11's driver asks for.
@@ -162,7 +161,6 @@ private:
     const Callback callback;
     std::atomic<bool> open{true}; // the thread ends when it is not and nothing is left to do
     std::atomic<bool> unplugged{false};
-    std::atomic<bool> removed{false}; // the port knows
     std::atomic<int> callbacks{0};
     bool calling = false; // the thread is inside a callback
     // Joining waits until it is gone, not just done with its work: Wine may crash a process that
