@@ -79,6 +79,7 @@ struct Input : Client<device::InputPort>
             std::this_thread::yield();
     }
 
+    bool hear(DWORD word) { return port->takeNow(0, {MIDIPiece::Kind::Short, word}) > 0; }
     MMRESULT add(Buffer& buffer) { return port->addBuffer(buffer.header(), sizeof(MIDIHDR)); }
 
     std::vector<Buffer*> giveBuffers(std::size_t count, std::size_t length)

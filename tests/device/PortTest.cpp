@@ -113,7 +113,7 @@ TEST_P(Ports, AnAbandonedPortCallsNobodyAndTouchesNoHeader)
     const Buffer& buffer = *input.startWith(1, 16).front();
     EXPECT_EQ(MIDIERR_STILLPLAYING, input.port->close());
     input.port->abandon();
-    EXPECT_FALSE(input.port->shortMessage(kNoteOn));
+    EXPECT_FALSE(input.hear(kNoteOn));
     waitAWhile();
     EXPECT_EQ(1u, input.recorder.notices().size()); // the opening
     EXPECT_EQ(kQueued, buffer.flags());
@@ -169,7 +169,7 @@ TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
             }
         });
         const auto given = input.startWith(call == 1 ? 1 : 0, 16);
-        std::thread driver([&] { input.port->shortMessage(0xF8); });
+        std::thread driver([&] { input.hear(0xF8); });
         entered.get_future().wait();
         std::future<MMRESULT> result = std::async(std::launch::async, [&] {
             return call == 0   ? input.port->stop()
@@ -215,7 +215,7 @@ TEST_P(Ports, ResetAndCloseInsideACallbackWaitForNothing)
         });
         port = input.port.get();
         buffer = input.startWith(1, 16).front();
-        EXPECT_TRUE(input.port->shortMessage(kNoteOn));
+        EXPECT_TRUE(input.hear(kNoteOn));
         EXPECT_EQ(1u, input.recorder.waitFor(MIM_CLOSE, 1).size());
         EXPECT_EQ(1u, input.recorder.notices(MIM_LONGDATA).size());
     }

@@ -21,7 +21,7 @@ MIDIPiece piece(const Bytes& bytes)
 // Lets SysEx arrive on this thread, as on the worker.
 std::size_t arrive(Input& input, const Bytes& bytes)
 {
-    return input.port->sysEx(kSource, piece(bytes));
+    return input.port->takeNow(kSource, piece(bytes));
 }
 
 // Leaves it to the worker.
@@ -124,8 +124,8 @@ TEST_F(Windows11Input, ReturnsWhatAStatusByteBreaksOffAsAnError)
     arrive(input, {0xF0, 2, 0xF7});
     for (const DWORD status : {0xF9u, 0xFDu}) { // no realtime to this driver
         arrive(input, {0xF0, 3});
-        EXPECT_TRUE(input.port->shortMessage(0xF8));
-        EXPECT_TRUE(input.port->shortMessage(status));
+        EXPECT_TRUE(input.hear(0xF8));
+        EXPECT_TRUE(input.hear(status));
     }
     EXPECT_EQ(input.heard(MIM_LONGERROR), (Messages{{0xF0, 1}, {0xF0, 3}, {0xF0, 3}}));
     EXPECT_EQ(input.heard(MIM_LONGDATA), (Messages{{0xF0, 2, 0xF7}}));
@@ -190,7 +190,7 @@ TEST_F(Windows11DeathTest, AStopInsideTheWorkersCallbackNeverReturns)
             input.port->stop();
     };
     input.port->start();
-    EXPECT_DEATH(input.port->shortMessage(0xF8), "never returns");
+    EXPECT_DEATH(input.hear(0xF8), "never returns");
 }
 
 // ---- Output -------------------------------------------------------------------------------------
@@ -308,7 +308,7 @@ TEST_F(Windows11Unplugged, InputRefusesEveryCallAndKeepsItsBuffers)
         EXPECT_EQ(input.port->unprepare(kept[0]->header(), sizeof(MIDIHDR)), MIDIERR_STILLPLAYING);
         EXPECT_EQ(input.port->close(), MIDIERR_STILLPLAYING);
         EXPECT_EQ(kept[0]->flags(), kQueued);
-        EXPECT_FALSE(input.port->shortMessage(kNoteOn));
+        EXPECT_FALSE(input.hear(kNoteOn));
         EXPECT_EQ(input.recorder.notices().size(), 1u); // no word of the loss
 
         // Until the driver is unloaded: the first header goes back if it holds bytes.

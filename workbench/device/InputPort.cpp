@@ -109,9 +109,8 @@ MMRESULT InputPort::stopWorker()
         return refusal;
     {
         const Lock held(lock);
-        started.store(false);
+        endWork();
         startedAt.store(0, std::memory_order_relaxed); // stamps are the machine's time from here on
-        bufferAdded.notify_all();
     }
     waitForOthers();
     return MMSYSERR_NOERROR;
@@ -121,13 +120,13 @@ MMRESULT InputPort::stopWorker()
 
 void InputPort::take(SourceId source, const MIDIPiece& piece)
 {
-    if (isUnplugged())
-        return;
     if (!isWindows11()) {
-        deliver(source, piece);
+        takeNow(source, piece);
         return;
     }
     const Lock held(lock);
+    if (isUnplugged())
+        return;
     if (arrivals.size() >= kMostPending) {
         lost.count(piece);
         return;
@@ -137,18 +136,18 @@ void InputPort::take(SourceId source, const MIDIPiece& piece)
     changed.notify_all();
 }
 
-bool InputPort::shortMessage(DWORD word)
+std::size_t InputPort::takeNow(SourceId source, const MIDIPiece& piece)
 {
-    return !isUnplugged() && deliverShort(word);
-}
-
-std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece)
-{
-    return isUnplugged() ? 0 : deliverSysEx(source, piece);
+    return isUnplugged() ? 0 : deliver(source, piece);
 }
 
 std::size_t InputPort::deliver(SourceId source, const MIDIPiece& piece)
 {
+    const InProgress inProgress(*this);
+    // Windows 11's driver takes it for every byte. Once for all of them makes the same threads wait
+    // for each other, and not so slowly.
+    if (isWindows11())
+        DriverLock{portLock}.unlock();
     return piece.kind == MIDIPiece::Kind::Short ? deliverShort(piece.word)
                                                 : deliverSysEx(source, piece);
 }
@@ -157,8 +156,6 @@ std::size_t InputPort::deliver(SourceId source, const MIDIPiece& piece)
 // adds buffers.
 bool InputPort::deliverShort(DWORD word)
 {
-    const InProgress inProgress(*this);
-    awaitPortLock();
     Lock held(lock, std::defer_lock);
     const auto status = static_cast<unsigned char>(word);
     // No messages to Windows 11's driver, and no realtime: they end a SysEx message.
@@ -181,8 +178,6 @@ bool InputPort::deliverShort(DWORD word)
 
 std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
 {
-    const InProgress inProgress(*this);
-    awaitPortLock();
     Lock held(lock);
     if (!started.load())
         return 0;
@@ -208,14 +203,6 @@ std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
             tell(held, giveBackFirst(MIM_LONGDATA));
     }
     return taken;
-}
-
-// Windows 11's driver takes it for every byte. Once for all of them makes the same threads wait for
-// each other, and not so slowly.
-void InputPort::awaitPortLock()
-{
-    if (isWindows11())
-        DriverLock{portLock}.unlock();
 }
 
 MIDIHDR* InputPort::returnBuffer(UINT code, DWORD bytesRecorded, const void* bytes,
