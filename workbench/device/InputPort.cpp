@@ -42,12 +42,8 @@ MMRESULT InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
     const Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
-    if (isWindows11()) { // whatever the flags say
-        if (!header || size < kLeastHeader)
-            return MMSYSERR_INVALPARAM;
-    } else if (const MMRESULT refusal = check(header, size)) {
+    if (const MMRESULT refusal = check(header, size))
         return refusal;
-    }
     header->dwBytesRecorded = 0;
     markQueued(*header);
     buffers.push_back(header);
@@ -64,8 +60,7 @@ MMRESULT InputPort::start()
         return MMSYSERR_NOERROR;
     const std::int64_t now = settings.clock();
     startedAt.store(now, std::memory_order_relaxed);
-    progress = {};
-    progress.since = now;
+    progress = {0, 0, now};
     started.store(true);
     changed.notify_all();
     return MMSYSERR_NOERROR;
@@ -78,7 +73,7 @@ MMRESULT InputPort::stop()
     Lock held(lock);
     endWork();
     if (filled > 0)
-        tell(held, giveBackPartial());
+        tell(held, {giveBackPartial()});
     return MMSYSERR_NOERROR;
 }
 
@@ -172,7 +167,7 @@ bool InputPort::deliverShort(DWORD word)
     else if (notices.size() >= kMostPending)
         ++lost.shortMessages;
     else
-        tell(held, notice);
+        tell(held, {notice});
     return true;
 }
 
@@ -200,7 +195,7 @@ std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
     if (piece.last && arrives()) {
         sysExSource = 0;
         if (filled > 0)
-            tell(held, giveBackFirst(MIM_LONGDATA));
+            tell(held, {giveBackFirst(MIM_LONGDATA)});
     }
     return taken;
 }
@@ -217,7 +212,7 @@ MIDIHDR* InputPort::returnBuffer(UINT code, DWORD bytesRecorded, const void* byt
     if (count > 0)
         std::memcpy(header->lpData, bytes, count);
     filled = bytesRecorded;
-    tell(held, giveBackFirst(code));
+    tell(held, {giveBackFirst(code)});
     return header;
 }
 
@@ -266,7 +261,7 @@ void InputPort::discardWork()
 void InputPort::touchKept(Lock& held)
 {
     if (!buffers.empty() && (flagsOf(*buffers.front()) & MHDR_INQUEUE) && filled > 0)
-        tell(held, giveBackFirst(MIM_LONGERROR));
+        tell(held, {giveBackFirst(MIM_LONGERROR)});
 }
 
 DWORD InputPort::timeStamp() const
@@ -295,7 +290,7 @@ std::size_t InputPort::fillFirst(Lock& held, MIDIPiece& piece)
     piece.bytes += length;
     piece.length -= length;
     if (filled == header->dwBufferLength)
-        tell(held, giveBackFirst(MIM_LONGDATA));
+        tell(held, {giveBackFirst(MIM_LONGDATA)});
     return length;
 }
 
@@ -306,9 +301,9 @@ void InputPort::breakOff(Lock& held)
     if (std::exchange(sysExSource, 0) == 0)
         return;
     if (filled > 0)
-        tell(held, giveBackFirst(MIM_LONGERROR));
+        tell(held, {giveBackFirst(MIM_LONGERROR)});
     else if (isWindows11() && !dropping && !buffers.empty())
-        tell(held, giveBackFirst(MIM_LONGDATA));
+        tell(held, {giveBackFirst(MIM_LONGDATA)});
 }
 
 Port::Notice InputPort::giveBackFirst(UINT message)

@@ -1,6 +1,5 @@
 #include "workbench/device/Port.h"
 
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
@@ -92,6 +91,9 @@ void Port::unload()
 
 namespace {
 
+// The part of a header that Windows 11's driver asks for.
+constexpr DWORD_PTR kLeastHeader = 32;
+
 // All that a client of any age must have; what follows is the driver's own.
 bool isWhole(const MIDIHDR* header, DWORD_PTR size)
 {
@@ -134,8 +136,11 @@ MMRESULT Port::unprepare(MIDIHDR* header, DWORD_PTR size)
     return MMSYSERR_NOERROR;
 }
 
-MMRESULT Port::check(const MIDIHDR* header, DWORD_PTR size)
+MMRESULT Port::check(const MIDIHDR* header, DWORD_PTR size) const
 {
+    if (isWindows11()) // whatever the flags say
+        return header && size >= kLeastHeader ? MMRESULT(MMSYSERR_NOERROR)
+                                              : MMRESULT(MMSYSERR_INVALPARAM);
     if (!isWhole(header, size))
         return MMSYSERR_INVALPARAM;
     const DWORD flags = flagsOf(*header);
@@ -269,13 +274,13 @@ Port::Notice Port::giveBack(UINT message, MIDIHDR* header, DWORD timeStamp)
     return {message, reinterpret_cast<DWORD_PTR>(header), timeStamp};
 }
 
-void Port::tell(Lock& held, const Notice& notice)
+void Port::tell(Lock& held, const Notices& due)
 {
     if (settings.ownThread) {
-        notices.push_back(notice);
+        notices.insert(notices.end(), due.begin(), due.end());
         changed.notify_all();
     } else {
-        callAll(held, {notice});
+        callAll(held, due);
     }
 }
 
@@ -291,12 +296,7 @@ void Port::waitInReset(Lock& held)
 
 void Port::tellReset(Lock& held, const Notices& due)
 {
-    if (!settings.ownThread) {
-        callAll(held, due);
-        return;
-    }
-    notices.insert(notices.end(), due.begin(), due.end());
-    changed.notify_all();
+    tell(held, due);
     if (settings.kind == DriverKind::WaitsInNeither) // its thread may be deep in a callback
         callAll(held, std::exchange(notices, {}));
     else if (settings.kind == DriverKind::WaitsInReset && !onOwnThread())

@@ -3,17 +3,35 @@
 #pragma once
 
 #include "transport/MIDIByteStream.h"
-#include "workbench/device/Header.h"
 #include "workbench/device/Settings.h"
 #include "workbench/device/Threads.h"
 
 #include <atomic>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <thread>
 
 namespace device {
+
+// The flags of a header, shared between the driver's threads and whoever polls them. Their offset
+// of 24 in the packed header keeps them aligned, which a compiler does not know.
+inline DWORD* flagsAddress(const MIDIHDR& header)
+{
+    const char* const bytes = reinterpret_cast<const char*>(&header);
+    return reinterpret_cast<DWORD*>(const_cast<char*>(bytes + offsetof(MIDIHDR, dwFlags)));
+}
+
+inline DWORD flagsOf(const MIDIHDR& header)
+{
+    return __atomic_load_n(flagsAddress(header), __ATOMIC_ACQUIRE);
+}
+
+inline void setFlags(MIDIHDR& header, DWORD flags)
+{
+    __atomic_store_n(flagsAddress(header), flags, __ATOMIC_RELEASE);
+}
 
 // What has been lost. Bytes are those of SysEx messages, or of none; a short message counts as one.
 struct Loss
@@ -115,10 +133,8 @@ protected:
     void waitForOthers();
     void call(const Notice& notice) const;
 
-    // The part of a header that Windows 11's driver asks for.
-    static constexpr DWORD_PTR kLeastHeader = 32;
-    // Whether the client of another kind may hand the header over now.
-    static MMRESULT check(const MIDIHDR* header, DWORD_PTR size);
+    // Whether the client may hand the header over now.
+    MMRESULT check(const MIDIHDR* header, DWORD_PTR size) const;
     static void markQueued(MIDIHDR& header);
 
     // For the destructors of those that work() belongs to. Waits for the thread, unless that is the
@@ -129,7 +145,7 @@ protected:
 
     // The header becomes the client's again, which must then be told.
     static Notice giveBack(UINT message, MIDIHDR* header, DWORD timeStamp);
-    void tell(Lock& held, const Notice& notice);
+    void tell(Lock& held, const Notices& due);
     // At the head of a reset, and at its end with what it brings about: waits as the kind says.
     void waitInReset(Lock& held);
     void tellReset(Lock& held, const Notices& due);

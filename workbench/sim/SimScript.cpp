@@ -2,7 +2,7 @@
 #include "SimInternal.h"
 
 #include "objbase.h"
-#include "workbench/device/Header.h"
+#include "workbench/device/Port.h"
 
 #include <algorithm>
 #include <atomic>
