@@ -36,9 +36,15 @@ struct Client
     device::Port::Callback callback()
     {
         return [this](UINT message, DWORD_PTR parameter1, DWORD parameter2) {
-            using Procedure = void(CALLBACK*)(HMIDIIN, UINT, DWORD_PTR, DWORD, DWORD);
-            reinterpret_cast<Procedure>(Recorder::inputCallback())(
-                nullptr, message, recorder.instance(), static_cast<DWORD>(parameter1), parameter2);
+            recorder.take(message, static_cast<DWORD>(parameter1), parameter2);
+        };
+    }
+    // What the callback does besides recording.
+    void on(UINT message, const std::function<void()>& action)
+    {
+        recorder.also = [=](const Notice& notice) {
+            if (notice.message == message)
+                action();
         };
     }
 
@@ -59,10 +65,8 @@ struct Client
 
 struct Input : Client<device::InputPort>
 {
-    // `also` is what the callback does besides recording.
-    explicit Input(const Settings& settings, std::function<void(const Notice&)> also = nullptr)
+    explicit Input(const Settings& settings)
     {
-        recorder.also = std::move(also);
         port = std::make_shared<device::InputPort>(settings, callback());
         EXPECT_TRUE(port->begin(port));
     }
@@ -108,9 +112,8 @@ struct Input : Client<device::InputPort>
     }
 };
 
-class Into : public device::Wire
+struct Into : device::Wire
 {
-public:
     explicit Into(device::InputPort* itsInput) : input(itsInput) {}
     bool take(const MIDIPiece& piece) override
     {
@@ -119,7 +122,6 @@ public:
         return input != nullptr;
     }
 
-private:
     device::InputPort* const input;
     const device::SourceId source = device::nextSourceId();
 };
