@@ -331,13 +331,6 @@ struct Generators : Pace
 {
     using Kind = device::Generator::Kind;
 
-    static Bytes dump(DWORD length, DWORD number)
-    {
-        Bytes bytes(length);
-        for (DWORD i = 0; i < length; ++i)
-            bytes[i] = device::dumpByte(i, length, number);
-        return bytes;
-    }
     static std::vector<DWORD> flood(DWORD count)
     {
         std::vector<DWORD> words;
@@ -383,8 +376,8 @@ TEST_F(Generators, TakeTurnsAndBeginAnewAtEachStart)
     EXPECT_EQ(words, input.recorder.waitForShort(12));
     Bytes expected;
     for (const DWORD number : {0u, 1u, 0u, 1u}) {
-        const Bytes bytes = dump(150, number);
-        expected.insert(expected.end(), bytes.begin(), bytes.end());
+        for (DWORD i = 0; i < 150; ++i)
+            expected.push_back(device::dumpByte(i, 150, number));
     }
     EXPECT_EQ(expected, input.recorder.waitForLong(600));
 }

@@ -57,7 +57,6 @@ public:
             static_cast<InputPort&>(*input).take(source, piece);
         return !local.empty() || (to != 0 && remote.take(piece));
     }
-    void disconnect() override { local.clear(); }
     void cancel() override { remote.cancel(); }
 
 private:

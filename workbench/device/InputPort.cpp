@@ -72,8 +72,7 @@ MMRESULT InputPort::stop()
         return refusal;
     Lock held(lock);
     endWork();
-    if (filled > 0)
-        tell(held, {giveBackPartial()});
+    tell(held, giveBackPartial());
     return MMSYSERR_NOERROR;
 }
 
@@ -86,9 +85,7 @@ MMRESULT InputPort::reset()
     Lock held(lock);
     endWork();
     waitInReset(held);
-    Notices due;
-    if (filled > 0)
-        due.push_back(giveBackPartial());
+    Notices due = giveBackPartial();
     while (!buffers.empty())
         due.push_back(giveBackFirst(MIM_LONGDATA));
     tellReset(held, due);
@@ -314,9 +311,11 @@ Port::Notice InputPort::giveBackFirst(UINT message)
     return giveBack(message, header, timeStamp());
 }
 
-Port::Notice InputPort::giveBackPartial()
+Port::Notices InputPort::giveBackPartial()
 {
-    return giveBackFirst(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA);
+    if (filled == 0)
+        return {};
+    return {giveBackFirst(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA)};
 }
 
 // ---- Generators ---------------------------------------------------------------------------------

@@ -65,7 +65,7 @@ private:
     std::size_t fillFirst(Lock& held, MIDIPiece& piece);
     void breakOff(Lock& held);
     Notice giveBackFirst(UINT message);
-    Notice giveBackPartial();
+    Notices giveBackPartial();
     DWORD play(Lock& held);
     MIDIPiece compose(const Generator& playing, BYTE* buffer);
 

@@ -154,22 +154,13 @@ void OutputPort::stall(bool on)
 
 // ---- Sending ------------------------------------------------------------------------------------
 
-// The quick way, as into any driver: the caller's thread sends, if nobody is before it and the far
-// end takes everything at once.
-bool OutputPort::passesAtOnce()
-{
-    if (items.size() > 1 || settings.pace != 0)
-        return false;
-    const bool passes = wire->connect();
-    wire->disconnect();
-    return passes;
-}
-
 void OutputPort::queue(Lock& held, MIDIHDR* header, DWORD word)
 {
     const auto item = items.emplace(items.end(), header, word, settings.clock());
     const Completion how = completion.load(std::memory_order_relaxed);
-    if (settings.ownThread ? passesAtOnce()
+    // The quick way, as into any driver: the caller's thread sends, if nobody is before it and the
+    // far end takes everything at once.
+    if (settings.ownThread ? items.size() == 1 && settings.pace == 0 && wire->connect()
                            : how == Completion::Inline || (!header && how == Completion::Manual))
         play(held, item);
     else
@@ -258,7 +249,6 @@ void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces)
         if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged() || !wire->take(piece))
             now.count(piece);
     }
-    wire->disconnect();
     held.lock();
     lost.shortMessages += now.shortMessages;
     lost.bytes += now.bytes;

@@ -7,6 +7,31 @@
 
 namespace device {
 
+namespace {
+
+// Of all ports of the process.
+std::recursive_mutex& tableLock()
+{
+    static auto& lock = *new std::recursive_mutex; // threads may call while the process ends
+    return lock;
+}
+
+// The part of a header that Windows 11's driver asks for.
+constexpr DWORD_PTR kLeastHeader = 32;
+
+// All that a client of any age must have; what follows is the driver's own.
+bool isWhole(const MIDIHDR* header, DWORD_PTR size)
+{
+    return header && size >= offsetof(MIDIHDR, dwOffset);
+}
+
+bool hasData(const MIDIHDR& header)
+{
+    return header.lpData && header.dwBufferLength > 0;
+}
+
+} // namespace
+
 // ---- Callbacks in progress ----------------------------------------------------------------------
 
 thread_local const Port::InProgress* Port::InProgress::innermost = nullptr;
@@ -46,17 +71,6 @@ void Port::waitForOthers()
 
 // ---- Windows 11's driver ------------------------------------------------------------------------
 
-namespace {
-
-// Of all ports of the process.
-std::recursive_mutex& tableLock()
-{
-    static auto& lock = *new std::recursive_mutex; // threads may call while the process ends
-    return lock;
-}
-
-} // namespace
-
 MMRESULT Port::lookUp(bool alsoRemoved)
 {
     if (!isWindows11())
@@ -88,24 +102,6 @@ void Port::unload()
 }
 
 // ---- Headers ------------------------------------------------------------------------------------
-
-namespace {
-
-// The part of a header that Windows 11's driver asks for.
-constexpr DWORD_PTR kLeastHeader = 32;
-
-// All that a client of any age must have; what follows is the driver's own.
-bool isWhole(const MIDIHDR* header, DWORD_PTR size)
-{
-    return header && size >= offsetof(MIDIHDR, dwOffset);
-}
-
-bool hasData(const MIDIHDR& header)
-{
-    return header.lpData && header.dwBufferLength > 0;
-}
-
-} // namespace
 
 // Once prepared it stays so, whatever else the flags say.
 MMRESULT Port::prepare(MIDIHDR* header, DWORD_PTR size)
