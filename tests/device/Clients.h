@@ -18,6 +18,7 @@ using contract::waitAWhile;
 using device::Completion;
 using device::DriverKind;
 using device::Settings;
+using Messages = std::vector<Bytes>;
 
 constexpr DWORD kNoteOn = 0x00644090;
 constexpr DWORD kQueued = MHDR_PREPARED | MHDR_INQUEUE;
@@ -103,9 +104,9 @@ struct Input : Client<device::InputPort>
     }
 
     // The bytes of each buffer that came back so.
-    std::vector<Bytes> heard(UINT message)
+    Messages heard(UINT message)
     {
-        std::vector<Bytes> result;
+        Messages result;
         for (const Notice& notice : recorder.notices(message))
             result.push_back(notice.bytes);
         return result;

@@ -10,7 +10,6 @@
 namespace {
 
 using namespace device_test;
-using Messages = std::vector<Bytes>;
 
 Settings withOwnThread(bool ownThread)
 {
@@ -27,9 +26,7 @@ struct Ports : testing::TestWithParam<bool>
     Output output{settings, input.port.get()};
 };
 
-INSTANTIATE_TEST_SUITE_P(Callbacks, Ports, testing::Bool(), [](const auto& chosen) {
-    return std::string(chosen.param ? "OnAThreadOfThePort" : "WhereTheyArise");
-});
+INSTANTIATE_TEST_SUITE_P(OwnThread, Ports, testing::Bool(), testing::PrintToStringParamName());
 
 // ---- Input --------------------------------------------------------------------------------------
 

@@ -51,8 +51,6 @@ class Port
 public:
     using Callback = std::function<void(UINT message, DWORD_PTR parameter1, DWORD parameter2)>;
 
-    Port(const Port&) = delete;
-    Port& operator=(const Port&) = delete;
     virtual ~Port() = default;
 
     // Announces the opening, and starts the thread of a port that has one; `owner` keeps the port
