@@ -300,7 +300,7 @@ void Port::tellReset(Lock& held, const Notices& due)
                          [&] { return notices.empty() && !calling; });
 }
 
-// Inside the call that brings them about, or by whoever lets data arrive.
+// Inside the call that brings them about, by whoever lets data arrive, or on the port's own thread.
 void Port::callAll(Lock& held, const Notices& due)
 {
     held.unlock();
@@ -320,9 +320,7 @@ void Port::run()
             const Notice next = notices.front();
             notices.pop_front();
             calling = true;
-            held.unlock();
-            call(next);
-            held.lock();
+            callAll(held, {next});
             calling = false;
             if (notices.empty())
                 changed.notify_all();
