@@ -346,14 +346,12 @@ TEST_F(Generators, AFloodKeepsItsRateAndEnds)
     waitAWhile();
     EXPECT_TRUE(input.recorder.notices(MIM_DATA).empty()); // not started
     input.port->start();
-    advance(99);
-    EXPECT_EQ(flood(100), input.recorder.waitForShort(100));
-    waitAWhile();
-    EXPECT_EQ(100u, input.recorder.notices(MIM_DATA).size());
-    advance(1000);
-    EXPECT_EQ(flood(200), input.recorder.waitForShort(200));
-    waitAWhile();
-    EXPECT_EQ(200u, input.recorder.notices(MIM_DATA).size());
+    for (const auto& [milliseconds, count] : {std::pair(99, 100u), std::pair(1000, 200u)}) {
+        advance(milliseconds);
+        input.recorder.waitForShort(count);
+        waitAWhile();
+        EXPECT_EQ(flood(count), input.recorder.waitForShort(count));
+    }
 }
 
 TEST_F(Generators, TakeTurnsAndBeginAnewAtEachStart)
