@@ -50,6 +50,29 @@ public:
     static DWORD_PTR inputCallback() { return reinterpret_cast<DWORD_PTR>(&onInput); }
     static DWORD_PTR outputCallback() { return reinterpret_cast<DWORD_PTR>(&onOutput); }
 
+    void take(UINT message, DWORD parameter1, DWORD parameter2)
+    {
+        Notice notice{message, parameter1, parameter2, nullptr, {}, 0, std::this_thread::get_id()};
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            const bool ofInput = message == MIM_LONGDATA || message == MIM_LONGERROR;
+            const auto found = headers_.find(parameter1);
+            if ((ofInput || message == MOM_DONE) && found != headers_.end()) {
+                notice.header = found->second;
+                notice.flags = notice.header->dwFlags;
+                const auto* data = reinterpret_cast<const unsigned char*>(notice.header->lpData);
+                if (ofInput)
+                    notice.bytes.assign(data, data + notice.header->dwBytesRecorded);
+            }
+            if (message == MIM_LONGDATA)
+                longLength_ += notice.bytes.size();
+            all_.push_back(notice);
+        }
+        arrived_.notify_all();
+        if (also)
+            also(notice);
+    }
+
     std::vector<Notice> notices(UINT message)
     {
         const std::lock_guard<std::mutex> guard(lock_);
@@ -110,29 +133,6 @@ private:
     static DWORD lowHalf(const MIDIHDR* header)
     {
         return static_cast<DWORD>(reinterpret_cast<DWORD_PTR>(header));
-    }
-
-    void take(UINT message, DWORD parameter1, DWORD parameter2)
-    {
-        Notice notice{message, parameter1, parameter2, nullptr, {}, 0, std::this_thread::get_id()};
-        {
-            const std::lock_guard<std::mutex> guard(lock_);
-            const bool ofInput = message == MIM_LONGDATA || message == MIM_LONGERROR;
-            const auto found = headers_.find(parameter1);
-            if ((ofInput || message == MOM_DONE) && found != headers_.end()) {
-                notice.header = found->second;
-                notice.flags = notice.header->dwFlags;
-                const auto* data = reinterpret_cast<const unsigned char*>(notice.header->lpData);
-                if (ofInput)
-                    notice.bytes.assign(data, data + notice.header->dwBytesRecorded);
-            }
-            if (message == MIM_LONGDATA)
-                longLength_ += notice.bytes.size();
-            all_.push_back(notice);
-        }
-        arrived_.notify_all();
-        if (also)
-            also(notice);
     }
 
     // The parameters have 32 bits, as a 32-bit `unsigned long` in a client's callback has.

@@ -18,6 +18,7 @@ using contract::waitAWhile;
 using device::Completion;
 using device::DriverKind;
 using device::Settings;
+using Messages = std::vector<Bytes>;
 
 constexpr DWORD kNoteOn = 0x00644090;
 constexpr DWORD kQueued = MHDR_PREPARED | MHDR_INQUEUE;
@@ -36,9 +37,15 @@ struct Client
     device::Port::Callback callback()
     {
         return [this](UINT message, DWORD_PTR parameter1, DWORD parameter2) {
-            using Procedure = void(CALLBACK*)(HMIDIIN, UINT, DWORD_PTR, DWORD, DWORD);
-            reinterpret_cast<Procedure>(Recorder::inputCallback())(
-                nullptr, message, recorder.instance(), static_cast<DWORD>(parameter1), parameter2);
+            recorder.take(message, static_cast<DWORD>(parameter1), parameter2);
+        };
+    }
+    // What the callback does besides recording.
+    void on(UINT message, const std::function<void()>& action)
+    {
+        recorder.also = [=](const Notice& notice) {
+            if (notice.message == message)
+                action();
         };
     }
 
@@ -59,10 +66,8 @@ struct Client
 
 struct Input : Client<device::InputPort>
 {
-    // `also` is what the callback does besides recording.
-    explicit Input(const Settings& settings, std::function<void(const Notice&)> also = nullptr)
+    explicit Input(const Settings& settings)
     {
-        recorder.also = std::move(also);
         port = std::make_shared<device::InputPort>(settings, callback());
         EXPECT_TRUE(port->begin(port));
     }
@@ -79,6 +84,7 @@ struct Input : Client<device::InputPort>
             std::this_thread::yield();
     }
 
+    bool hear(DWORD word) { return port->takeNow(0, {MIDIPiece::Kind::Short, word}) > 0; }
     MMRESULT add(Buffer& buffer) { return port->addBuffer(buffer.header(), sizeof(MIDIHDR)); }
 
     std::vector<Buffer*> giveBuffers(std::size_t count, std::size_t length)
@@ -98,18 +104,17 @@ struct Input : Client<device::InputPort>
     }
 
     // The bytes of each buffer that came back so.
-    std::vector<Bytes> heard(UINT message)
+    Messages heard(UINT message)
     {
-        std::vector<Bytes> result;
+        Messages result;
         for (const Notice& notice : recorder.notices(message))
             result.push_back(notice.bytes);
         return result;
     }
 };
 
-class Into : public device::Wire
+struct Into : device::Wire
 {
-public:
     explicit Into(device::InputPort* itsInput) : input(itsInput) {}
     bool take(const MIDIPiece& piece) override
     {
@@ -118,7 +123,6 @@ public:
         return input != nullptr;
     }
 
-private:
     device::InputPort* const input;
     const device::SourceId source = device::nextSourceId();
 };

@@ -2,33 +2,36 @@
 // a thread of the port's own. What WinMM's clients see of it is in tests/contract.
 #include "tests/device/Clients.h"
 
+#include <algorithm>
+#include <array>
 #include <future>
+#include <map>
 
 namespace {
 
 using namespace device_test;
-using Messages = std::vector<Bytes>;
+
+Settings withOwnThread(bool ownThread)
+{
+    Settings settings;
+    settings.ownThread = ownThread;
+    settings.completion = ownThread ? Completion::Thread : Completion::Inline;
+    return settings;
+}
 
 struct Ports : testing::TestWithParam<bool>
 {
-    Ports()
-    {
-        settings.ownThread = GetParam();
-        settings.completion = GetParam() ? Completion::Thread : Completion::Inline;
-    }
-    Settings settings;
+    Settings settings = withOwnThread(GetParam());
+    Input input{settings};
+    Output output{settings, input.port.get()};
 };
 
-INSTANTIATE_TEST_SUITE_P(Callbacks, Ports, testing::Bool(), [](const auto& chosen) {
-    return std::string(chosen.param ? "OnAThreadOfThePort" : "WhereTheyArise");
-});
+INSTANTIATE_TEST_SUITE_P(OwnThread, Ports, testing::Bool(), testing::PrintToStringParamName());
 
 // ---- Input --------------------------------------------------------------------------------------
 
 TEST_P(Ports, AStopHandsThePartlyFilledBufferBack)
 {
-    Input input(settings);
-    Output output(settings, input.port.get());
     input.startWith(2, 64);
     output.send({0xF0, 0x01, 0x02});
     ASSERT_EQ(MMSYSERR_NOERROR, input.port->stop());
@@ -44,8 +47,6 @@ TEST_P(Ports, AStopHandsThePartlyFilledBufferBack)
 
 TEST_P(Ports, AMessageWithoutItsEndComesBackAsAnError)
 {
-    Input input(settings);
-    Output output(settings, input.port.get());
     input.startWith(4, 64);
     output.send({0xF0, 0x01, 0x02, 0x90, 0x40, 0x64});
     output.send({0xF0, 0x03, 0xF0, 0x04, 0xF7});
@@ -56,19 +57,17 @@ TEST_P(Ports, AMessageWithoutItsEndComesBackAsAnError)
 
 TEST_P(Ports, TheMessagesOfTwoOutputsAreNotMixedIntoOne)
 {
-    Input input(settings);
-    Output first(settings, input.port.get());
     Output second(settings, input.port.get());
     input.startWith(4, 64);
-    first.send({0xF0, 0x01});
+    output.send({0xF0, 0x01});
     second.port->sendShort(kNoteOn);
-    first.send({0x02, 0xF7});
+    output.send({0x02, 0xF7});
     EXPECT_EQ((Bytes{0xF0, 0x01, 0x02, 0xF7}), input.recorder.waitForLong(4));
     EXPECT_EQ(std::vector<DWORD>{kNoteOn}, input.recorder.waitForShort(1));
 
-    first.send({0xF0, 0x03});
+    output.send({0xF0, 0x03});
     second.send({0xF0, 0x04, 0xF7});
-    first.send({0x05, 0xF7});
+    output.send({0x05, 0xF7});
     EXPECT_EQ((Bytes{0xF0, 0x01, 0x02, 0xF7, 0xF0, 0x04, 0xF7}), input.recorder.waitForLong(7));
     EXPECT_EQ((Bytes{0xF0, 0x03}), input.recorder.waitFor(MIM_LONGERROR, 1)[0].bytes);
     EXPECT_EQ(2u, input.port->loss().bytes);
@@ -76,8 +75,6 @@ TEST_P(Ports, TheMessagesOfTwoOutputsAreNotMixedIntoOne)
 
 TEST_P(Ports, WhatFindsNoBufferIsLostUpToTheNextMessageAndCounted)
 {
-    Input input(settings);
-    Output output(settings, input.port.get());
     input.startWith(2, 16);
     const Bytes message = sysEx(100);
     output.send(Bytes(message.begin(), message.begin() + 50));
@@ -92,7 +89,6 @@ TEST_P(Ports, WhatFindsNoBufferIsLostUpToTheNextMessageAndCounted)
 
 TEST_P(Ports, PrepareAHeaderWhateverItsFlagsSayUnlessItIsTooSmall)
 {
-    Input input(settings);
     Buffer& buffer = *input.giveBuffers(1, 8).front();
     MIDIHDR* const header = buffer.header();
     EXPECT_EQ(MMSYSERR_NOERROR, input.port->prepare(header, sizeof(MIDIHDR)));
@@ -109,11 +105,10 @@ TEST_P(Ports, PrepareAHeaderWhateverItsFlagsSayUnlessItIsTooSmall)
 
 TEST_P(Ports, AnAbandonedPortCallsNobodyAndTouchesNoHeader)
 {
-    Input input(settings);
     const Buffer& buffer = *input.startWith(1, 16).front();
     EXPECT_EQ(MIDIERR_STILLPLAYING, input.port->close());
     input.port->abandon();
-    EXPECT_FALSE(input.port->shortMessage(kNoteOn));
+    EXPECT_FALSE(input.hear(kNoteOn));
     waitAWhile();
     EXPECT_EQ(1u, input.recorder.notices().size()); // the opening
     EXPECT_EQ(kQueued, buffer.flags());
@@ -121,147 +116,143 @@ TEST_P(Ports, AnAbandonedPortCallsNobodyAndTouchesNoHeader)
 
 // ---- Who calls back, and who waits for it -------------------------------------------------------
 
-TEST(OwnThread, TellsWhatArrivesWhatIsSentAndWhatAResetReturns)
+// The threads of the notices: 0 is this one, 1 the port's.
+std::string threads(Recorder& recorder)
 {
-    Settings settings;
-    settings.ownThread = true;
-    settings.completion = Completion::Thread;
+    std::vector<std::thread::id> known{std::this_thread::get_id()};
+    std::string numbers;
+    for (const Notice& notice : recorder.notices()) {
+        const auto found = std::find(known.begin(), known.end(), notice.thread);
+        numbers += static_cast<char>('0' + (found - known.begin()));
+        if (found == known.end())
+            known.push_back(notice.thread);
+    }
+    return numbers;
+}
+
+TEST(Callbacks, ComeOnTheThreadThatTheSettingsSay)
+{
+    struct
+    {
+        DriverKind kind;
+        bool ownThread;
+        const char* ofInput; // opened, two arrived, one was returned, closed
+        const char* ofOutput;
+    } const cases[] = {{DriverKind::WaitsInReset, false, "00000", "000"},
+                       {DriverKind::WaitsInReset, true, "01110", "010"},
+                       {DriverKind::Windows11, false, "01100", "000"}};
+    for (const auto& expected : cases) {
+        Settings settings = withOwnThread(expected.ownThread);
+        settings.kind = expected.kind;
+        Input input(settings);
+        Output output(settings, input.port.get());
+        input.startWith(2, 64);
+        output.port->sendShort(kNoteOn);
+        output.send(sysEx(20));
+        input.recorder.waitForShort(1);
+        input.recorder.waitForLong(20);
+        EXPECT_EQ(input.port->reset(), MMSYSERR_NOERROR);
+        EXPECT_EQ(input.port->close(), MMSYSERR_NOERROR);
+        EXPECT_EQ(output.port->close(), MMSYSERR_NOERROR);
+        EXPECT_EQ(threads(input.recorder), expected.ofInput);
+        EXPECT_EQ(threads(output.recorder), expected.ofOutput);
+    }
+}
+
+// Makes a call while the callback for a short message is stuck: 0 a stop, 1 a reset, 2 a close.
+void callWhileStuck(const Settings& settings, std::size_t call, bool waits)
+{
+    std::promise<void> entered;
+    std::promise<void> release;
     Input input(settings);
-    Output output(settings, input.port.get());
-    input.startWith(4, 64);
-    output.port->sendShort(kNoteOn);
-    output.send(sysEx(20));
-    input.recorder.waitForLong(20);
-    input.port->reset();
-    for (Recorder* const recorder : {&input.recorder, &output.recorder}) {
-        const std::vector<Notice> notices = recorder->notices();
-        EXPECT_EQ(notices[0].thread, std::this_thread::get_id()); // the opening
-        for (std::size_t i = 1; i < notices.size(); ++i) {
-            EXPECT_NE(notices[i].thread, std::this_thread::get_id());
-            EXPECT_EQ(notices[i].thread, notices[1].thread);
-        }
+    input.on(MIM_DATA, [&] {
+        entered.set_value();
+        release.get_future().wait();
+    });
+    const auto given = input.startWith(call == 1 ? 1 : 0, 16);
+    std::thread driver([&] { input.hear(0xF8); });
+    entered.get_future().wait();
+    std::future<MMRESULT> result = std::async(std::launch::async, [&] {
+        return call == 0   ? input.port->stop()
+               : call == 1 ? input.port->reset()
+                           : input.port->close();
+    });
+    const std::chrono::milliseconds patience(waits ? 100 : 10000);
+    EXPECT_EQ(result.wait_for(patience) == std::future_status::timeout, waits) << call;
+    if (call == 1 && !waits) {
+        // Whose own thread is to tell that it is back does so later, unless it waits never.
+        const bool isTold = settings.kind == DriverKind::WaitsInNeither || !settings.ownThread;
+        EXPECT_EQ(kDone, given[0]->flags());
+        EXPECT_EQ(isTold ? 1u : 0u, input.recorder.notices(MIM_LONGDATA).size());
     }
-    EXPECT_EQ(6u, input.recorder.notices().size());
+    release.set_value();
+    driver.join();
+    EXPECT_EQ(result.get(), MMSYSERR_NOERROR);
+    EXPECT_EQ(call == 2 ? 1u : 0u, input.recorder.notices(MIM_CLOSE).size());
 }
 
-struct StuckCallback : testing::TestWithParam<std::tuple<DriverKind, bool>>
-{};
-
-// Whether a stop, a reset, a close waits for a callback in progress.
-const std::map<DriverKind, std::array<bool, 3>> kWaits = {
-    {DriverKind::WaitsInReset, {false, true, true}},
-    {DriverKind::WaitsInClose, {false, false, true}},
-    {DriverKind::WaitsInNeither, {false, false, false}},
-    {DriverKind::Windows11, {true, true, true}},
-};
-
-TEST_P(StuckCallback, IsWaitedForWhereTheDriverWaits)
+TEST(Callbacks, InProgressAreWaitedForWhereTheDriverWaits)
 {
-    for (std::size_t call = 0; call < 3; ++call) {
-        Settings settings;
-        std::tie(settings.kind, settings.ownThread) = GetParam();
-        std::promise<void> entered;
-        std::promise<void> release;
-        Input input(settings, [&](const Notice& notice) {
-            if (notice.message == MIM_DATA) {
-                entered.set_value();
-                release.get_future().wait();
-            }
-        });
-        const auto given = input.startWith(call == 1 ? 1 : 0, 16);
-        std::thread driver([&] { input.port->shortMessage(0xF8); });
-        entered.get_future().wait();
-        std::future<MMRESULT> result = std::async(std::launch::async, [&] {
-            return call == 0   ? input.port->stop()
-                   : call == 1 ? input.port->reset()
-                               : input.port->close();
-        });
-        const bool waits = kWaits.at(settings.kind)[call];
-        const std::chrono::milliseconds patience(waits ? 100 : 10000);
-        EXPECT_EQ(result.wait_for(patience) == std::future_status::timeout, waits) << call;
-        if (call == 1 && !waits) {
-            // Whose own thread is to tell that it is back does so later, unless it waits never.
-            const bool isTold = settings.kind == DriverKind::WaitsInNeither || !settings.ownThread;
-            EXPECT_EQ(kDone, given[0]->flags());
-            EXPECT_EQ(isTold ? 1u : 0u, input.recorder.notices(MIM_LONGDATA).size());
+    const std::map<DriverKind, std::array<bool, 3>> waits = {
+        {DriverKind::WaitsInReset, {false, true, true}},
+        {DriverKind::WaitsInClose, {false, false, true}},
+        {DriverKind::WaitsInNeither, {false, false, false}},
+        {DriverKind::Windows11, {true, true, true}},
+    };
+    for (const auto& [kind, ofKind] : waits) {
+        for (const bool ownThread : {false, true}) {
+            Settings settings = withOwnThread(ownThread && kind != DriverKind::Windows11);
+            settings.kind = kind;
+            for (std::size_t call = 0; call < ofKind.size(); ++call)
+                callWhileStuck(settings, call, ofKind[call]);
         }
-        release.set_value();
-        driver.join();
-        EXPECT_EQ(result.get(), MMSYSERR_NOERROR);
-        EXPECT_EQ(call == 2 ? 1u : 0u, input.recorder.notices(MIM_CLOSE).size());
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Kinds, StuckCallback,
-                         testing::Combine(testing::Values(DriverKind::WaitsInReset,
-                                                          DriverKind::WaitsInClose,
-                                                          DriverKind::WaitsInNeither),
-                                          testing::Bool()));
-INSTANTIATE_TEST_SUITE_P(Windows11, StuckCallback,
-                         testing::Values(std::tuple(DriverKind::Windows11, false)));
 
 TEST_P(Ports, ResetAndCloseInsideACallbackWaitForNothing)
 {
     for (const auto kind : {DriverKind::WaitsInReset, DriverKind::WaitsInClose}) {
         settings.kind = kind;
-        device::InputPort* port = nullptr;
-        Buffer* buffer = nullptr;
-        Input input(settings, [&](const Notice& notice) {
-            if (notice.message != MIM_DATA)
-                return;
-            EXPECT_EQ(MMSYSERR_NOERROR, port->reset());
-            EXPECT_EQ(MMSYSERR_NOERROR, port->unprepare(buffer->header(), sizeof(MIDIHDR)));
-            EXPECT_EQ(MMSYSERR_NOERROR, port->close());
+        Input closing(settings);
+        Buffer& buffer = *closing.startWith(1, 16).front();
+        closing.on(MIM_DATA, [&] {
+            EXPECT_EQ(MMSYSERR_NOERROR, closing.port->reset());
+            EXPECT_EQ(MMSYSERR_NOERROR, closing.port->unprepare(buffer.header(), sizeof(MIDIHDR)));
+            EXPECT_EQ(MMSYSERR_NOERROR, closing.port->close());
         });
-        port = input.port.get();
-        buffer = input.startWith(1, 16).front();
-        EXPECT_TRUE(input.port->shortMessage(kNoteOn));
-        EXPECT_EQ(1u, input.recorder.waitFor(MIM_CLOSE, 1).size());
-        EXPECT_EQ(1u, input.recorder.notices(MIM_LONGDATA).size());
+        EXPECT_TRUE(closing.hear(kNoteOn));
+        EXPECT_EQ(1u, closing.recorder.waitFor(MIM_CLOSE, 1).size());
+        EXPECT_EQ(1u, closing.recorder.notices(MIM_LONGDATA).size());
     }
 }
 
 // ---- Output -------------------------------------------------------------------------------------
 
-struct FinishedByHand : testing::Test
+TEST(FinishedByHand, LongMessagesLetShortOnesPassAndAreDoneOnceThoughAResetTakesThemAway)
 {
-    static Settings settings(Completion completion)
-    {
-        Settings result;
-        result.completion = completion;
-        return result;
-    }
-    Input input{settings(Completion::Inline)};
-    Output output{settings(Completion::Manual), input.port.get()};
-};
-
-TEST_F(FinishedByHand, WhatAResetTakesAwayWhileItPlaysIsDoneOnce)
-{
+    Settings settings;
+    Input input(settings);
+    settings.completion = Completion::Manual;
+    Output output(settings, input.port.get());
     input.startWith(2, 16);
-    output.begin({0xF0, 1, 0xF7});
-    Buffer* second = nullptr;
-    input.recorder.also = [&](const Notice& notice) {
-        if (notice.message == MIM_LONGDATA && !second) {
-            output.port->reset();
-            second = &output.begin({0xF0, 2, 0xF7});
-        }
-    };
-    EXPECT_EQ(nullptr, output.port->completeNext());
-    EXPECT_EQ(1u, output.recorder.notices(MOM_DONE).size());
-    EXPECT_EQ(second->header(), output.port->completeNext());
-    EXPECT_EQ(nullptr, output.port->completeNext());
-}
-
-TEST_F(FinishedByHand, ShortMessagesPassLongOnes)
-{
-    input.startWith(1, 16);
     output.begin({0xF0, 1, 0xF7});
     EXPECT_EQ(MMSYSERR_NOERROR, output.port->sendShort(0xF8));
     EXPECT_EQ(MMSYSERR_INVALPARAM, output.port->sendShort(0xF0));
     EXPECT_EQ(std::vector<DWORD>{0xF8}, input.recorder.waitForShort(1));
     EXPECT_TRUE(input.recorder.notices(MIM_LONGDATA).empty());
-    output.port->completeNext();
-    EXPECT_EQ((Bytes{0xF0, 1, 0xF7}), input.recorder.waitForLong(3));
+
+    Buffer* second = nullptr;
+    input.on(MIM_LONGDATA, [&] {
+        if (!second) {
+            output.port->reset();
+            second = &output.begin({0xF0, 2, 0xF7});
+        }
+    });
+    EXPECT_EQ(nullptr, output.port->completeNext());
+    EXPECT_EQ(1u, output.recorder.notices(MOM_DONE).size());
+    EXPECT_EQ(second->header(), output.port->completeNext());
+    EXPECT_EQ(nullptr, output.port->completeNext());
+    EXPECT_EQ((Bytes{0xF0, 1, 0xF7, 0xF0, 2, 0xF7}), input.recorder.waitForLong(6));
 }
 
 // ---- The wire's speed ---------------------------------------------------------------------------
@@ -337,13 +328,6 @@ struct Generators : Pace
 {
     using Kind = device::Generator::Kind;
 
-    static Bytes dump(DWORD length, DWORD number)
-    {
-        Bytes bytes(length);
-        for (DWORD i = 0; i < length; ++i)
-            bytes[i] = device::dumpByte(i, length, number);
-        return bytes;
-    }
     static std::vector<DWORD> flood(DWORD count)
     {
         std::vector<DWORD> words;
@@ -362,14 +346,12 @@ TEST_F(Generators, AFloodKeepsItsRateAndEnds)
     waitAWhile();
     EXPECT_TRUE(input.recorder.notices(MIM_DATA).empty()); // not started
     input.port->start();
-    advance(99);
-    EXPECT_EQ(flood(100), input.recorder.waitForShort(100));
-    waitAWhile();
-    EXPECT_EQ(100u, input.recorder.notices(MIM_DATA).size());
-    advance(1000);
-    EXPECT_EQ(flood(200), input.recorder.waitForShort(200));
-    waitAWhile();
-    EXPECT_EQ(200u, input.recorder.notices(MIM_DATA).size());
+    for (const auto& [milliseconds, count] : {std::pair(99, 100u), std::pair(1000, 200u)}) {
+        advance(milliseconds);
+        input.recorder.waitForShort(count);
+        waitAWhile();
+        EXPECT_EQ(flood(count), input.recorder.waitForShort(count));
+    }
 }
 
 TEST_F(Generators, TakeTurnsAndBeginAnewAtEachStart)
@@ -389,8 +371,8 @@ TEST_F(Generators, TakeTurnsAndBeginAnewAtEachStart)
     EXPECT_EQ(words, input.recorder.waitForShort(12));
     Bytes expected;
     for (const DWORD number : {0u, 1u, 0u, 1u}) {
-        const Bytes bytes = dump(150, number);
-        expected.insert(expected.end(), bytes.begin(), bytes.end());
+        for (DWORD i = 0; i < 150; ++i)
+            expected.push_back(device::dumpByte(i, 150, number));
     }
     EXPECT_EQ(expected, input.recorder.waitForLong(600));
 }

@@ -7,7 +7,6 @@ namespace {
 
 using device::Windows11;
 using namespace device_test;
-using Messages = std::vector<Bytes>;
 
 constexpr DWORD kForEver = 600'000; // a wait of so long is a hang that the test's time-out ends
 constexpr device::SourceId kSource = 1'000'000;
@@ -21,7 +20,7 @@ MIDIPiece piece(const Bytes& bytes)
 // Lets SysEx arrive on this thread, as on the worker.
 std::size_t arrive(Input& input, const Bytes& bytes)
 {
-    return input.port->sysEx(kSource, piece(bytes));
+    return input.port->takeNow(kSource, piece(bytes));
 }
 
 // Leaves it to the worker.
@@ -51,25 +50,6 @@ struct Windows11Kind : testing::Test
 
 using Windows11Input = Windows11Kind;
 using Windows11DeathTest = Windows11Kind;
-
-TEST_F(Windows11Input, CallsBackArrivalsOnItsWorkerAndTheRestInsideTheCalls)
-{
-    Input input(settings);
-    input.startWith(3, 16);
-    leave(input, kNoteOn);
-    leave(input, Bytes{0xF0, 1, 0xF7});
-    input.recorder.waitForShort(1);
-    input.recorder.waitForLong(3);
-    EXPECT_EQ(input.port->reset(), MMSYSERR_NOERROR);
-    EXPECT_EQ(input.port->close(), MMSYSERR_NOERROR);
-    const std::vector<Notice> notices = input.recorder.notices();
-    ASSERT_EQ(notices.size(), 6u);
-    for (std::size_t i = 0; i < notices.size(); ++i) {
-        const bool arrived = i == 1 || i == 2;
-        EXPECT_EQ(notices[i].thread == std::this_thread::get_id(), !arrived) << i;
-    }
-    EXPECT_EQ(notices[1].thread, notices[2].thread);
-}
 
 TEST_F(Windows11Input, ThrowsAwayWhatArrivedBeforeTheStart)
 {
@@ -119,16 +99,13 @@ TEST_F(Windows11Input, ReturnsAPartialBufferAsAnErrorAndEmptyOnesAsData)
 TEST_F(Windows11Input, ReturnsWhatAStatusByteBreaksOffAsAnError)
 {
     Input input(settings);
-    input.startWith(6, 4);
-    arrive(input, {0xF0, 1});
-    arrive(input, {0xF0, 2, 0xF7});
+    input.startWith(2, 4);
     for (const DWORD status : {0xF9u, 0xFDu}) { // no realtime to this driver
         arrive(input, {0xF0, 3});
-        EXPECT_TRUE(input.port->shortMessage(0xF8));
-        EXPECT_TRUE(input.port->shortMessage(status));
+        EXPECT_TRUE(input.hear(0xF8));
+        EXPECT_TRUE(input.hear(status));
     }
-    EXPECT_EQ(input.heard(MIM_LONGERROR), (Messages{{0xF0, 1}, {0xF0, 3}, {0xF0, 3}}));
-    EXPECT_EQ(input.heard(MIM_LONGDATA), (Messages{{0xF0, 2, 0xF7}}));
+    EXPECT_EQ(input.heard(MIM_LONGERROR), (Messages{{0xF0, 3}, {0xF0, 3}}));
     EXPECT_EQ(input.recorder.waitForShort(2), (std::vector<DWORD>{0xF8, 0xF8}));
 }
 
@@ -185,12 +162,9 @@ TEST_F(Windows11DeathTest, AStopInsideTheWorkersCallbackNeverReturns)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Input input(settings);
-    input.recorder.also = [&](const Notice& notice) {
-        if (notice.message == MIM_DATA)
-            input.port->stop();
-    };
+    input.on(MIM_DATA, [&] { input.port->stop(); });
     input.port->start();
-    EXPECT_DEATH(input.port->shortMessage(0xF8), "never returns");
+    EXPECT_DEATH(input.hear(0xF8), "never returns");
 }
 
 // ---- Output -------------------------------------------------------------------------------------
@@ -200,19 +174,14 @@ using Windows11Output = Windows11Kind;
 TEST_F(Windows11Output, HasFinishedAMessageWhenTheSendReturns)
 {
     Input input(Settings{});
-    input.startWith(3, 4096);
+    input.startWith(2, 4096);
     Output output(settings, input.port.get());
     Buffer& message = output.prepared(sysEx(5000));
     DWORD flags = 0;
-    input.recorder.also = [&](const Notice& notice) {
-        if (notice.message == MIM_LONGDATA)
-            flags = message.flags();
-    };
+    input.on(MIM_LONGDATA, [&] { flags = message.flags(); });
     EXPECT_EQ(output.sendLong(message), MMSYSERR_NOERROR);
-    input.recorder.also = nullptr;
     EXPECT_EQ(flags, DWORD(MHDR_PREPARED)); // never queued
     EXPECT_EQ(message.flags(), kDone);
-    EXPECT_EQ(output.recorder.notices(MOM_DONE).at(0).thread, std::this_thread::get_id());
     EXPECT_EQ(input.recorder.waitForLong(5000), sysEx(5000));
 }
 
@@ -290,8 +259,16 @@ TEST_F(Windows11Output, HoldsUpEveryCallToAnyPortWhileAnotherCallWaitsForItsSend
 
 using Windows11Unplugged = Windows11Kind;
 
-TEST_F(Windows11Unplugged, InputRefusesEveryCallAndKeepsItsBuffers)
+TEST_F(Windows11Unplugged, PortsRefuseEveryCallAndAnInputKeepsItsBuffers)
 {
+    Output output(settings, nullptr);
+    Buffer& message = output.prepared(sysEx(8));
+    output.port->unplug();
+    EXPECT_EQ(output.sendLong(message), MMSYSERR_NODRIVER);
+    EXPECT_EQ(output.port->sendShort(kNoteOn), MMSYSERR_NODRIVER);
+    EXPECT_EQ(output.port->reset(), MMSYSERR_NODRIVER);
+    EXPECT_EQ(output.port->close(), MMSYSERR_NOERROR);
+    EXPECT_EQ(output.recorder.notices(MOM_CLOSE).size(), 1u);
     for (const bool holdsBytes : {true, false}) {
         Input input(settings);
         const auto kept = input.startWith(2, 16);
@@ -308,7 +285,7 @@ TEST_F(Windows11Unplugged, InputRefusesEveryCallAndKeepsItsBuffers)
         EXPECT_EQ(input.port->unprepare(kept[0]->header(), sizeof(MIDIHDR)), MIDIERR_STILLPLAYING);
         EXPECT_EQ(input.port->close(), MIDIERR_STILLPLAYING);
         EXPECT_EQ(kept[0]->flags(), kQueued);
-        EXPECT_FALSE(input.port->shortMessage(kNoteOn));
+        EXPECT_FALSE(input.hear(kNoteOn));
         EXPECT_EQ(input.recorder.notices().size(), 1u); // no word of the loss
 
         // Until the driver is unloaded: the first header goes back if it holds bytes.
@@ -321,30 +298,11 @@ TEST_F(Windows11Unplugged, InputRefusesEveryCallAndKeepsItsBuffers)
     }
 }
 
-TEST_F(Windows11Unplugged, InputWithoutBuffersAndOutputsClose)
-{
-    Input input(settings);
-    Output output(settings, nullptr);
-    Buffer& message = output.prepared(sysEx(8));
-    input.port->unplug();
-    output.port->unplug();
-    EXPECT_EQ(output.sendLong(message), MMSYSERR_NODRIVER);
-    EXPECT_EQ(output.port->sendShort(kNoteOn), MMSYSERR_NODRIVER);
-    EXPECT_EQ(output.port->reset(), MMSYSERR_NODRIVER);
-    EXPECT_EQ(input.port->close(), MMSYSERR_NOERROR);
-    EXPECT_EQ(output.port->close(), MMSYSERR_NOERROR);
-    EXPECT_EQ(input.recorder.notices(MIM_CLOSE).size(), 1u);
-    EXPECT_EQ(output.recorder.notices(MOM_CLOSE).size(), 1u);
-}
-
 TEST_F(Windows11Unplugged, DeliversWhatWasHandedOverBefore)
 {
     Input input(settings);
     std::promise<void> release;
-    input.recorder.also = [&](const Notice& notice) {
-        if (notice.message == MIM_DATA)
-            release.get_future().wait();
-    };
+    input.on(MIM_DATA, [&] { release.get_future().wait(); });
     input.startWith(1, 16);
     leave(input, kNoteOn);
     leave(input, Bytes{0xF0, 1, 0xF7});

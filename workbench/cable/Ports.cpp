@@ -58,7 +58,6 @@ public:
             static_cast<InputPort&>(*input).take(source, piece);
         return !local.empty() || (to != 0 && remote.take(source, piece));
     }
-    void disconnect() override { local.clear(); }
     void cancel() override { remote.cancel(); }
 
 private:

@@ -42,12 +42,8 @@ MMRESULT InputPort::addBuffer(MIDIHDR* header, DWORD_PTR size)
     const Lock held(lock);
     if (!isOpen())
         return MMSYSERR_INVALHANDLE;
-    if (isWindows11()) { // whatever the flags say
-        if (!header || size < kLeastHeader)
-            return MMSYSERR_INVALPARAM;
-    } else if (const MMRESULT refusal = check(header, size)) {
+    if (const MMRESULT refusal = check(header, size))
         return refusal;
-    }
     header->dwBytesRecorded = 0;
     markQueued(*header);
     buffers.push_back(header);
@@ -64,8 +60,7 @@ MMRESULT InputPort::start()
         return MMSYSERR_NOERROR;
     const std::int64_t now = settings.clock();
     startedAt.store(now, std::memory_order_relaxed);
-    progress = {};
-    progress.since = now;
+    progress = {0, 0, now};
     started.store(true);
     changed.notify_all();
     return MMSYSERR_NOERROR;
@@ -77,8 +72,7 @@ MMRESULT InputPort::stop()
         return refusal;
     Lock held(lock);
     endWork();
-    if (filled > 0)
-        tell(held, giveBackPartial());
+    tell(held, giveBackPartial());
     return MMSYSERR_NOERROR;
 }
 
@@ -91,9 +85,7 @@ MMRESULT InputPort::reset()
     Lock held(lock);
     endWork();
     waitInReset(held);
-    Notices due;
-    if (filled > 0)
-        due.push_back(giveBackPartial());
+    Notices due = giveBackPartial();
     while (!buffers.empty())
         due.push_back(giveBackFirst(MIM_LONGDATA));
     tellReset(held, due);
@@ -109,9 +101,8 @@ MMRESULT InputPort::stopWorker()
         return refusal;
     {
         const Lock held(lock);
-        started.store(false);
+        endWork();
         startedAt.store(0, std::memory_order_relaxed); // stamps are the machine's time from here on
-        bufferAdded.notify_all();
     }
     waitForOthers();
     return MMSYSERR_NOERROR;
@@ -121,13 +112,13 @@ MMRESULT InputPort::stopWorker()
 
 void InputPort::take(SourceId source, const MIDIPiece& piece)
 {
-    if (isUnplugged())
-        return;
     if (!isWindows11()) {
-        deliver(source, piece);
+        takeNow(source, piece);
         return;
     }
     const Lock held(lock);
+    if (isUnplugged())
+        return;
     if (arrivals.size() >= kMostPending) {
         lost.count(piece);
         return;
@@ -137,18 +128,18 @@ void InputPort::take(SourceId source, const MIDIPiece& piece)
     changed.notify_all();
 }
 
-bool InputPort::shortMessage(DWORD word)
+std::size_t InputPort::takeNow(SourceId source, const MIDIPiece& piece)
 {
-    return !isUnplugged() && deliverShort(word);
-}
-
-std::size_t InputPort::sysEx(SourceId source, MIDIPiece piece)
-{
-    return isUnplugged() ? 0 : deliverSysEx(source, piece);
+    return isUnplugged() ? 0 : deliver(source, piece);
 }
 
 std::size_t InputPort::deliver(SourceId source, const MIDIPiece& piece)
 {
+    const InProgress inProgress(*this);
+    // Windows 11's driver takes it for every byte. Once for all of them makes the same threads wait
+    // for each other, and not so slowly.
+    if (isWindows11())
+        DriverLock{portLock}.unlock();
     return piece.kind == MIDIPiece::Kind::Short ? deliverShort(piece.word)
                                                 : deliverSysEx(source, piece);
 }
@@ -157,8 +148,6 @@ std::size_t InputPort::deliver(SourceId source, const MIDIPiece& piece)
 // adds buffers.
 bool InputPort::deliverShort(DWORD word)
 {
-    const InProgress inProgress(*this);
-    awaitPortLock();
     Lock held(lock, std::defer_lock);
     const auto status = static_cast<unsigned char>(word);
     // No messages to Windows 11's driver, and no realtime: they end a SysEx message.
@@ -175,14 +164,12 @@ bool InputPort::deliverShort(DWORD word)
     else if (notices.size() >= kMostPending)
         ++lost.shortMessages;
     else
-        tell(held, notice);
+        tell(held, {notice});
     return true;
 }
 
 std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
 {
-    const InProgress inProgress(*this);
-    awaitPortLock();
     Lock held(lock);
     if (!started.load())
         return 0;
@@ -205,17 +192,9 @@ std::size_t InputPort::deliverSysEx(SourceId source, MIDIPiece piece)
     if (piece.last && arrives()) {
         sysExSource = 0;
         if (filled > 0)
-            tell(held, giveBackFirst(MIM_LONGDATA));
+            tell(held, {giveBackFirst(MIM_LONGDATA)});
     }
     return taken;
-}
-
-// Windows 11's driver takes it for every byte. Once for all of them makes the same threads wait for
-// each other, and not so slowly.
-void InputPort::awaitPortLock()
-{
-    if (isWindows11())
-        DriverLock{portLock}.unlock();
 }
 
 MIDIHDR* InputPort::returnBuffer(UINT code, DWORD bytesRecorded, const void* bytes,
@@ -230,7 +209,7 @@ MIDIHDR* InputPort::returnBuffer(UINT code, DWORD bytesRecorded, const void* byt
     if (count > 0)
         std::memcpy(header->lpData, bytes, count);
     filled = bytesRecorded;
-    tell(held, giveBackFirst(code));
+    tell(held, {giveBackFirst(code)});
     return header;
 }
 
@@ -279,7 +258,7 @@ void InputPort::discardWork()
 void InputPort::touchKept(Lock& held)
 {
     if (!buffers.empty() && (flagsOf(*buffers.front()) & MHDR_INQUEUE) && filled > 0)
-        tell(held, giveBackFirst(MIM_LONGERROR));
+        tell(held, {giveBackFirst(MIM_LONGERROR)});
 }
 
 DWORD InputPort::timeStamp() const
@@ -308,7 +287,7 @@ std::size_t InputPort::fillFirst(Lock& held, MIDIPiece& piece)
     piece.bytes += length;
     piece.length -= length;
     if (filled == header->dwBufferLength)
-        tell(held, giveBackFirst(MIM_LONGDATA));
+        tell(held, {giveBackFirst(MIM_LONGDATA)});
     return length;
 }
 
@@ -319,9 +298,9 @@ void InputPort::breakOff(Lock& held)
     if (std::exchange(sysExSource, 0) == 0)
         return;
     if (filled > 0)
-        tell(held, giveBackFirst(MIM_LONGERROR));
+        tell(held, {giveBackFirst(MIM_LONGERROR)});
     else if (isWindows11() && !dropping && !buffers.empty())
-        tell(held, giveBackFirst(MIM_LONGDATA));
+        tell(held, {giveBackFirst(MIM_LONGDATA)});
 }
 
 Port::Notice InputPort::giveBackFirst(UINT message)
@@ -332,9 +311,11 @@ Port::Notice InputPort::giveBackFirst(UINT message)
     return giveBack(message, header, timeStamp());
 }
 
-Port::Notice InputPort::giveBackPartial()
+Port::Notices InputPort::giveBackPartial()
 {
-    return giveBackFirst(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA);
+    if (filled == 0)
+        return {};
+    return {giveBackFirst(isWindows11() ? MIM_LONGERROR : MIM_LONGDATA)};
 }
 
 // ---- Generators ---------------------------------------------------------------------------------

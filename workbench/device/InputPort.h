@@ -23,14 +23,12 @@ public:
     MMRESULT stop();
     MMRESULT reset();
 
-    bool isStarted() const { return started.load(); }
 
     // From the senders, on any thread. Nothing is heard while the input is stopped.
-    void take(SourceId source,
-              const MIDIPiece& piece); // the Windows 11 kind leaves it to its worker
-    // Now, on this thread. Tells whether the message was taken, and how many bytes found room.
-    bool shortMessage(DWORD word);
-    std::size_t sysEx(SourceId source, MIDIPiece piece);
+    // The Windows 11 kind leaves it to its worker.
+    void take(SourceId source, const MIDIPiece& piece);
+    // Now, on this thread. Returns how many bytes found room, and 1 for a short message taken.
+    std::size_t takeNow(SourceId source, const MIDIPiece& piece);
 
     // Hands the next queued buffer back with any code and any dwBytesRecorded, started or not. As
     // many of the bytes as fit are copied into it. Null if no buffer is queued.
@@ -56,7 +54,6 @@ private:
     void touchKept(Lock& held) override;
 
     MMRESULT stopWorker();
-    void awaitPortLock();
     std::size_t deliver(SourceId source, const MIDIPiece& piece);
     bool deliverShort(DWORD word);
     std::size_t deliverSysEx(SourceId source, MIDIPiece piece);
@@ -67,7 +64,7 @@ private:
     std::size_t fillFirst(Lock& held, MIDIPiece& piece);
     void breakOff(Lock& held);
     Notice giveBackFirst(UINT message);
-    Notice giveBackPartial();
+    Notices giveBackPartial();
     DWORD play(Lock& held);
     MIDIPiece compose(const Generator& playing, BYTE* buffer);
 

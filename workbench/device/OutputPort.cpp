@@ -13,13 +13,6 @@ constexpr std::size_t kServicePiece = 2048;
 // A paced message arrives in slices of 10 ms, as from a small FIFO.
 constexpr DWORD kSlicesPerSecond = 100;
 
-// A message without status byte has one or two data bytes; two is the usual case.
-std::size_t wireLength(DWORD word)
-{
-    const std::size_t length = midiMessageLength(static_cast<unsigned char>(word));
-    return length > 0 ? length : 2;
-}
-
 } // namespace
 
 OutputPort::OutputPort(const Settings& itsSettings, std::unique_ptr<Wire> itsWire,
@@ -127,7 +120,9 @@ MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
     if (const MMRESULT refusal = lookUp())
         return refusal;
     const DriverLock own(portLock);
-    if (!header || size < kLeastHeader || header->dwBufferLength == 0)
+    if (const MMRESULT refusal = check(header, size))
+        return refusal;
+    if (header->dwBufferLength == 0)
         return MMSYSERR_INVALPARAM;
     if ((flagsOf(*header) & MHDR_PREPARED) == 0)
         return MMSYSERR_INVALFLAG;
@@ -136,7 +131,7 @@ MMRESULT OutputPort::sendLongNow(MIDIHDR* header, DWORD_PTR size)
     const bool sent = transmitLong(held, {header, 0, settings.clock()});
     const auto failed = settings.windows11.failedLong;
     if (sent || failed != Windows11::FailedLong::StaysWithClient)
-        tell(held, giveBack(MOM_DONE, header, 0));
+        tell(held, {giveBack(MOM_DONE, header, 0)});
     return sent || failed == Windows11::FailedLong::DoneWithSuccess ? MMRESULT(MMSYSERR_NOERROR)
                                                                     : MMRESULT(MMSYSERR_ERROR);
 }
@@ -159,22 +154,13 @@ void OutputPort::stall(bool on)
 
 // ---- Sending ------------------------------------------------------------------------------------
 
-// The quick way, as into any driver: the caller's thread sends, if nobody is before it and the far
-// end takes everything at once.
-bool OutputPort::passesAtOnce()
-{
-    if (items.size() > 1 || settings.pace != 0)
-        return false;
-    const bool passes = wire->connect();
-    wire->disconnect();
-    return passes;
-}
-
 void OutputPort::queue(Lock& held, MIDIHDR* header, DWORD word)
 {
     const auto item = items.emplace(items.end(), header, word, settings.clock());
     const Completion how = completion.load(std::memory_order_relaxed);
-    if (settings.ownThread ? passesAtOnce()
+    // The quick way, as into any driver: the caller's thread sends, if nobody is before it and the
+    // far end takes everything at once.
+    if (settings.ownThread ? items.size() == 1 && settings.pace == 0 && wire->connect()
                            : how == Completion::Inline || (!header && how == Completion::Manual))
         play(held, item);
     else
@@ -194,7 +180,7 @@ MIDIHDR* OutputPort::play(Lock& held, std::list<Item>::iterator item)
     if (!items.empty())
         changed.notify_all();
     if (header)
-        tell(held, giveBack(MOM_DONE, header, 0));
+        tell(held, {giveBack(MOM_DONE, header, 0)});
     return header;
 }
 
@@ -209,7 +195,8 @@ DWORD OutputPort::work(Lock& held)
 
 void OutputPort::transmitShort(Lock& held, const Item& item)
 {
-    awaitWire(held, item, wireLength(item.word));
+    const std::size_t length = midiMessageLength(static_cast<unsigned char>(item.word));
+    awaitWire(held, item, length > 0 ? length : 2); // mostly two data bytes under running status
     std::vector<MIDIPiece> pieces;
     if (!stream.shortMessage(item.word, [&](const MIDIPiece& piece) { pieces.push_back(piece); }))
         pieces.push_back({MIDIPiece::Kind::Noise, 0, nullptr, 1});
@@ -262,7 +249,6 @@ void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces)
         if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged() || !wire->take(piece))
             now.count(piece);
     }
-    wire->disconnect();
     held.lock();
     lost.shortMessages += now.shortMessages;
     lost.bytes += now.bytes;

@@ -8,8 +8,8 @@
 
 namespace device {
 
-// What an output's messages go into; each host has its own. Calls of connect() to disconnect() come
-// from one thread at a time if the port has a thread of its own.
+// What an output's messages go into; each host has its own. Calls of connect() and take() come from
+// one thread at a time if the port has a thread of its own.
 class Wire
 {
 public:
@@ -23,7 +23,6 @@ public:
     virtual bool connect() { return true; }
     // Returns when the piece is delivered; false if it is lost.
     virtual bool take(const MIDIPiece& piece) = 0;
-    virtual void disconnect() {}
     // Ends a take() that is under way, and further ones until the next connect(). From any thread.
     virtual void cancel() {}
 };
@@ -76,7 +75,6 @@ private:
     void discardWork() override;
 
     // With the lock held.
-    bool passesAtOnce();
     void queue(Lock& held, MIDIHDR* header, DWORD word);
     MIDIHDR* play(Lock& held, std::list<Item>::iterator item);
     void transmitShort(Lock& held, const Item& item);

@@ -1,12 +1,36 @@
 #include "workbench/device/Port.h"
 
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
 #include <utility>
 
 namespace device {
+
+namespace {
+
+// Of all ports of the process.
+std::recursive_mutex& tableLock()
+{
+    static auto& lock = *new std::recursive_mutex; // threads may call while the process ends
+    return lock;
+}
+
+// The part of a header that Windows 11's driver asks for.
+constexpr DWORD_PTR kLeastHeader = 32;
+
+// All that a client of any age must have; what follows is the driver's own.
+bool isWhole(const MIDIHDR* header, DWORD_PTR size)
+{
+    return header && size >= offsetof(MIDIHDR, dwOffset);
+}
+
+bool hasData(const MIDIHDR& header)
+{
+    return header.lpData && header.dwBufferLength > 0;
+}
+
+} // namespace
 
 // ---- Callbacks in progress ----------------------------------------------------------------------
 
@@ -25,7 +49,7 @@ Port::InProgress::~InProgress()
     count.fetch_sub(1, std::memory_order_release);
 }
 
-void Port::waitForOthers(std::chrono::milliseconds limit)
+void Port::waitForOthers()
 {
     int own = 0;
     for (const InProgress* c = InProgress::innermost; c; c = c->outer) {
@@ -37,12 +61,9 @@ void Port::waitForOthers(std::chrono::milliseconds limit)
             std::abort();
         }
     }
-    const auto end = std::chrono::steady_clock::now() + limit;
     for (int round = 0; callbacks.load() > own; ++round) {
         if (round < 100)
             std::this_thread::yield();
-        else if (std::chrono::steady_clock::now() > end)
-            return;
         else
             std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
@@ -50,73 +71,37 @@ void Port::waitForOthers(std::chrono::milliseconds limit)
 
 // ---- Windows 11's driver ------------------------------------------------------------------------
 
-namespace {
-
-// That a close waits for the worker.
-constexpr std::chrono::seconds kCloseLimit{10};
-
-// Of all ports of the process.
-std::recursive_mutex& tableLock()
-{
-    static auto& lock = *new std::recursive_mutex; // threads may call while the process ends
-    return lock;
-}
-
-} // namespace
-
 MMRESULT Port::lookUp(bool alsoRemoved)
 {
     if (!isWindows11())
         return MMSYSERR_NOERROR;
     const DriverLock table(tableLock());
     const DriverLock own(portLock);
-    return removed.load() && !alsoRemoved ? MMRESULT(MMSYSERR_NODRIVER)
-                                          : MMRESULT(MMSYSERR_NOERROR);
+    const bool isRemoved = isUnplugged() && settings.windows11.noticesRemoval;
+    return isRemoved && !alsoRemoved ? MMRESULT(MMSYSERR_NODRIVER) : MMRESULT(MMSYSERR_NOERROR);
 }
 
 void Port::unplug()
 {
     unplugged.store(true);
-    if (!isWindows11() || !settings.windows11.noticesRemoval)
-        return;
-    const DriverLock table(tableLock());
-    const DriverLock own(portLock);
-    removed.store(true);
+    if (settings.windows11.noticesRemoval)
+        lookUp(); // waits as any call
 }
 
 void Port::unload()
 {
-    {
-        const Lock held(lock);
-        if (!open.load())
-            return;
-        endWork();
-    }
+    Lock held(lock);
+    endWork();
+    held.unlock();
     waitForOthers();
-    {
-        Lock held(lock);
-        touchKept(held);
-    }
+    held.lock();
+    touchKept(held);
+    held.unlock();
     abandon();
     announce(closed);
 }
 
 // ---- Headers ------------------------------------------------------------------------------------
-
-namespace {
-
-// All that a client of any age must have; what follows is the driver's own.
-bool isWhole(const MIDIHDR* header, DWORD_PTR size)
-{
-    return header && size >= offsetof(MIDIHDR, dwOffset);
-}
-
-bool hasData(const MIDIHDR& header)
-{
-    return header.lpData && header.dwBufferLength > 0;
-}
-
-} // namespace
 
 // Once prepared it stays so, whatever else the flags say.
 MMRESULT Port::prepare(MIDIHDR* header, DWORD_PTR size)
@@ -147,8 +132,11 @@ MMRESULT Port::unprepare(MIDIHDR* header, DWORD_PTR size)
     return MMSYSERR_NOERROR;
 }
 
-MMRESULT Port::check(const MIDIHDR* header, DWORD_PTR size)
+MMRESULT Port::check(const MIDIHDR* header, DWORD_PTR size) const
 {
+    if (isWindows11()) // whatever the flags say
+        return header && size >= kLeastHeader ? MMRESULT(MMSYSERR_NOERROR)
+                                              : MMRESULT(MMSYSERR_INVALPARAM);
     if (!isWhole(header, size))
         return MMSYSERR_INVALPARAM;
     const DWORD flags = flagsOf(*header);
@@ -219,7 +207,7 @@ MMRESULT Port::close()
 
     released();
     if (waits) {
-        waitForOthers(isWindows11() ? kCloseLimit : kNoLimit);
+        waitForOthers();
         if (thread.joinable() && !onOwnThread())
             thread.join();
     }
@@ -282,13 +270,13 @@ Port::Notice Port::giveBack(UINT message, MIDIHDR* header, DWORD timeStamp)
     return {message, reinterpret_cast<DWORD_PTR>(header), timeStamp};
 }
 
-void Port::tell(Lock& held, const Notice& notice)
+void Port::tell(Lock& held, const Notices& due)
 {
     if (settings.ownThread) {
-        notices.push_back(notice);
+        notices.insert(notices.end(), due.begin(), due.end());
         changed.notify_all();
     } else {
-        callAll(held, {notice});
+        callAll(held, due);
     }
 }
 
@@ -304,19 +292,15 @@ void Port::waitInReset(Lock& held)
 
 void Port::tellReset(Lock& held, const Notices& due)
 {
-    if (!settings.ownThread) {
-        callAll(held, due);
-        return;
-    }
-    notices.insert(notices.end(), due.begin(), due.end());
-    changed.notify_all();
+    tell(held, due);
     if (settings.kind == DriverKind::WaitsInNeither) // its thread may be deep in a callback
         callAll(held, std::exchange(notices, {}));
     else if (settings.kind == DriverKind::WaitsInReset && !onOwnThread())
-        changed.wait_for(held, kNoLimit, [&] { return notices.empty() && !calling; });
+        changed.wait_for(held, std::chrono::hours(1000),
+                         [&] { return notices.empty() && !calling; });
 }
 
-// Inside the call that brings them about, or by whoever lets data arrive.
+// Inside the call that brings them about, by whoever lets data arrive, or on the port's own thread.
 void Port::callAll(Lock& held, const Notices& due)
 {
     held.unlock();
@@ -336,9 +320,7 @@ void Port::run()
             const Notice next = notices.front();
             notices.pop_front();
             calling = true;
-            held.unlock();
-            call(next);
-            held.lock();
+            callAll(held, {next});
             calling = false;
             if (notices.empty())
                 changed.notify_all();

@@ -3,17 +3,35 @@
 #pragma once
 
 #include "transport/MIDIByteStream.h"
-#include "workbench/device/Header.h"
 #include "workbench/device/Settings.h"
 #include "workbench/device/Threads.h"
 
 #include <atomic>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <thread>
 
 namespace device {
+
+// The flags of a header, shared between the driver's threads and whoever polls them. Their offset
+// of 24 in the packed header keeps them aligned, which a compiler does not know.
+inline DWORD* flagsAddress(const MIDIHDR& header)
+{
+    const char* const bytes = reinterpret_cast<const char*>(&header);
+    return reinterpret_cast<DWORD*>(const_cast<char*>(bytes + offsetof(MIDIHDR, dwFlags)));
+}
+
+inline DWORD flagsOf(const MIDIHDR& header)
+{
+    return __atomic_load_n(flagsAddress(header), __ATOMIC_ACQUIRE);
+}
+
+inline void setFlags(MIDIHDR& header, DWORD flags)
+{
+    __atomic_store_n(flagsAddress(header), flags, __ATOMIC_RELEASE);
+}
 
 // What has been lost. Bytes are those of SysEx messages, or of none; a short message counts as one.
 struct Loss
@@ -33,8 +51,6 @@ class Port
 public:
     using Callback = std::function<void(UINT message, DWORD_PTR parameter1, DWORD parameter2)>;
 
-    Port(const Port&) = delete;
-    Port& operator=(const Port&) = delete;
     virtual ~Port() = default;
 
     // Announces the opening, and starts the thread of a port that has one; `owner` keeps the port
@@ -108,18 +124,15 @@ protected:
     bool isWindows11() const { return settings.kind == DriverKind::Windows11; }
     // At the head of every call to a port of the Windows 11 kind: takes the lock of all ports and
     // inside it the port's. Whoever holds the port's, as a send does, so holds up every call to any
-    // port. MMSYSERR_NODRIVER once the port knows that it is removed.
+    // port. MMSYSERR_NODRIVER after a removal that is noticed.
     MMRESULT lookUp(bool alsoRemoved = false);
-    // Until only those callbacks are left that the calling thread itself is inside of, or the limit
-    // has passed. Without the lock.
-    static constexpr std::chrono::hours kNoLimit{1000};
-    void waitForOthers(std::chrono::milliseconds limit = kNoLimit);
+    // Until only those callbacks are left that the calling thread itself is inside of. Without the
+    // lock.
+    void waitForOthers();
     void call(const Notice& notice) const;
 
-    // The part of a header that Windows 11's driver asks for.
-    static constexpr DWORD_PTR kLeastHeader = 32;
-    // Whether the client of another kind may hand the header over now.
-    static MMRESULT check(const MIDIHDR* header, DWORD_PTR size);
+    // Whether the client may hand the header over now.
+    MMRESULT check(const MIDIHDR* header, DWORD_PTR size) const;
     static void markQueued(MIDIHDR& header);
 
     // For the destructors of those that work() belongs to. Waits for the thread, unless that is the
@@ -130,7 +143,7 @@ protected:
 
     // The header becomes the client's again, which must then be told.
     static Notice giveBack(UINT message, MIDIHDR* header, DWORD timeStamp);
-    void tell(Lock& held, const Notice& notice);
+    void tell(Lock& held, const Notices& due);
     // At the head of a reset, and at its end with what it brings about: waits as the kind says.
     void waitInReset(Lock& held);
     void tellReset(Lock& held, const Notices& due);
@@ -162,7 +175,6 @@ private:
     const Callback callback;
     std::atomic<bool> open{true}; // the thread ends when it is not and nothing is left to do
     std::atomic<bool> unplugged{false};
-    std::atomic<bool> removed{false}; // the port knows
     std::atomic<int> callbacks{0};
     bool calling = false; // the thread is inside a callback
     // Joining waits until it is gone, not just done with its work: Wine may crash a process that

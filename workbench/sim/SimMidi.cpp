@@ -315,8 +315,9 @@ void unloadDriver()
 bool shortMessage(int input, DWORD packed)
 {
     bool taken = false;
+    const MIDIPiece message{MIDIPiece::Kind::Short, packed};
     forEachClient(scriptedDevice<HMIDIIN>(input),
-                  [&](Port<HMIDIIN>& port) { taken = port.shortMessage(packed) || taken; });
+                  [&](Port<HMIDIIN>& port) { taken = port.takeNow(0, message) > 0 || taken; });
     return taken;
 }
 
@@ -327,7 +328,7 @@ std::size_t sysEx(int input, const void* bytes, std::size_t length)
     const MIDIPiece whole{
         MIDIPiece::Kind::SysEx, 0, static_cast<const unsigned char*>(bytes), length, true, true};
     forEachClient(scriptedDevice<HMIDIIN>(input),
-                  [&](Port<HMIDIIN>& port) { done = std::max(done, port.sysEx(script, whole)); });
+                  [&](Port<HMIDIIN>& port) { done = std::max(done, port.takeNow(script, whole)); });
     return done;
 }
 

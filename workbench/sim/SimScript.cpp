@@ -1,7 +1,7 @@
 // Failures, counters, hooks and the call log.
 #include "SimInternal.h"
 
-#include "workbench/device/Header.h"
+#include "workbench/device/Port.h"
 
 #include <atomic>
 #include <cstdio>
