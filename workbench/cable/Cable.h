@@ -17,7 +17,7 @@ inline BOOL controlCable(int command, bool input, UINT device)
 {
     const HMODULE driver = GetModuleHandleW(L"winelumora.drv");
     const auto function = reinterpret_cast<BOOL(WINAPI*)(int, BOOL, UINT)>(
-        reinterpret_cast<void*>(GetProcAddress(driver, "LumoraCableControl")));
+        reinterpret_cast<void (*)()>(GetProcAddress(driver, "LumoraCableControl")));
     return function ? function(command, input, device) : FALSE;
 }
 

@@ -172,6 +172,8 @@ try {
     case MIDM_GETNUMDEVS:
     case MODM_GETNUMDEVS:
         return static_cast<DWORD>(all.size());
+    default:
+        break;
     }
     if (device >= all.size())
         return MMSYSERR_BADDEVICEID;
@@ -186,6 +188,8 @@ try {
                         static_cast<DWORD>(parameter2));
     case MODM_GETVOLUME: // of a device or of an open port alike
         return parameter1 ? MMSYSERR_NOTSUPPORTED : MMSYSERR_INVALPARAM;
+    default:
+        break;
     }
     const Place::Client port = place.client(user);
     if (!port)
@@ -201,6 +205,8 @@ try {
     case MIDM_CLOSE:
     case MODM_CLOSE:
         return closePort(place, port);
+    default:
+        break;
     }
     return place.description.isInput
                ? inputMessage(static_cast<device::InputPort&>(*port), message, header, parameter2)

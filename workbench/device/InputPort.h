@@ -23,7 +23,6 @@ public:
     MMRESULT stop();
     MMRESULT reset();
 
-
     // From the senders, on any thread. Nothing is heard while the input is stopped.
     // The Windows 11 kind leaves it to its worker.
     void take(SourceId source, const MIDIPiece& piece);
