@@ -36,7 +36,8 @@ void logEvent(const char* direction, unsigned position, const std::string& text)
     const double now = static_cast<double>(device::steadyMicroseconds()) / 1000;
     WaitForSingleObject(turn, INFINITE);
     log << std::fixed << std::setprecision(3) << now << ' ' << direction << ' ' << position << ' '
-        << text << std::endl;
+        << text << '\n'
+        << std::flush;
     ReleaseMutex(turn);
 }
 
