@@ -4,6 +4,7 @@
 #include "tests/contract/MidiRecorder.h"
 #include "workbench/device/OutputPort.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -36,7 +37,9 @@ struct Client
 {
     device::Port::Callback callback()
     {
-        return [this](UINT message, DWORD_PTR parameter1, DWORD parameter2) {
+        const std::shared_ptr<void> end(
+            this, [](void* client) { static_cast<Client*>(client)->isPortGone = true; });
+        return [this, end](UINT message, DWORD_PTR parameter1, DWORD parameter2) {
             recorder.take(message, static_cast<DWORD>(parameter1), parameter2);
         };
     }
@@ -59,6 +62,7 @@ struct Client
         return buffer;
     }
 
+    std::atomic<bool> isPortGone{false}; // orders what follows behind the port's callbacks
     Recorder recorder;
     std::vector<std::unique_ptr<Buffer>> buffers;
     std::shared_ptr<Port> port;
@@ -78,9 +82,8 @@ struct Input : Client<device::InputPort>
             port->close();
         }
         // A thread of the port's own, for which no call has waited, frees the port when it ends.
-        const std::weak_ptr<device::InputPort> last = port;
         port.reset();
-        while (!last.expired())
+        while (!isPortGone)
             std::this_thread::yield();
     }
 
