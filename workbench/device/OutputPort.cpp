@@ -242,8 +242,8 @@ bool OutputPort::awaitWire(Lock& held, const Item& item, std::size_t length)
 
 void OutputPort::carry(Lock& held, const std::vector<MIDIPiece>& pieces)
 {
+    wire->connect(); // with the lock held, so that it does not undo the cancelling of a reset
     held.unlock();
-    wire->connect();
     Loss now;
     for (const MIDIPiece& piece : pieces) {
         if (piece.kind == MIDIPiece::Kind::Noise || isUnplugged() || !wire->take(piece))
