@@ -32,8 +32,8 @@ struct HandleSlot
 };
 
 // A handle is never used a second time before reset(), so that a stale one is always found out and
-// a waiter whose handle is closed under it still waits on valid memory. All zero, and
-// few enough for the compiler to see that, so that the kernel backs only what is used.
+// a waiter whose handle is closed under it still waits on valid memory. All zero, and few enough
+// for the compiler to see that, so that the kernel backs only what is used.
 constexpr std::size_t kHandleSlots = std::size_t(1) << 17;
 HandleSlot slots[kHandleSlots];
 std::atomic<std::size_t> slotsUsed{0};
